@@ -1,0 +1,263 @@
+#include "commandLine.h"
+#include "controlClient.h"
+#include "statusText.h"
+
+#include <cmath>
+#include <iostream>
+#include <limits>
+#include <runDir.h>
+
+namespace merlow::board {
+namespace {
+
+/// Exit statuses.
+enum Status : int { done = 0, refused = 1, usage = 2, noAnswer = 3, notFound = 4 };
+
+const Target brhd{"brhd", "BrhdControl"};
+const Target legacyd{"legacyd", "LegacydControl"};
+
+struct Options {
+    std::string runDir;
+    double timeout = 2;
+    bool json = false;
+    std::string target;
+    std::string kind;
+    std::string server;
+    std::string cause;
+    std::string fields;
+    std::uint32_t count = 1;
+    std::uint32_t ms = 0;
+    std::uint32_t ref = 0;
+    std::uint32_t signal = 0;
+    std::uint32_t number = 0;
+};
+
+/// What the command line came to: whom to ask, and what.
+struct Order {
+    std::vector<Target> targets;
+    nlohmann::json request;
+};
+
+constexpr const char* footer = R"(Kinds are requests by name, as bri::SetUtcTimeReq, bmmi::RegisterMmiUserReq,
+legacy::Connect, or legacy::NUMBER for any other signal; 'boardctl kinds' lists them.
+
+Exit status: 0 done, 1 refused, 2 usage, 3 no answer in time, 4 not found.
+
+  boardctl status
+  boardctl refuse bri::ConnEstablishReq --cause MAX_NUMBER_OF_CONNECTIONS_EXCEEDED
+  boardctl delay bmmi::RegisterMmiUserReq --ms 500
+  boardctl lose bri)";
+
+std::optional<Target> targetNamed(const std::string& name)
+{
+    if (name == "brhd" || name == "bri" || name == "bmmi") {
+        return brhd;
+    }
+    return name == "legacyd" || name == "legacy" ? std::optional(legacyd) : std::nullopt;
+}
+
+std::vector<Target> targetsOf(const Options& options)
+{
+    if (options.target.empty()) {
+        return {brhd, legacyd};
+    }
+    return {*targetNamed(options.target)};
+}
+
+CLI::App* addPlan(CLI::App& app, Options& options, const std::string& name, const std::string& what)
+{
+    CLI::App* plan = app.add_subcommand(name, what);
+    plan->add_option("KIND", options.kind, "The request whose next answer is meant")->required();
+    plan->add_option("--count", options.count, "How many answers")
+        ->check(CLI::Range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max(), "COUNT"));
+    return plan;
+}
+
+void addTarget(CLI::App& command, Options& options)
+{
+    command.add_option("PROGRAM", options.target, "brhd or legacyd; both when left out")
+        ->check(CLI::IsMember({"brhd", "legacyd"}));
+}
+
+void addCommands(CLI::App& app, Options& options)
+{
+    app.add_option("--timeout", options.timeout, "Seconds to wait for an answer")
+        ->check(CLI::Range(0.001, 86400.0))
+        ->capture_default_str();
+
+    CLI::App* status = app.add_subcommand("status", "Print what the neighbours hold and have counted");
+    addTarget(*status, options);
+    status->add_flag("--json", options.json, "As one JSON object");
+    CLI::App* kinds = app.add_subcommand("kinds", "List the kinds of answers that can be planned");
+    addTarget(*kinds, options);
+    kinds->add_flag("--json", options.json, "As one JSON object");
+
+    CLI::App* refuse = addPlan(app, options, "refuse", "Reject the next request of a kind");
+    refuse->add_option("--cause", options.cause, "The reason in the reject, by name");
+    CLI::App* delay = addPlan(app, options, "delay", "Serve the next request of a kind, answer it later");
+    delay->add_option("--ms", options.ms, "Milliseconds")->required();
+    addPlan(app, options, "drop", "Serve the next request of a kind, lose its answer");
+
+    CLI::App* lose = app.add_subcommand(
+        "lose", "Lose a server's connections: its mailbox goes and comes back, or one is forgotten silently");
+    lose->add_option("SERVER", options.server, "bri, bmmi or legacy")
+        ->required()
+        ->check(CLI::IsMember({"bri", "bmmi", "legacy"}));
+    lose->add_option("--ref", options.ref, "The server's reference of the one connection to forget");
+
+    CLI::App* answer = app.add_subcommand("answer", "Answer a signal that legacyd would echo");
+    answer->add_option("SIGNAL", options.signal, "The signal's number")->required();
+    answer->add_option("NUMBER", options.number, "The answer's number")->required();
+    answer->add_option("FIELDS", options.fields, "What follows the references in the answer, in hexadecimal");
+
+    CLI::App* clear = app.add_subcommand("clear", "Undo all plans and answers");
+    addTarget(*clear, options);
+}
+
+Order planOf(const CLI::App& command, const Options& options)
+{
+    nlohmann::json request{{"command", "plan"},
+                           {"action", command.get_name()},
+                           {"kind", options.kind},
+                           {"count", options.count}};
+    if (command.get_name() == "delay") {
+        request["ms"] = options.ms;
+    }
+    if (!options.cause.empty()) {
+        request["cause"] = options.cause;
+    }
+    const auto target = targetNamed(options.kind.substr(0, options.kind.find("::")));
+    return {target ? std::vector<Target>{*target} : std::vector<Target>{}, std::move(request)};
+}
+
+Order loseOf(const CLI::App& command, const Options& options)
+{
+    nlohmann::json request{{"command", "lose"}, {"server", options.server}};
+    if (command.count("--ref") != 0) {
+        request["ref"] = options.ref;
+    }
+    return {{*targetNamed(options.server)}, std::move(request)};
+}
+
+Order orderOf(const CLI::App& command, const Options& options)
+{
+    const std::string& name = command.get_name();
+    if (name == "lose") {
+        return loseOf(command, options);
+    }
+    if (name == "answer") {
+        return {{legacyd},
+                {{"command", "answer"},
+                 {"signal", options.signal},
+                 {"number", options.number},
+                 {"fields", options.fields}}};
+    }
+    if (name == "refuse" || name == "delay" || name == "drop") {
+        return planOf(command, options);
+    }
+    return {targetsOf(options), {{"command", name}}};
+}
+
+/// A neighbour's answer for people: on stdout when it was done, else on stderr.
+int report(const Target& target, const Reply& reply, const std::string& command)
+{
+    switch (reply.state) {
+    case Reply::State::notFound:
+        std::cerr << "boardctl: no " << target.program << " found in " << base::runDirPath() << "\n";
+        return notFound;
+    case Reply::State::noAnswer:
+        std::cerr << "boardctl: no answer from " << target.program << "\n";
+        return noAnswer;
+    case Reply::State::answered:
+        break;
+    }
+    const ControlAnswer& answer = reply.answer;
+    if (answer.result != ControlAnswer::Result::done) {
+        std::cerr << "boardctl: " << answer.text << "\n";
+    } else if (command == "status") {
+        std::cout << (target.program == brhd.program ? brhdStatusText(answer.data)
+                                                     : legacydStatusText(answer.data));
+    } else if (command == "kinds") {
+        std::cout << kindsText(answer.data);
+    } else {
+        std::cout << answer.text << "\n";
+    }
+    switch (answer.result) {
+    case ControlAnswer::Result::done:
+        return done;
+    case ControlAnswer::Result::refused:
+        return refused;
+    case ControlAnswer::Result::notFound:
+        return notFound;
+    case ControlAnswer::Result::usage:
+        break;
+    }
+    return usage;
+}
+
+/// The data of what was asked: that of the one program, or an object with a member for each, null for one
+/// that gave no answer.
+int reportJson(const std::vector<Target>& targets, const std::vector<Reply>& replies, bool single)
+{
+    nlohmann::json all;
+    int status = notFound;
+    for (std::size_t index = 0; index < targets.size(); ++index) {
+        const Reply& reply = replies[index];
+        const bool answered = reply.state == Reply::State::answered;
+        all[targets[index].program] = answered ? reply.answer.data : nlohmann::json();
+        if (answered) {
+            status = done;
+        } else if (reply.state == Reply::State::noAnswer && status != done) {
+            status = noAnswer;
+        }
+    }
+    std::cout << (single ? all[targets.front().program] : all)
+                     .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+              << "\n";
+    return status;
+}
+
+int carryOut(const CLI::App& command, const Options& options)
+{
+    const Order order = orderOf(command, options);
+    if (order.targets.empty()) {
+        std::cerr << "boardctl: \"" << options.kind
+                  << "\" is no kind of answer; kinds begin with bri::, bmmi:: or legacy::\n";
+        return usage;
+    }
+    ControlClient client;
+    if (const std::string objection = client.open(); !objection.empty()) {
+        std::cerr << "boardctl: " << objection << "\n";
+        return notFound;
+    }
+    const auto timeout = std::chrono::milliseconds(std::lround(std::ceil(options.timeout * 1000)));
+    const auto replies = client.ask(order.targets, order.request, timeout);
+    if (options.json) {
+        return reportJson(order.targets, replies, !options.target.empty());
+    }
+    // Asked for both, one that does not run is worth a line, not a failure.
+    int best = notFound;
+    for (std::size_t index = 0; index < replies.size(); ++index) {
+        best = std::min(best, report(order.targets[index], replies[index], command.get_name()));
+    }
+    return best;
+}
+
+} // namespace
+} // namespace merlow::board
+
+int main(int argc, char** argv)
+{
+    CLI::App app("Acts on the reference board's neighbours as a test engineer would.", "boardctl");
+    app.fallthrough(); // for the commands to come: options for all stand in front of a command or behind it
+    merlow::board::Options options;
+    merlow::board::addCommonOptions(app, options.runDir);
+    merlow::board::addCommands(app, options);
+    app.footer(merlow::board::footer);
+    app.require_subcommand(1);
+    if (const auto status = merlow::board::parseCommandLine(app, argc, argv)) {
+        return *status;
+    }
+    merlow::board::useRunDir(options.runDir);
+    return merlow::board::carryOut(*app.get_subcommands().front(), options);
+}

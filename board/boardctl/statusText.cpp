@@ -1,0 +1,199 @@
+#include "statusText.h"
+
+#include <array>
+#include <cstddef>
+#include <ctime>
+#include <sstream>
+
+namespace merlow::board {
+
+namespace {
+
+using nlohmann::json;
+
+/// The member as text; "-" when it is missing.
+std::string textOf(const json& object, const char* name)
+{
+    if (!object.is_object() || !object.contains(name) || object[name].is_null()) {
+        return "-";
+    }
+    const json& member = object[name];
+    return member.is_string() ? member.get<std::string>() : member.dump();
+}
+
+const json& memberOf(const json& object, const char* name)
+{
+    static const json nothing;
+    const auto found = object.is_object() ? object.find(name) : object.end();
+    return object.is_object() && found != object.end() ? *found : nothing;
+}
+
+std::string numbersOf(const json& list)
+{
+    std::string text;
+    for (const json& number : list) {
+        text += (text.empty() ? "" : ", ") + number.dump();
+    }
+    return text.empty() ? "none" : text;
+}
+
+std::string utcText(const json& seconds)
+{
+    if (!seconds.is_number_integer()) {
+        return "-";
+    }
+    const std::time_t time = seconds.get<std::time_t>();
+    std::tm parts{};
+    std::array<char, 32> text{};
+    if (gmtime_r(&time, &parts) == nullptr ||
+        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &parts) == 0) {
+        return seconds.dump();
+    }
+    return text.data();
+}
+
+void writeHeading(std::ostream& out, const json& status)
+{
+    out << textOf(status, "program") << " " << textOf(status, "version") << ", process "
+        << textOf(status, "pid") << "\n";
+}
+
+void writePlans(std::ostream& out, const json& status)
+{
+    for (const json& plan : memberOf(status, "plans")) {
+        out << "  planned: " << textOf(plan, "action") << " " << textOf(plan, "kind") << ", next "
+            << textOf(plan, "count");
+        if (plan.contains("ms")) {
+            out << ", " << textOf(plan, "ms") << " ms";
+        }
+        if (plan.contains("cause")) {
+            out << ", cause " << textOf(plan, "cause");
+        }
+        out << "\n";
+    }
+}
+
+void writePadded(std::ostream& out, const std::string& text, std::size_t width, bool right)
+{
+    const std::string gap(text.size() < width ? width - text.size() : 0, ' ');
+    out << (right ? gap + text : text + gap);
+}
+
+/// A line for each kind that came at all, a column for each count.
+void writeFrames(std::ostream& out, const json& server)
+{
+    static constexpr std::array<const char*, 6> columns{"received", "malformed", "confirmed",
+                                                        "rejected", "delayed",   "dropped"};
+    constexpr std::size_t kindWidth = 36;
+    constexpr std::size_t countWidth = 10;
+    writePadded(out, "    frames", kindWidth, false);
+    for (const char* column : columns) {
+        writePadded(out, column, countWidth, true);
+    }
+    out << "\n";
+    for (const auto& [kind, count] : memberOf(server, "received").items()) {
+        if (count == 0) {
+            continue;
+        }
+        writePadded(out, "    " + kind, kindWidth, false);
+        for (const char* column : columns) {
+            writePadded(out, textOf(memberOf(server, column), kind.c_str()), countWidth, true);
+        }
+        out << "\n";
+    }
+    out << "    dropped: " << textOf(server, "cutFrames") << " cut frames, "
+        << textOf(server, "unknownFrames") << " unknown frames, " << textOf(server, "wrongReferences")
+        << " with a wrong reference\n";
+}
+
+void writeServer(std::ostream& out, const json& server)
+{
+    out << "  " << textOf(server, "mailboxName") << ", mailbox " << textOf(server, "mailbox")
+        << ", revisions " << numbersOf(memberOf(server, "revisions")) << ", "
+        << memberOf(server, "connections").size() << " of " << textOf(server, "maxConnections")
+        << " connections\n";
+    for (const json& connection : memberOf(server, "connections")) {
+        out << "    connection " << textOf(connection, "ref") << ": client "
+            << textOf(connection, "clientRef") << " at " << textOf(connection, "clientMailbox")
+            << ", revision " << textOf(connection, "revision") << "\n";
+    }
+    for (const json& source : memberOf(server, "timeSources")) {
+        out << "    time source " << textOf(source, "ref") << ": connection "
+            << textOf(source, "connectionRef") << ", " << textOf(source, "accuracy") << ", told "
+            << utcText(memberOf(source, "toldTime")) << "\n";
+    }
+    for (const json& user : memberOf(server, "users")) {
+        out << "    MMI user " << textOf(user, "id") << ": connection " << textOf(user, "connectionRef")
+            << ", " << textOf(user, "priority") << "\n";
+    }
+    if (const json& utcTime = memberOf(server, "utcTime"); utcTime.is_object()) {
+        out << "    board time " << utcText(memberOf(utcTime, "now")) << ", " << textOf(utcTime, "offset")
+            << " s off the system's, from "
+            << (memberOf(utcTime, "believedSource") == 0 ? "no source"
+                                                         : "time source " + textOf(utcTime, "believedSource"))
+            << "\n";
+    }
+    writeFrames(out, server);
+}
+
+} // namespace
+
+std::string brhdStatusText(const json& status)
+{
+    std::ostringstream out;
+    writeHeading(out, status);
+    writeServer(out, memberOf(status, "bri"));
+    writeServer(out, memberOf(status, "bmmi"));
+    writePlans(out, status);
+    return out.str();
+}
+
+std::string legacydStatusText(const json& status)
+{
+    std::ostringstream out;
+    writeHeading(out, status);
+    out << "  " << textOf(status, "mailboxName") << ", mailbox " << textOf(status, "mailbox") << ", "
+        << memberOf(status, "connections").size() << " connections\n";
+    for (const json& connection : memberOf(status, "connections")) {
+        out << "    connection " << textOf(connection, "serverRef") << ": client "
+            << textOf(connection, "clientRef") << " at " << textOf(connection, "clientMailbox")
+            << ", revision " << textOf(connection, "protocolRev") << "\n";
+    }
+    out << "    connections " << textOf(status, "confirmed") << " confirmed, " << textOf(status, "rejected")
+        << " rejected; signals " << textOf(status, "echoed") << " echoed, "
+        << textOf(status, "answeredByRule") << " answered by rules, " << textOf(status, "delayed")
+        << " delayed, " << textOf(status, "dropped") << " dropped; " << textOf(status, "tooShort")
+        << " too short, " << textOf(status, "strayAnswers") << " stray connection answers\n";
+    for (const auto& [kind, count] : memberOf(status, "received").items()) {
+        out << "    " << kind << " received " << count << "\n";
+    }
+    for (const json& rule : memberOf(status, "rules")) {
+        out << "  rule: " << textOf(rule, "signal") << " is answered with " << textOf(rule, "number")
+            << " and " << textOf(rule, "fieldBytes") << " bytes of fields\n";
+    }
+    writePlans(out, status);
+    return out.str();
+}
+
+std::string kindsText(const json& kinds)
+{
+    std::ostringstream out;
+    for (const json& kind : kinds) {
+        out << textOf(kind, "kind") << ": delay, drop";
+        if (memberOf(kind, "canRefuse") == true) {
+            out << ", refuse";
+        }
+        std::string causes;
+        for (const json& cause : memberOf(kind, "causes")) {
+            causes += (causes.empty() ? "" : ", ") + (cause.is_string() ? cause.get<std::string>() : "");
+        }
+        if (!causes.empty()) {
+            out << " (causes " << causes << (memberOf(kind, "freeCause") == true ? ", or any text" : "")
+                << ")";
+        }
+        out << "\n";
+    }
+    return out.str();
+}
+
+} // namespace merlow::board

@@ -1,0 +1,105 @@
+#include "brhd.h"
+
+#include <utility>
+
+namespace merlow::board {
+
+using Result = ControlAnswer::Result;
+
+Brhd::Brhd(Config config, BoardClock::SystemClock systemClock, Outbox& outbox)
+    : m_outbox(outbox), m_bri(std::move(config.bri), std::move(systemClock), outbox, m_plans),
+      m_bmmi(std::move(config.bmmi), outbox, m_plans)
+{
+}
+
+std::vector<std::string> Brhd::mailboxNames() const
+{
+    return {m_bri.mailboxName(), m_bmmi.mailboxName()};
+}
+
+void Brhd::attach(const std::string& mailboxName, MailboxId mailbox)
+{
+    for (BrhServer* server : {static_cast<BrhServer*>(&m_bri), static_cast<BrhServer*>(&m_bmmi)}) {
+        if (server->mailboxName() == mailboxName) {
+            server->attach(mailbox);
+        }
+    }
+}
+
+void Brhd::receive(const Received& received)
+{
+    if (received.receiver == m_bri.mailbox()) {
+        m_bri.receive(received);
+    } else if (received.receiver == m_bmmi.mailbox()) {
+        m_bmmi.receive(received);
+    }
+}
+
+void Brhd::mailboxGone(MailboxId mailbox)
+{
+    m_bri.clientGone(mailbox);
+    m_bmmi.clientGone(mailbox);
+}
+
+nlohmann::json Brhd::status() const
+{
+    return {{"bri", m_bri.status()}, {"bmmi", m_bmmi.status()}, {"plans", m_plans.toJson()}};
+}
+
+std::vector<AnswerKind> Brhd::kinds() const
+{
+    auto kinds = m_bri.kinds();
+    for (AnswerKind& kind : m_bmmi.kinds()) {
+        kinds.push_back(std::move(kind));
+    }
+    return kinds;
+}
+
+std::optional<AnswerKind> Brhd::findKind(const std::string& kind) const
+{
+    const auto found = m_bri.findKind(kind);
+    return found ? found : m_bmmi.findKind(kind);
+}
+
+BrhServer* Brhd::serverNamed(const std::string& name)
+{
+    if (name == "bri") {
+        return &m_bri;
+    }
+    return name == "bmmi" ? &m_bmmi : nullptr;
+}
+
+ControlAnswer Brhd::lose(const std::string& server, std::optional<std::uint32_t> ref)
+{
+    BrhServer* const lost = serverNamed(server);
+    if (lost == nullptr) {
+        return {Result::usage, "brhd has the servers bri and bmmi, not \"" + server + "\"", {}};
+    }
+    if (ref) {
+        if (!lost->loseConnection(*ref)) {
+            return {Result::notFound, server + " has no connection " + std::to_string(*ref), {}};
+        }
+        return {Result::done, server + " forgot connection " + std::to_string(*ref), {}};
+    }
+    const std::size_t count = lost->loseAllConnections();
+    const MailboxId mailbox = m_outbox.reopenMailbox(lost->mailbox());
+    lost->attach(mailbox);
+    if (mailbox == noMailbox) {
+        return {Result::refused, "the mailbox " + lost->mailboxName() + " could not be made again", {}};
+    }
+    return {Result::done,
+            lost->mailboxName() + " went and came back; it lost " + std::to_string(count) + " connections",
+            {}};
+}
+
+ControlAnswer Brhd::clear()
+{
+    return {Result::done, "brhd cleared " + std::to_string(m_plans.clear()) + " plans", {}};
+}
+
+ControlAnswer Brhd::control(const std::string& command, const nlohmann::json& /*request*/)
+{
+    return {Result::usage, "brhd has no command \"" + command + "\"", {}};
+}
+
+} // namespace merlow::board

@@ -1,0 +1,44 @@
+/// The board resource handler of the reference board: both its servers behind one process.
+#pragma once
+
+#include "bmmiServer.h"
+#include "briServer.h"
+#include "service.h"
+
+namespace merlow::board {
+
+class Brhd : public Service {
+public:
+    struct Config {
+        BrhServerConfig bri;
+        BrhServerConfig bmmi;
+    };
+
+    Brhd(Config config, BoardClock::SystemClock systemClock, Outbox& outbox);
+
+    std::string name() const override { return "brhd"; }
+    std::string controlMailboxName() const override { return "BrhdControl"; }
+    std::vector<std::string> mailboxNames() const override;
+    void attach(const std::string& mailboxName, MailboxId mailbox) override;
+
+    void receive(const Received& received) override;
+    void mailboxGone(MailboxId mailbox) override;
+
+    nlohmann::json status() const override;
+    std::vector<AnswerKind> kinds() const override;
+    AnswerPlans& plans() override { return m_plans; }
+    std::optional<AnswerKind> findKind(const std::string& kind) const override;
+    ControlAnswer lose(const std::string& server, std::optional<std::uint32_t> ref) override;
+    ControlAnswer clear() override;
+    ControlAnswer control(const std::string& command, const nlohmann::json& request) override;
+
+private:
+    BrhServer* serverNamed(const std::string& name);
+
+    Outbox& m_outbox;
+    AnswerPlans m_plans;
+    BriServer m_bri;
+    BmmiServer m_bmmi;
+};
+
+} // namespace merlow::board

@@ -1,0 +1,102 @@
+#include "briServer.h"
+
+#include "boardDescription.h"
+
+#include <utility>
+
+namespace merlow::board {
+
+namespace bri = boardresourcehandler::bri;
+
+namespace {
+
+std::optional<TimeAccuracy> accuracyOf(const bri::RegisterUtcTimeSourceReq& req)
+{
+    if (!req.has_accuracy()) {
+        return std::nullopt;
+    }
+    return req.accuracy() == bri::RegisterUtcTimeSourceReq::NORMAL ? TimeAccuracy::normal
+                                                                   : TimeAccuracy::reduced;
+}
+
+} // namespace
+
+BriServer::BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock, Outbox& outbox,
+                     AnswerPlans& plans)
+    : BrhServer("bri::", bri::BriServerMetadata().name(), std::move(config), outbox, plans),
+      m_clock(std::move(systemClock))
+{
+    onConnEstablish<bri::ConnEstablishReq, bri::ConnEstablishCfm, bri::ConnEstablishRej>();
+    onRequest<bri::GetCapabilitiesReq, bri::GetCapabilitiesRej>(&BriServer::handleGetCapabilitiesReq);
+    onRequest<bri::RegisterUtcTimeSourceReq, bri::RegisterUtcTimeSourceRej>(
+        &BriServer::handleRegisterUtcTimeSourceReq);
+    onRequest<bri::UnregisterUtcTimeSourceReq, bri::UnregisterUtcTimeSourceRej>(
+        &BriServer::handleUnregisterUtcTimeSourceReq);
+    onRequest<bri::SetUtcTimeReq, bri::SetUtcTimeRej>(&BriServer::handleSetUtcTimeReq);
+    leaveUnanswered<bri::GetProductInfoReq>();
+    leaveUnanswered<bri::GetContainerPidReq>();
+    leaveUnanswered<bri::SubscribeFaultsReq>();
+}
+
+BrhAnswer BriServer::handleGetCapabilitiesReq(const Connection& /*connection*/,
+                                              const bri::GetCapabilitiesReq& /*req*/)
+{
+    return confirmWith(builtInBriCapabilities());
+}
+
+BrhAnswer BriServer::handleRegisterUtcTimeSourceReq(const Connection& connection,
+                                                    const bri::RegisterUtcTimeSourceReq& req)
+{
+    const auto accuracy = accuracyOf(req);
+    const auto ref = accuracy ? m_clock.registerSource(connection.ref, *accuracy) : std::nullopt;
+    if (!ref) {
+        return rejectWith(bri::RegisterUtcTimeSourceRej());
+    }
+    bri::RegisterUtcTimeSourceCfm cfm;
+    cfm.set_utc_time_source_ref(*ref);
+    return confirmWith(std::move(cfm));
+}
+
+BrhAnswer BriServer::handleUnregisterUtcTimeSourceReq(const Connection& connection,
+                                                      const bri::UnregisterUtcTimeSourceReq& req)
+{
+    // A client whose registration was refused unregisters 0: there is nothing to free, and nothing is wrong.
+    const std::uint32_t ref = req.utc_time_source_ref();
+    if (ref != 0 && !m_clock.unregisterSource(connection.ref, ref)) {
+        return rejectWith(bri::UnregisterUtcTimeSourceRej());
+    }
+    return confirmWith(bri::UnregisterUtcTimeSourceCfm());
+}
+
+BrhAnswer BriServer::handleSetUtcTimeReq(const Connection& connection, const bri::SetUtcTimeReq& req)
+{
+    if (!req.has_utc_time() || !m_clock.setTime(connection.ref, req.utc_time_source_ref(), req.utc_time())) {
+        return rejectWith(bri::SetUtcTimeRej());
+    }
+    return confirmWith(bri::SetUtcTimeCfm());
+}
+
+void BriServer::connectionEnded(const Connection& connection)
+{
+    m_clock.connectionEnded(connection.ref);
+}
+
+nlohmann::json BriServer::status() const
+{
+    nlohmann::json status = BrhServer::status();
+    nlohmann::json sources = nlohmann::json::array();
+    for (const auto& [ref, entry] : m_clock.sources().entries()) {
+        const BoardClock::Source& source = entry.value;
+        sources.push_back(
+            {{"ref", ref},
+             {"connectionRef", entry.connectionRef},
+             {"accuracy", source.accuracy == TimeAccuracy::normal ? "NORMAL" : "REDUCED"},
+             {"toldTime", source.toldTime ? nlohmann::json(*source.toldTime) : nlohmann::json()}});
+    }
+    status["timeSources"] = std::move(sources);
+    status["utcTime"] = {
+        {"now", m_clock.now()}, {"offset", m_clock.offset()}, {"believedSource", m_clock.believedSource()}};
+    return status;
+}
+
+} // namespace merlow::board

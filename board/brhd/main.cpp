@@ -1,0 +1,62 @@
+#include "brhd.h"
+#include "commandLine.h"
+#include "host.h"
+
+#include <chrono>
+#include <limits>
+#include <vector>
+
+namespace {
+
+std::int64_t systemTime()
+{
+    using namespace std::chrono;
+    return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+}
+
+struct Options {
+    std::string runDir;
+    std::vector<std::uint32_t> briRevisions{1};
+    std::vector<std::uint32_t> bmmiRevisions{1};
+    std::size_t maxConnections = merlow::board::BrhServerConfig().maxConnections;
+};
+
+void addOptions(CLI::App& app, Options& options)
+{
+    const CLI::Range anyRevision(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max(), "REVISION");
+    merlow::board::addCommonOptions(app, options.runDir);
+    app.add_option("--bri-revisions", options.briRevisions, "Protocol revisions that BriServer supports")
+        ->delimiter(',')
+        ->check(anyRevision)
+        ->capture_default_str();
+    app.add_option("--bmmi-revisions", options.bmmiRevisions, "Protocol revisions that BmmiServer supports")
+        ->delimiter(',')
+        ->check(anyRevision)
+        ->capture_default_str();
+    app.add_option("--max-connections", options.maxConnections, "Connections that each server accepts")
+        ->capture_default_str();
+}
+
+merlow::board::Brhd::Config configOf(const Options& options)
+{
+    return {{{options.briRevisions.begin(), options.briRevisions.end()}, options.maxConnections},
+            {{options.bmmiRevisions.begin(), options.bmmiRevisions.end()}, options.maxConnections}};
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("The reference board's resource handler: the BRI and the BMMI server. Ends on SIGTERM and "
+                 "SIGINT.",
+                 "brhd");
+    Options options;
+    addOptions(app, options);
+    if (const auto status = merlow::board::parseCommandLine(app, argc, argv)) {
+        return *status;
+    }
+    merlow::board::useRunDir(options.runDir);
+    merlow::board::Host host;
+    merlow::board::Brhd brhd(configOf(options), systemTime, host);
+    return host.run(brhd);
+}

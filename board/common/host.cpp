@@ -1,0 +1,285 @@
+#include "host.h"
+
+#include "control.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <eventLoopIf.h>
+#include <iostream>
+#include <runDir.h>
+#include <rushlog.h>
+#include <scryTrace.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace merlow::board {
+
+namespace {
+
+constexpr std::uint32_t maxMailboxes = 16;
+constexpr const char* logCategory = "RadioApplication,RadioBoardCtrl";
+
+Loomwork::EventLoop::V1::EventLoopIf& loop()
+{
+    return Loomwork::EventLoop::V1::EventLoopIf::getInstance();
+}
+
+sigset_t endingSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
+std::string reasonOf(int error)
+{
+    return std::generic_category().message(error);
+}
+
+std::string listOf(const std::vector<std::string>& names)
+{
+    std::string list;
+    for (const std::string& name : names) {
+        list += (list.empty() ? "" : " and ") + name;
+    }
+    return list;
+}
+
+} // namespace
+
+Host::Host()
+{
+    const sigset_t signals = endingSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+Host::~Host()
+{
+    for (const int fd : {m_signalFd, m_timerFd}) {
+        if (fd >= 0) {
+            loop().removeFd(fd);
+            close(fd);
+        }
+    }
+}
+
+int Host::run(Service& service)
+{
+    m_service = &service;
+    scryStart(); // what fails there it tells the remote log, and this process works all the same
+    if (const int result = mnet_init(maxMailboxes, 0, nullptr, 0); result != 0) {
+        fail("the run-time folder " + base::runDirPath() + " cannot be used: " + reasonOf(errno));
+        return m_exitStatus;
+    }
+    if (openMailboxes() && openDescriptors()) {
+        const std::string line = "serving " + listOf(service.mailboxNames()) + " in " + base::runDirPath();
+        std::cerr << service.name() << ": " << line << std::endl;
+        rushlog_log(logCategory, (service.name() + " " + line).c_str());
+        if (loop().run() != 0) {
+            fail("the event loop failed: " + reasonOf(errno));
+        }
+        loop().removeFd(mnet_get_fd());
+    }
+    m_inHand.reset();
+    mnet_exit();
+    return m_exitStatus;
+}
+
+bool Host::openMailboxes()
+{
+    m_control = mnet_create_mailbox(m_service->controlMailboxName().c_str(), 0);
+    if (m_control == MNET_MBOX_NONE) {
+        fail(errno == EEXIST
+                 ? "another " + m_service->name() + " is running in " + base::runDirPath()
+                 : "the mailbox " + m_service->controlMailboxName() + " cannot be made: " + reasonOf(errno));
+        return false;
+    }
+    for (const std::string& name : m_service->mailboxNames()) {
+        const MailboxId mailbox = mnet_create_mailbox(name.c_str(), 0);
+        if (mailbox == MNET_MBOX_NONE) {
+            fail(errno == EEXIST ? "another program has the mailbox " + name + " in " + base::runDirPath()
+                                 : "the mailbox " + name + " cannot be made: " + reasonOf(errno));
+            return false;
+        }
+        m_mailboxes.emplace(mailbox, name);
+        m_service->attach(name, mailbox);
+    }
+    return true;
+}
+
+bool Host::openDescriptors()
+{
+    const sigset_t signals = endingSignals();
+    m_signalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    m_timerFd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    const int mnetFd = mnet_get_fd();
+    if (m_signalFd < 0 || m_timerFd < 0 || mnetFd < 0 ||
+        loop().addFd(m_signalFd, EPOLLIN, [this](int, unsigned int) { handleSignal(); }) != 0 ||
+        loop().addFd(m_timerFd, EPOLLIN, [this](int, unsigned int) { handleTimer(); }) != 0 ||
+        loop().addFd(mnetFd, EPOLLIN, [this](int, unsigned int) { handleMailboxes(); }) != 0) {
+        fail("descriptors cannot be opened: " + reasonOf(errno));
+        return false;
+    }
+    return true;
+}
+
+void Host::fail(const std::string& text)
+{
+    m_exitStatus = 1;
+    std::cerr << m_service->name() << ": " << text << std::endl;
+    rushlog_log(logCategory, (m_service->name() + " " + text).c_str());
+}
+
+/// One message for each wake-up: a second look at the queue would cost more than the loop's own.
+void Host::handleMailboxes()
+{
+    m_inHand.reset(mnet_receive(nullptr, 0, MNET_FROM_ANY));
+    if (!m_inHand) {
+        return;
+    }
+    const mnet_msg* msg = m_inHand.get();
+    const Received received{mnet_sender(msg), mnet_receiver(msg),
+                            BytesView(reinterpret_cast<const std::byte*>(msg), mnet_size(msg))};
+    if (mnet_is_notice(msg) == 1) {
+        m_watched.erase(received.sender);
+        m_service->mailboxGone(received.sender);
+    } else if (received.receiver == m_control) {
+        handleControl(received);
+    } else {
+        m_service->receive(received);
+    }
+    m_inHand.reset();
+}
+
+void Host::handleControl(const Received& received)
+{
+    const auto request = decodeControl(received.bytes, controlRequest);
+    if (!request) {
+        BOARD_LOG(*this, LogLevel::abnormal,
+                  "ABN: dropped " << received.bytes.size() << " bytes from " << hex(received.sender)
+                                  << " that are no control request");
+        return;
+    }
+    const ControlAnswer answer = serveControl(*m_service, request->body);
+    BOARD_LOG(*this, LogLevel::info, "control " << request->body.dump() << ": " << answer.text);
+    send(m_control, received.sender, encodeControl(controlAnswer, request->ref, toJson(answer)));
+}
+
+void Host::handleTimer()
+{
+    std::uint64_t expirations = 0;
+    if (read(m_timerFd, &expirations, sizeof expirations) != static_cast<ssize_t>(sizeof expirations)) {
+        return;
+    }
+    const auto now = Clock::now();
+    while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
+        const auto due = m_delayed.extract(m_delayed.begin());
+        send(due.mapped().from, due.mapped().to, due.mapped().message);
+    }
+    armTimer();
+}
+
+void Host::handleSignal()
+{
+    signalfd_siginfo info{};
+    if (read(m_signalFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        loop().stop();
+    }
+}
+
+/// For the first of the delayed messages, if there is any.
+void Host::armTimer()
+{
+    itimerspec timer{};
+    if (!m_delayed.empty()) {
+        using namespace std::chrono;
+        const auto left = std::max<nanoseconds>(m_delayed.begin()->first - Clock::now(), nanoseconds(1));
+        timer.it_value.tv_sec = duration_cast<seconds>(left).count();
+        timer.it_value.tv_nsec = (left % seconds(1)).count();
+    }
+    timerfd_settime(m_timerFd, 0, &timer, nullptr);
+}
+
+void Host::send(MailboxId from, MailboxId to, BytesView message)
+{
+    mnet_msg* msg = mnet_alloc(message.size(), 0);
+    if (msg == nullptr) {
+        BOARD_LOG(*this, LogLevel::error,
+                  "no memory for a message of " << message.size() << " bytes to " << hex(to));
+        return;
+    }
+    std::memcpy(msg, message.data(), message.size());
+    if (mnet_send(&msg, to, from) != 0 && errno != ENOENT) {
+        BOARD_LOG(*this, LogLevel::abnormal, "ABN: cannot send to " << hex(to) << ": " << reasonOf(errno));
+    }
+}
+
+void Host::sendBack(const Received& received)
+{
+    mnet_msg* msg = m_inHand.release();
+    if (mnet_send(&msg, received.sender, received.receiver) != 0 && errno != ENOENT) {
+        BOARD_LOG(*this, LogLevel::abnormal,
+                  "ABN: cannot send back to " << hex(received.sender) << ": " << reasonOf(errno));
+    }
+}
+
+void Host::sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message)
+{
+    if (m_delayed.size() >= maxDelayed) {
+        BOARD_LOG(*this, LogLevel::error, "too many delayed messages, lost one to " << hex(to));
+        return;
+    }
+    m_delayed.emplace(Clock::now() + delay, Delayed{from, to, std::move(message)});
+    armTimer();
+}
+
+bool Host::watch(MailboxId mailbox)
+{
+    if (m_watched.contains(mailbox)) {
+        return true;
+    }
+    mnet_msg* noticeMessage = nullptr;
+    if (mnet_monitor(mailbox, &noticeMessage) == MNET_MBOX_NONE) {
+        BOARD_LOG(*this, LogLevel::error, "cannot watch " << hex(mailbox) << ": " << reasonOf(errno));
+        return false;
+    }
+    m_watched.insert(mailbox);
+    return true;
+}
+
+MailboxId Host::reopenMailbox(MailboxId mailbox)
+{
+    const auto entry = m_mailboxes.extract(mailbox);
+    const std::string name = entry.empty() ? "" : entry.mapped();
+    std::erase_if(m_delayed, [mailbox](const auto& delayed) { return delayed.second.from == mailbox; });
+    mnet_delete_mailbox(mailbox);
+    const MailboxId reopened = mnet_create_mailbox(name.c_str(), 0);
+    if (reopened == MNET_MBOX_NONE) {
+        // Without its mailbox the service is of no use to anyone; whoever supervises it starts a new one.
+        fail("the mailbox " + name + " cannot be made again: " + reasonOf(errno));
+        loop().stop();
+        return noMailbox;
+    }
+    m_mailboxes.emplace(reopened, name);
+    return reopened;
+}
+
+bool Host::logs(LogLevel level) const
+{
+    return (procInfo->mask >> static_cast<unsigned>(level) & 1U) != 0;
+}
+
+void Host::log(LogLevel level, const char* file, unsigned line, const std::string& text)
+{
+    lttngScryTrace(static_cast<unsigned>(level), short_fname(file), line, text.c_str(), procInfo);
+}
+
+} // namespace merlow::board

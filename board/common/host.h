@@ -1,0 +1,77 @@
+/// The process around a neighbour: mailboxes, event loop, timers, signals, control requests.
+#pragma once
+
+#include "outbox.h"
+#include "service.h"
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mnet.h>
+#include <set>
+#include <string>
+
+namespace merlow::board {
+
+struct FreeMessage {
+    void operator()(mnet_msg* msg) const { mnet_free(&msg); }
+};
+using MessagePtr = std::unique_ptr<mnet_msg, FreeMessage>;
+
+/// Runs a service on the calling thread until SIGTERM or SIGINT.
+///
+/// The control mailbox is the first and stays to the end, so that it is the thread's own one, to which the
+/// notices of watched mailboxes come, whatever becomes of the others.
+class Host : public Outbox {
+public:
+    /// Blocks the signals that end the process, for all threads that start from here on.
+    Host();
+    ~Host() override;
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    /// The exit status: 0 after a signal; 1, with a line on stderr, when the service could not be given or
+    /// not be kept up.
+    int run(Service& service);
+
+    void send(MailboxId from, MailboxId to, BytesView message) override;
+    void sendBack(const Received& received) override;
+    void sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message) override;
+    [[nodiscard]] bool watch(MailboxId mailbox) override;
+    [[nodiscard]] MailboxId reopenMailbox(MailboxId mailbox) override;
+    [[nodiscard]] bool logs(LogLevel level) const override;
+    void log(LogLevel level, const char* file, unsigned line, const std::string& text) override;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Delayed {
+        MailboxId from;
+        MailboxId to;
+        Bytes message;
+    };
+
+    /// Delayed messages that are kept at most; more are lost, with a line in the log.
+    static constexpr std::size_t maxDelayed = 65536;
+
+    bool openMailboxes();
+    bool openDescriptors();
+    void fail(const std::string& text);
+    void handleMailboxes();
+    void handleControl(const Received& received);
+    void handleTimer();
+    void handleSignal();
+    void armTimer();
+
+    Service* m_service = nullptr;
+    int m_signalFd = -1;
+    int m_timerFd = -1;
+    MailboxId m_control = noMailbox;
+    std::map<MailboxId, std::string> m_mailboxes; ///< of the service
+    std::set<MailboxId> m_watched;
+    std::multimap<Clock::time_point, Delayed> m_delayed;
+    MessagePtr m_inHand; ///< what is being handled, until it is sent back
+    int m_exitStatus = 0;
+};
+
+} // namespace merlow::board

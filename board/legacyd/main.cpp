@@ -1,0 +1,19 @@
+#include "commandLine.h"
+#include "host.h"
+#include "legacyServer.h"
+
+int main(int argc, char** argv)
+{
+    CLI::App app("The reference board's legacy server: confirms connections and echoes all other signals. "
+                 "Ends on SIGTERM and SIGINT.",
+                 "legacyd");
+    std::string runDir;
+    merlow::board::addCommonOptions(app, runDir);
+    if (const auto status = merlow::board::parseCommandLine(app, argc, argv)) {
+        return *status;
+    }
+    merlow::board::useRunDir(runDir);
+    merlow::board::Host host;
+    merlow::board::LegacyServer server(host);
+    return host.run(server);
+}

@@ -1,0 +1,133 @@
+# How everything here is compiled, and the three functions that folders use: a library of the platform or
+# the server, a schema library, a test program.
+
+include(GNUInstallDirs)
+include(CheckCXXCompilerFlag)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1 -DNDEBUG")
+set(CMAKE_C_FLAGS_RELEASE "-O2 -g1 -DNDEBUG")
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+
+set(MERLOW_SANITIZE "" CACHE STRING "Sanitizers for everything, as -fsanitize takes them")
+option(MERLOW_COVERAGE "Instrument for gcov" OFF)
+option(MERLOW_FUZZ "Build the fuzz targets with libFuzzer" OFF)
+
+find_program(MERLOW_CCACHE ccache)
+if(MERLOW_CCACHE)
+    set(CMAKE_C_COMPILER_LAUNCHER "${MERLOW_CCACHE}")
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env
+        "CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime" "${MERLOW_CCACHE}")
+    add_compile_options($<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fpch-preprocess>)
+endif()
+
+# Debian's hardening flags, for every build that a sanitizer does not already watch.
+if(MERLOW_SANITIZE)
+    # Without optimisation: the checks cost more in the compiler than they do in the tests.
+    add_compile_options(-fsanitize=${MERLOW_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O0 -g1)
+    add_link_options(-fsanitize=${MERLOW_SANITIZE})
+else()
+    add_compile_options(-fstack-protector-strong -Wformat -Werror=format-security)
+    if(CMAKE_BUILD_TYPE STREQUAL "Release")
+        add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+    endif()
+    add_link_options(LINKER:-z,relro,-z,now)
+endif()
+if(MERLOW_COVERAGE)
+    add_compile_options(--coverage)
+    add_link_options(--coverage)
+endif()
+
+# The project's own code is held to these; generated code is not.
+add_library(merlow_warnings INTERFACE)
+target_compile_options(merlow_warnings INTERFACE
+    -Wall -Wextra -Wconversion -Wshadow -Werror
+    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual>)
+if(NOT MERLOW_SANITIZE)
+    target_link_options(merlow_warnings INTERFACE LINKER:--no-undefined)
+endif()
+
+# merlow_library(NAME SOURCES ... [PUBLIC_LIBS ...] [PRIVATE_LIBS ...]): a shared library lib<NAME> with the
+# headers of inc/ public and those of src/ its own.
+function(merlow_library name)
+    cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
+    add_library(${name} SHARED ${arg_SOURCES})
+    target_include_directories(${name}
+        PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/inc> PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+    target_link_libraries(${name} PUBLIC ${arg_PUBLIC_LIBS} PRIVATE ${arg_PRIVATE_LIBS} merlow_warnings)
+    set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endfunction()
+
+# merlow_schema(NAME FILE): compiles one .proto into the shared library lib<NAME>. Once for everybody: two
+# copies of one schema in a process abort at load.
+function(merlow_schema name file)
+    get_filename_component(dir "${CMAKE_CURRENT_SOURCE_DIR}/${file}" DIRECTORY)
+    get_filename_component(stem "${file}" NAME_WE)
+    set(out "${CMAKE_CURRENT_BINARY_DIR}/gen")
+    file(MAKE_DIRECTORY "${out}")
+    add_custom_command(
+        OUTPUT "${out}/${stem}.pb.cc" "${out}/${stem}.pb.h"
+        COMMAND protobuf::protoc --cpp_out=dllexport_decl=MERLOW_SCHEMA_EXPORT:${out} -I "${dir}"
+                "${CMAKE_CURRENT_SOURCE_DIR}/${file}"
+        DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/${file}"
+        VERBATIM)
+    add_library(${name} SHARED "${out}/${stem}.pb.cc" "${out}/${stem}.pb.h")
+    target_include_directories(${name} SYSTEM PUBLIC $<BUILD_INTERFACE:${out}>)
+    target_compile_definitions(${name} PUBLIC "MERLOW_SCHEMA_EXPORT=__attribute__((visibility(\"default\")))")
+    target_link_libraries(${name} PUBLIC protobuf::libprotobuf)
+    set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endfunction()
+
+# Tests are compiled once and run once: less optimisation is quicker in all, and spares them the false alarms
+# that GCC 12 gives about strings when it optimises.
+add_library(merlow_test_flags INTERFACE)
+target_link_libraries(merlow_test_flags INTERFACE merlow_warnings)
+target_compile_options(merlow_test_flags INTERFACE $<$<CONFIG:Release>:-O1> -Wno-array-bounds
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overflow>)
+
+# The test framework's headers, compiled once for all test programs: they are most of what a test costs to
+# compile.
+function(merlow_precompile_test_headers)
+    if(NOT TARGET merlow_test_headers)
+        file(WRITE "${CMAKE_BINARY_DIR}/merlow_test_headers.cpp" "int main() {}\n")
+        add_executable(merlow_test_headers EXCLUDE_FROM_ALL "${CMAKE_BINARY_DIR}/merlow_test_headers.cpp")
+        target_link_libraries(merlow_test_headers PRIVATE merlow_test_flags GTest::gmock GTest::gtest)
+        target_precompile_headers(merlow_test_headers PRIVATE
+            <gmock/gmock.h> <gtest/gtest.h> <functional> <map> <memory> <optional> <string> <thread> <vector>)
+    endif()
+endfunction()
+
+# merlow_test(NAME SOURCES ... LIBS ... [TIMEOUT seconds] [LABELS ...]): a GoogleTest program, each of its
+# tests a test of ctest.
+function(merlow_test name)
+    cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+    find_package(GTest REQUIRED)
+    include(GoogleTest)
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 60)
+    endif()
+    merlow_precompile_test_headers()
+    add_executable(${name} ${arg_SOURCES})
+    target_precompile_headers(${name} REUSE_FROM merlow_test_headers)
+    foreach(label IN LISTS arg_LABELS)
+        if(NOT TARGET tests_${label})
+            add_custom_target(tests_${label})
+        endif()
+        add_dependencies(tests_${label} ${name})
+    endforeach()
+    target_link_libraries(${name} PRIVATE ${arg_LIBS} merlow_test_flags GTest::gmock GTest::gtest GTest::gtest_main)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 DISCOVERY_MODE PRE_TEST TEST_PREFIX "${name}."
+        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+endfunction()

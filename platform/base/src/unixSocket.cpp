@@ -1,0 +1,90 @@
+#include "unixSocket.h"
+
+#include "runDir.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sys/un.h>
+#include <unistd.h>
+#include <vector>
+
+namespace merlow::base {
+
+namespace {
+
+/// The folder is named by its descriptor: "/proc/self/fd/N/NAME" fits a socket address however long the
+/// folder's own name is.
+bool addressAt(int dirFd, const std::string& name, sockaddr_un& address)
+{
+    const std::string path = "/proc/self/fd/" + std::to_string(dirFd) + "/" + name;
+    address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(address.sun_path)) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+} // namespace
+
+int bindAt(int fd, int dirFd, const std::string& name)
+{
+    sockaddr_un address;
+    if (!addressAt(dirFd, name, address)) {
+        return -1;
+    }
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        return -1;
+    }
+    return setFileAccessAt(dirFd, name);
+}
+
+int connectAt(int fd, int dirFd, const std::string& name)
+{
+    sockaddr_un address;
+    if (!addressAt(dirFd, name, address)) {
+        return -1;
+    }
+    return connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
+bool peerCredentials(int fd, ucred& out)
+{
+    socklen_t size = sizeof(out);
+    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &out, &size) == 0 && size == sizeof(out);
+}
+
+bool peerAllowed(int fd)
+{
+    ucred peer{};
+    if (!peerCredentials(fd, peer)) {
+        return false;
+    }
+    if (peer.uid == 0 || peer.uid == geteuid()) {
+        return true;
+    }
+    const auto group = accessGroup();
+    if (!group) {
+        return false;
+    }
+    if (peer.gid == *group) {
+        return true;
+    }
+    std::vector<gid_t> groups(64);
+    for (;;) {
+        auto size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+        if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) == 0) {
+            groups.resize(size / sizeof(gid_t));
+            return std::find(groups.begin(), groups.end(), *group) != groups.end();
+        }
+        if (errno != ERANGE) {
+            return false;
+        }
+        groups.resize(size / sizeof(gid_t) + 1);
+    }
+}
+
+} // namespace merlow::base

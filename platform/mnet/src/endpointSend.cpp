@@ -1,0 +1,305 @@
+/// Endpoint: sending, and the connections to other processes' endpoints.
+#include "endpoint.h"
+
+#include "process.h"
+#include "wire.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <sys/epoll.h>
+
+namespace mnet {
+
+namespace {
+
+/// Packets that one send, or one turn of serving, moves on of what waits.
+constexpr int sendBudget = 16;
+constexpr int serveBudget = 256;
+
+/// A connection that ends without a welcome is tried again at once, then after 1 ms, and twice that each
+/// time: who is dying needs a moment, who has no descriptors longer.
+constexpr int maxRetryMs = 128;
+
+} // namespace
+
+int Endpoint::send(BlockPtr block, mnet_mbox_id_t to)
+{
+    const std::uint16_t number = endpointOf(to);
+    {
+        const Locked locked(*this);
+        if (block->sender == MNET_MY_MBOX) {
+            block->sender = m_oldest;
+        }
+        if (m_closed || !isMine(block->sender)) {
+            return EPERM;
+        }
+        block->receiver = to;
+        block->isNotice = false;
+        block->monitor = 0;
+        block->kind = Kind::data;
+        if (number == m_number) {
+            if (!isMine(to)) {
+                return ENOENT;
+            }
+            push(std::move(block));
+            return 0;
+        }
+        if (!isMailboxId(to)) {
+            return ENOENT;
+        }
+        if (const auto peer = m_peers.find(number); peer != m_peers.end()) {
+            return sendToPeer(peer->second, std::move(block), to);
+        }
+    }
+    if (const auto neighbour = m_process->find(number)) {
+        return neighbour->deliver(std::move(block)) ? 0 : ENOENT;
+    }
+    const Locked locked(*this);
+    return isMine(block->sender) ? sendToPeer(m_peers[number], std::move(block), to) : EPERM;
+}
+
+int Endpoint::sendToPeer(Peer& peer, BlockPtr block, mnet_mbox_id_t to)
+{
+    const std::uint16_t number = endpointOf(to);
+    if (!peer.out.isOpen() && !peer.retryAt && !connect(number)) {
+        return errno;
+    }
+    if (!peer.out.isLive(indexOf(to))) {
+        return ENOENT;
+    }
+    if (peer.out.isOpen()) {
+        Outgoing::Sent sent = peer.out.hasKept() ? peer.out.flush(sendBudget) : Outgoing::Sent::done;
+        if (sent == Outgoing::Sent::done) {
+            sent = peer.out.send(block);
+        }
+        if (sent == Outgoing::Sent::broken) {
+            if (!connectionBroken(number)) {
+                return block ? ENOENT : 0; // taken, and perhaps the last thing that the peer has read
+            }
+            return !block || post(number, std::move(block)) ? 0 : ENOENT;
+        } else if (sent == Outgoing::Sent::later) {
+            armWritable(number, peer);
+        }
+        if (!block) {
+            return 0;
+        }
+    }
+    if (peer.out.hasKept() && peer.out.keptBytes() + block->cost() > m_process->queueLimit()) {
+        if (!peer.out.reportedFull) {
+            peer.out.reportedFull = true;
+            report("mailbox " + hex(to) + " does not read: " + std::to_string(peer.out.keptBytes()) +
+                   " bytes wait, no more are taken");
+        }
+        return ENOBUFS;
+    }
+    peer.out.keep(std::move(block));
+    return 0;
+}
+
+/// Puts a block behind everything that waits for the peer, without a limit. False when the peer is gone.
+bool Endpoint::post(std::uint16_t number, BlockPtr block)
+{
+    Peer& peer = m_peers[number];
+    if (peer.ending || (!peer.out.isOpen() && !peer.retryAt && !connect(number))) {
+        return false;
+    }
+    peer.out.keep(std::move(block));
+    if (!peer.out.isOpen()) {
+        return true;
+    }
+    switch (peer.out.flush(sendBudget)) {
+    case Outgoing::Sent::broken:
+        return connectionBroken(number);
+    case Outgoing::Sent::later:
+        armWritable(number, peer);
+        return true;
+    default:
+        return true;
+    }
+}
+
+void Endpoint::request(std::uint16_t number, Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver,
+                       mnet_monitor_id_t monitor)
+{
+    BlockPtr block = makeBlock(0, Fill::none);
+    if (block) {
+        block->kind = kind;
+        block->sender = sender;
+        block->receiver = receiver;
+        block->monitor = monitor;
+        post(number, std::move(block));
+    }
+}
+
+/// Opens the connection to a peer, or sees to it that it is tried again. False, with `errno` and the peer
+/// forgotten, when nobody is there.
+bool Endpoint::connect(std::uint16_t number)
+{
+    Peer& peer = m_peers[number];
+    peer.retryAt.reset();
+    switch (peer.out.open(m_process->folder(), m_number, number)) {
+    case Outgoing::Open::done:
+        break;
+    case Outgoing::Open::later:
+        peer.retryMs = std::clamp(peer.retryMs * 2, 1, maxRetryMs);
+        peer.retryAt = Clock::now() + std::chrono::milliseconds(peer.retryMs);
+        schedule(*peer.retryAt);
+        return true;
+    case Outgoing::Open::denied:
+        report("endpoint " + std::to_string(number) +
+               " is not to be spoken to: another process holds its socket, or "
+               "access is denied");
+        peerLost(number);
+        errno = EACCES;
+        return false;
+    case Outgoing::Open::gone:
+        peerLost(number);
+        errno = ENOENT;
+        return false;
+    }
+    if (!watch(peer.out.fd(), Source::outgoing, number, EPOLLIN)) {
+        peer.out.close();
+        peer.retryAt = Clock::now() + std::chrono::milliseconds(maxRetryMs);
+        schedule(*peer.retryAt);
+        return true;
+    }
+    // Our monitors there stand anew with each connection.
+    for (const auto& [id, monitor] : m_monitors) {
+        if (monitor.message && endpointOf(monitor.target) == number) {
+            if (BlockPtr block = makeBlock(0, Fill::none)) {
+                block->kind = Kind::monitor;
+                block->sender = monitor.receiver;
+                block->receiver = monitor.target;
+                block->monitor = id;
+                peer.out.keep(std::move(block));
+            }
+        }
+    }
+    switch (peer.out.flush(serveBudget)) {
+    case Outgoing::Sent::broken:
+        return connectionBroken(number);
+    case Outgoing::Sent::later:
+        armWritable(number, peer);
+        return true;
+    default:
+        return true;
+    }
+}
+
+/// The connection to a peer has ended, and whether the peer has is to be found out. False when it has, and is
+/// forgotten.
+bool Endpoint::connectionBroken(std::uint16_t number)
+{
+    Peer& peer = m_peers[number];
+    if (peer.out.isWelcomed()) {
+        peer.retryMs = 0;
+    }
+    peer.out.close();
+    if (peer.ending) {
+        return false;
+    }
+    if (peer.retryMs == 0) {
+        peer.retryMs = 1;
+        return connect(number);
+    }
+    peer.retryAt = Clock::now() + std::chrono::milliseconds(peer.retryMs);
+    peer.retryMs = std::min(peer.retryMs * 2, maxRetryMs);
+    schedule(*peer.retryAt);
+    return true;
+}
+
+void Endpoint::retryConnections()
+{
+    const auto now = Clock::now();
+    std::vector<std::uint16_t> due;
+    for (const auto& [number, peer] : m_peers) {
+        if (peer.retryAt && *peer.retryAt <= now) {
+            due.push_back(number);
+        } else if (peer.retryAt) {
+            schedule(*peer.retryAt);
+        }
+    }
+    for (const std::uint16_t number : due) {
+        if (m_peers.count(number) != 0) {
+            connect(number);
+        }
+    }
+}
+
+void Endpoint::armWritable(std::uint16_t number, Peer& peer)
+{
+    if (!peer.out.waitsForWritable) {
+        peer.out.waitsForWritable = true;
+        rewatch(peer.out.fd(), Source::outgoing, number, EPOLLIN | EPOLLOUT);
+    }
+}
+
+void Endpoint::onOutgoing(std::uint16_t number, std::uint32_t events)
+{
+    const auto found = m_peers.find(number);
+    if (found == m_peers.end() || !found->second.out.isOpen()) {
+        return;
+    }
+    Peer& peer = found->second;
+    Outgoing::Sent sent =
+        (events & ~std::uint32_t{EPOLLOUT}) != 0 ? peer.out.readBack() : Outgoing::Sent::done;
+    if (sent == Outgoing::Sent::done && (events & EPOLLOUT) != 0) {
+        sent = peer.out.flush(serveBudget);
+        if (sent == Outgoing::Sent::done && peer.out.waitsForWritable) {
+            peer.out.waitsForWritable = false;
+            rewatch(peer.out.fd(), Source::outgoing, number, EPOLLIN);
+        }
+    }
+    if (sent == Outgoing::Sent::broken && connectionBroken(number)) {
+        forgetIfIdle(number);
+    }
+}
+
+/// A peer that nothing binds any more is forgotten; the next send finds it again.
+void Endpoint::forgetIfIdle(std::uint16_t number)
+{
+    const auto found = m_peers.find(number);
+    if (found == m_peers.end()) {
+        return;
+    }
+    const Peer& peer = found->second;
+    if (!peer.out.isOpen() && !peer.out.hasKept() && peer.in == nullptr && peer.monitors == 0 &&
+        peer.queued == 0) {
+        m_peers.erase(found);
+    }
+}
+
+/// The peer's process, or its thread, is over. What it had sent is read to its end, then our monitors of its
+/// mailboxes fire.
+void Endpoint::peerLost(std::uint16_t number)
+{
+    {
+        Peer& peer = m_peers[number];
+        if (peer.ending) {
+            return;
+        }
+        peer.ending = true;
+        peer.out.close();
+        acceptPending(INT_MAX);
+        if (peer.in != nullptr) {
+            readToEnd(*peer.in);
+        }
+        if (peer.in != nullptr) {
+            eraseIncoming(*peer.in);
+        }
+    }
+    dropWatchersOf(number);
+    std::vector<mnet_monitor_id_t> lost;
+    for (const auto& [id, monitor] : m_monitors) {
+        if (monitor.message && endpointOf(monitor.target) == number) {
+            lost.push_back(id);
+        }
+    }
+    for (const mnet_monitor_id_t id : lost) {
+        fire(id);
+    }
+    m_peers.erase(number);
+}
+
+} // namespace mnet

@@ -1,0 +1,64 @@
+/// The signals of BCI: number, name and size in bytes of each, in one table.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+// clang-format off
+#define BCI_SIGNAL_TABLE(ROW)                                  \
+    ROW(TARN_BC_CONN_ESTABLISH_REQ,         0x1658000,  16)    \
+    ROW(TARN_BC_CONN_ESTABLISH_CFM,         0x1658001,  12)    \
+    ROW(TARN_BC_CONN_ESTABLISH_REJ,         0x1658002, 132)    \
+    ROW(TARN_BC_SELECT_MMI_REQ,             0x1658012,  16)    \
+    ROW(TARN_BC_SELECT_MMI_CFM,             0x1658013,  12)    \
+    ROW(TARN_BC_SELECT_MMI_REJ,             0x1658014, 128)    \
+    ROW(TARN_BC_AUDIT_REQ,                  0x1658400,  12)    \
+    ROW(TARN_BC_AUDIT_CFM,                  0x1658401,  16)    \
+    ROW(TARN_BC_ENABLE_OPERATION_REQ,       0x1658403,  12)    \
+    ROW(TARN_BC_ENABLE_OPERATION_CFM,       0x1658404,  12)    \
+    ROW(TARN_BC_ENABLE_OPERATION_REJ,       0x1658405, 128)    \
+    ROW(TARN_BC_DISABLE_OPERATION_REQ,      0x1658406,  12)    \
+    ROW(TARN_BC_DISABLE_OPERATION_CFM,      0x1658407,  12)    \
+    ROW(TARN_BC_DISABLE_OPERATION_REJ,      0x1658408, 128)    \
+    ROW(TARN_BC_SET_UTC_TIME_REQ,           0x1659500,  16)    \
+    ROW(TARN_BC_SET_UTC_TIME_CFM,           0x1659501,  12)    \
+    ROW(TARN_BC_SET_UTC_TIME_REJ,           0x1659502, 128)
+// clang-format on
+
+enum BciSignalNumber : std::uint32_t {
+#define BCI_SIGNAL_NUMBER(name, number, size) name = (number),
+    BCI_SIGNAL_TABLE(BCI_SIGNAL_NUMBER)
+#undef BCI_SIGNAL_NUMBER
+};
+
+struct BciSignal {
+    std::uint32_t number;
+    std::string_view name;
+    std::size_t size;
+};
+
+inline constexpr auto BCI_SIGNALS = std::to_array<BciSignal>({
+#define BCI_SIGNAL_ROW(name, number, size) {number, #name, size},
+    BCI_SIGNAL_TABLE(BCI_SIGNAL_ROW)
+#undef BCI_SIGNAL_ROW
+});
+#undef BCI_SIGNAL_TABLE
+
+/// The row of a number, or null.
+constexpr const BciSignal* findBciSignal(std::uint32_t number)
+{
+    for (const BciSignal& signal : BCI_SIGNALS) {
+        if (signal.number == number) {
+            return &signal;
+        }
+    }
+    return nullptr;
+}
+
+/// The size of a signal of the table; another number in a constant does not compile.
+constexpr std::size_t bciSizeOf(std::uint32_t number)
+{
+    return findBciSignal(number)->size;
+}

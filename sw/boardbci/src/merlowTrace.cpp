@@ -1,0 +1,3 @@
+#include "merlowTrace.h"
+
+const scry_record* MerlowTraceObj = scryTraceObj("Merlow");

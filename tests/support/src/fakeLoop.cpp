@@ -1,0 +1,105 @@
+#include "fakeLoop.h"
+
+#include "fakeMnet.h"
+#include "fakeSway.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+namespace support {
+
+namespace {
+
+/// Far above what any test's exchange needs.
+constexpr int maxEvents = 1000000;
+
+} // namespace
+
+FakeLoop& FakeLoop::instance()
+{
+    static FakeLoop loop;
+    return loop;
+}
+
+void FakeLoop::reset()
+{
+    m_entries.clear();
+    m_failAddFd = 0;
+    m_runResult = 0;
+    m_stopped = false;
+}
+
+bool FakeLoop::watches(int fd) const
+{
+    return std::any_of(m_entries.begin(), m_entries.end(),
+                       [fd](const Entry& entry) { return entry.fd == fd; });
+}
+
+int FakeLoop::addFd(int fd, unsigned int events, std::function<void(int, unsigned int)> callback)
+{
+    if (m_failAddFd > 0) {
+        --m_failAddFd;
+        return -1;
+    }
+    if (fd < 0 || watches(fd)) {
+        return -1;
+    }
+    m_entries.push_back({.fd = fd, .events = events, .callback = std::move(callback)});
+    return 0;
+}
+
+int FakeLoop::updateFd(int fd, unsigned int events)
+{
+    for (auto& entry : m_entries) {
+        if (entry.fd == fd) {
+            entry.events = events;
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int FakeLoop::removeFd(int fd)
+{
+    return std::erase_if(m_entries, [fd](const Entry& entry) { return entry.fd == fd; }) > 0 ? 0 : -1;
+}
+
+bool FakeLoop::callOneReadable()
+{
+    for (const auto& entry : m_entries) {
+        if (FakeMnet::instance().isReadable(entry.fd) || FakeSway::instance().isReadable(entry.fd)) {
+            const auto callback = entry.callback; // the callback may remove its own entry
+            const int fd = entry.fd;
+            callback(fd, 1);
+            return true;
+        }
+    }
+    return false;
+}
+
+void FakeLoop::pumpUntilIdle()
+{
+    const FakeMnet::As server(FakeMnet::server);
+    for (int i = 0; i < maxEvents; ++i) {
+        if (!callOneReadable()) {
+            return;
+        }
+    }
+    ADD_FAILURE() << "The event loop does not become idle";
+}
+
+int FakeLoop::run()
+{
+    m_stopped = false;
+    const FakeMnet::As server(FakeMnet::server);
+    while (!m_stopped && callOneReadable()) {
+    }
+    return m_runResult;
+}
+
+} // namespace support
+
+Loomwork::EventLoop::V1::EventLoopIf& Loomwork::EventLoop::V1::EventLoopIf::getInstance()
+{
+    return support::FakeLoop::instance();
+}

@@ -1,0 +1,52 @@
+/// A whole unit of real processes in a run-time folder of its own.
+#pragma once
+
+#include "process.h"
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace merlow::test {
+
+class Unit {
+public:
+    /// Only the folder; nothing runs yet.
+    Unit();
+
+    /// legacyd, brhd and merlowd, and waits until the public mailbox stands.
+    void start();
+
+    void startLegacyd();
+    void startBrhd();
+    void startMerlowd();
+
+    [[nodiscard]] Process& legacyd() { return *m_legacyd; }
+    [[nodiscard]] Process& brhd() { return *m_brhd; }
+    [[nodiscard]] Process& merlowd() { return *m_merlowd; }
+    [[nodiscard]] const std::string& runDir() const { return m_dir.path(); }
+    [[nodiscard]] const Process::Environment& environment() const { return m_environment; }
+    void setVariable(const std::string& name, const std::string& value) { m_environment[name] = value; }
+
+    /// Whether a client that connects now is let in.
+    [[nodiscard]] bool letsClientsIn() const;
+    [[nodiscard]] bool waitUntilItLetsClientsIn() const;
+
+    [[nodiscard]] Outcome bcictl(const std::vector<std::string>& arguments,
+                                 const std::string& input = {}) const;
+    [[nodiscard]] Outcome boardctl(const std::vector<std::string>& arguments) const;
+
+    /// What `boardctl status --json` says of "brhd" or "legacyd"; null when it does not answer.
+    [[nodiscard]] nlohmann::json status(const std::string& program) const;
+
+private:
+    TempDir m_dir;
+    Process::Environment m_environment;
+    std::unique_ptr<Process> m_legacyd;
+    std::unique_ptr<Process> m_brhd;
+    std::unique_ptr<Process> m_merlowd;
+};
+
+} // namespace merlow::test

@@ -1,0 +1,170 @@
+#include "brhdTest.h"
+
+namespace merlow::board::test {
+namespace {
+
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class BriServerTest : public BrhdTest {
+protected:
+    BriServerTest() { connect(client, "00000064"); }
+
+    void connect(MailboxId from, const std::string& clientRef)
+    {
+        receive(briMailbox, from, "0170772d" + clientRef + clientRef + "0801");
+        m_outbox.takeSent();
+    }
+
+    std::string ask(const std::string& text) { return BrhdTest::ask(briMailbox, text); }
+
+    /// A source of the client's first connection. Accuracy "01" or "02".
+    void registerSource(const std::string& accuracy) { ask("01707733 00000001 00000001 08" + accuracy); }
+};
+
+TEST_F(BriServerTest, announcesAllThatTheBoardHas)
+{
+    std::string answer = ask("01707730 00000005 00000001");
+    std::erase(answer, ' ');
+    EXPECT_EQ(answer, "01707731"
+                      "00000005"
+                      "00000064"
+                      "08000801080208030804080508060807080808090" // the capabilities 0 to 12
+                      "80a080b080c"
+                      "121008b6fdffffffffffffff0110a6041814" // temperature ranges -330 to 550, 20
+                      "1207080010d206181e"                   // and 0 to 850, 30
+                      "1a07080010d206181e"                   // hot spots 0 at 850, 30
+                      "1a07080110b607181e"                   // and 1 at 950, 30
+                      "201f");                               // restart ranks
+}
+
+TEST_F(BriServerTest, everySourceHasItsOwnReference)
+{
+    EXPECT_EQ(ask("01707733 00000002 00000001 0801"), "01707734 00000002 00000064 0801");
+    EXPECT_EQ(ask("01707733 00000003 00000001 0802"), "01707734 00000003 00000064 0802");
+    ASSERT_THAT(statusAt("/bri/timeSources"), SizeIs(2));
+    EXPECT_EQ(statusAt("/bri/timeSources/0/accuracy"), "NORMAL");
+    EXPECT_EQ(statusAt("/bri/timeSources/1/accuracy"), "REDUCED");
+}
+
+TEST_F(BriServerTest, aSourceWithoutAKnownAccuracyIsRefused)
+{
+    for (const char* body : {"", "0800", "0803"}) {
+        EXPECT_EQ(ask(std::string("01707733 00000002 00000001") + body), "01707735 00000002 00000064");
+    }
+    EXPECT_THAT(statusAt("/bri/timeSources"), IsEmpty());
+}
+
+TEST_F(BriServerTest, aConnectionHasNotSourcesWithoutEnd)
+{
+    for (std::size_t i = 0; i < RefTable<int>::maxPerConnection; ++i) {
+        ASSERT_TRUE(ask("01707733 00000002 00000001 0801").starts_with("01707734"));
+    }
+    EXPECT_EQ(ask("01707733 00000002 00000001 0801"), "01707735 00000002 00000064");
+    EXPECT_TRUE(ask("01707736 00000002 00000001 0801").starts_with("01707737"));
+    EXPECT_TRUE(ask("01707733 00000002 00000001 0801").starts_with("01707734"));
+}
+
+TEST_F(BriServerTest, unregistersWhatIsRegistered)
+{
+    registerSource("01");
+    EXPECT_EQ(ask("01707736 00000003 00000001 0801"), "01707737 00000003 00000064");
+    EXPECT_THAT(statusAt("/bri/timeSources"), IsEmpty());
+    EXPECT_EQ(ask("01707736 00000004 00000001 0801"), "01707738 00000004 00000064");
+}
+
+TEST_F(BriServerTest, nothingIsWrongWithUnregisteringNothing)
+{
+    EXPECT_EQ(ask("01707736 00000003 00000001 0800"), "01707737 00000003 00000064");
+    EXPECT_EQ(ask("01707736 00000003 00000001"), "01707737 00000003 00000064");
+}
+
+TEST_F(BriServerTest, setsTheBoardsTimeAndNotTheSystems)
+{
+    registerSource("01");
+    EXPECT_EQ(ask("01707739 00000003 00000001 08011080c2d72f"), "0170773a 00000003 00000064");
+    EXPECT_EQ(statusAt("/bri/utcTime/now"), 100'000'000);
+    EXPECT_EQ(statusAt("/bri/utcTime/offset"), 99'000'000);
+    EXPECT_EQ(statusAt("/bri/utcTime/believedSource"), 1);
+    m_time += 60;
+    EXPECT_EQ(statusAt("/bri/utcTime/now"), 100'000'060);
+}
+
+TEST_F(BriServerTest, anUnknownSourceSetsNoTime)
+{
+    registerSource("01");
+    for (const char* body : {"08001001", "08021001", "1001", "0801", "", "08ffffffff0f1001"}) {
+        EXPECT_EQ(ask(std::string("01707739 00000003 00000001") + body), "0170773b 00000003 00000064");
+    }
+    EXPECT_EQ(statusAt("/bri/utcTime/offset"), 0);
+}
+
+TEST_F(BriServerTest, theSourceOfAnotherConnectionIsUnknown)
+{
+    registerSource("01");
+    connect(stranger, "00000065");
+    receive(briMailbox, stranger, "01707739 00000003 00000002 08011001");
+    EXPECT_EQ(m_outbox.takeOne(), "0170773b 00000003 00000065");
+    receive(briMailbox, stranger, "01707736 00000003 00000002 0801");
+    EXPECT_EQ(m_outbox.takeOne(), "01707738 00000003 00000065");
+    EXPECT_THAT(statusAt("/bri/timeSources"), SizeIs(1));
+}
+
+TEST_F(BriServerTest, whatAConnectionHeldEndsWithItsMailbox)
+{
+    registerSource("01");
+    registerSource("02");
+    connect(stranger, "00000065");
+    receive(briMailbox, stranger, "01707733 00000001 00000002 0801");
+    m_brhd.mailboxGone(client);
+    ASSERT_THAT(statusAt("/bri/timeSources"), SizeIs(1));
+    EXPECT_EQ(statusAt("/bri/timeSources/0/connectionRef"), 2);
+    m_brhd.mailboxGone(client);
+    m_brhd.mailboxGone(0x999);
+    EXPECT_THAT(statusAt("/bri/timeSources"), SizeIs(1));
+}
+
+TEST_F(BriServerTest, whatAConnectionHeldEndsWhenItIsReplaced)
+{
+    registerSource("01");
+    connect(client, "00000064");
+    EXPECT_THAT(statusAt("/bri/timeSources"), IsEmpty());
+}
+
+TEST_F(BriServerTest, aRefusedRequestChangesNothing)
+{
+    plan("refuse", "bri::RegisterUtcTimeSourceReq");
+    EXPECT_EQ(ask("01707733 00000002 00000001 0801"), "01707735 00000002 00000064");
+    EXPECT_THAT(statusAt("/bri/timeSources"), IsEmpty());
+}
+
+TEST_F(BriServerTest, aDroppedAnswerComesFromAServedRequest)
+{
+    plan("drop", "bri::RegisterUtcTimeSourceReq");
+    receive(briMailbox, client, "01707733 00000002 00000001 0801");
+    EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
+    EXPECT_THAT(statusAt("/bri/timeSources"), SizeIs(1));
+}
+
+TEST_F(BriServerTest, someRequestsAreCountedAndLeftUnanswered)
+{
+    const std::pair<const char*, const char*> requests[] = {{"0170773c", "bri::GetProductInfoReq"},
+                                                            {"0170773f", "bri::GetContainerPidReq"},
+                                                            {"01707753", "bri::SubscribeFaultsReq"}};
+    for (const auto& [number, kind] : requests) {
+        receive(briMailbox, client, std::string(number) + "00000002 00000001");
+        EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
+        EXPECT_THAT(m_outbox.takeAbnormal(), IsEmpty());
+        EXPECT_EQ(statusAt("/bri/received")[kind], 1);
+        EXPECT_EQ(plan("drop", kind).result, ControlAnswer::Result::usage);
+    }
+}
+
+TEST_F(BriServerTest, theOtherServersFramesAreUnknown)
+{
+    receive(briMailbox, client, "01707580 00000002 00000001 0801");
+    expectSilence("unknown frame 0x1707580");
+}
+
+} // namespace
+} // namespace merlow::board::test

@@ -1,0 +1,66 @@
+#include "statusText.h"
+
+#include "brhdTest.h"
+#include "legacyServer.h"
+
+namespace merlow::board::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+class StatusTextTest : public BrhdTest {};
+
+TEST_F(StatusTextTest, showsWhatBrhdHolds)
+{
+    receive(briMailbox, client, "0170772d 00000064 00000064 0801");
+    receive(briMailbox, client, "01707733 00000001 00000001 0802");
+    receive(briMailbox, client, "01707739 00000002 00000001 08011080c2d72f");
+    receive(bmmiMailbox, client, "01707570 00000065 00000065 0801");
+    receive(bmmiMailbox, client, "01707580 00000001 00000001 0801");
+    plan("delay", "bri::SetUtcTimeReq", {{"ms", 7}});
+    const std::string text = brhdStatusText(m_brhd.status());
+    EXPECT_THAT(text, HasSubstr("connection 1: client 100 at 0x20, revision 1\n"));
+    EXPECT_THAT(text, HasSubstr("time source 1: connection 1, REDUCED, told 1973-03-03 09:46:40 UTC\n"));
+    EXPECT_THAT(text, HasSubstr("board time 1973-03-03 09:46:40 UTC, 99000000 s off the system's, from time "
+                                "source 1\n"));
+    EXPECT_THAT(text, HasSubstr("MMI user 1: connection 1, NORMAL\n"));
+    EXPECT_THAT(text, HasSubstr("planned: delay bri::SetUtcTimeReq, next 1, 7 ms\n"));
+    EXPECT_THAT(text, HasSubstr("bri::RegisterUtcTimeSourceReq"));
+    EXPECT_THAT(text, Not(HasSubstr("bri::UnregisterUtcTimeSourceReq"))) << "none came";
+}
+
+TEST_F(StatusTextTest, showsWhatLegacydHolds)
+{
+    LegacyServer server(m_outbox);
+    server.attach("LegacyMerlow", 0x40);
+    for (const char* text : {"01658000 00000007 0000012c 0003", "0165ffff 00"}) {
+        const HeapMessage message(messageFrom(text));
+        server.receive({client, 0x40, message.bytes()});
+    }
+    const std::string text = legacydStatusText(server.status());
+    EXPECT_THAT(text, HasSubstr("LegacyMerlow, mailbox 0x40, 1 connections\n"));
+    EXPECT_THAT(text, HasSubstr("connection 300: client 7 at 0x20, revision 3\n"));
+    EXPECT_THAT(text, HasSubstr("legacy::0x165ffff received 1\n"));
+}
+
+TEST_F(StatusTextTest, missingMembersLeaveGaps)
+{
+    for (const nlohmann::json& status : {nlohmann::json(), nlohmann::json::array({1}), nlohmann::json(5),
+                                         nlohmann::json({{"bri", 5}, {"plans", {1}}, {"received", "x"}})}) {
+        EXPECT_THAT(brhdStatusText(status), HasSubstr("process -"));
+        EXPECT_THAT(legacydStatusText(status), HasSubstr("process -"));
+        EXPECT_NO_THROW(kindsText(status));
+    }
+}
+
+TEST_F(StatusTextTest, kindsShowWhatTheyCarry)
+{
+    const std::string text = kindsText(serveControl(m_brhd, {{"command", "kinds"}}).data);
+    EXPECT_THAT(text, HasSubstr("bri::ConnEstablishReq: delay, drop, refuse (causes "
+                                "NO_SUPPORTED_PROTOCOL_REVISION, MAX_NUMBER_OF_CONNECTIONS_EXCEEDED)\n"));
+    EXPECT_THAT(text, HasSubstr("bmmi::RegisterMmiUserReq: delay, drop, refuse\n"));
+}
+
+} // namespace
+} // namespace merlow::board::test

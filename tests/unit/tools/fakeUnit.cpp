@@ -1,0 +1,103 @@
+#include "fakeUnit.h"
+
+#include "hex.h"
+#include "mnetMsgPtr.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <gtest/gtest.h>
+#include <span>
+
+namespace merlow::tools {
+
+namespace {
+
+constexpr std::uint32_t stopNumber = 0x7000000;
+
+} // namespace
+
+std::vector<std::uint8_t> bytesOf(const std::string& hex)
+{
+    auto bytes = parseHex(hex);
+    EXPECT_TRUE(bytes) << hex;
+    return bytes.value_or(std::vector<std::uint8_t>{});
+}
+
+RunFolder::RunFolder()
+{
+    std::string path = std::filesystem::temp_directory_path() / "merlow-tools.XXXXXX";
+    EXPECT_NE(mkdtemp(path.data()), nullptr);
+    m_path = path;
+    setenv("MERLOW_RUN_DIR", m_path.c_str(), 1);
+    EXPECT_EQ(mnet_init(16, 0, nullptr, 0), 0);
+}
+
+RunFolder::~RunFolder()
+{
+    EXPECT_EQ(mnet_exit(), 0);
+    std::filesystem::remove_all(m_path);
+}
+
+FakeUnit::FakeUnit(Answers answers) : m_answers(std::move(answers))
+{
+    std::promise<void> ready;
+    m_thread = std::thread([this, &ready] {
+        const mnet_mbox_id_t mailbox = mnet_create_mailbox("Merlow", 0);
+        m_control = mnet_clone_mailbox(mailbox, nullptr);
+        ready.set_value();
+        serve(mailbox);
+    });
+    ready.get_future().wait();
+    EXPECT_NE(m_control, MNET_MBOX_NONE);
+}
+
+FakeUnit::~FakeUnit()
+{
+    if (sendMsg(allocMsg(sizeof(mnet_msg), stopNumber), m_control, m_control) != 0) {
+        ADD_FAILURE() << "The fake unit is out of reach.";
+    }
+    m_thread.join();
+}
+
+std::string FakeUnit::received(std::uint32_t number) const
+{
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_received.find(number);
+    return found != m_received.end() ? found->second : std::string();
+}
+
+void FakeUnit::serve(mnet_mbox_id_t mailbox)
+{
+    for (;;) {
+        const MnetMsgPtr msg(mnet_receive(nullptr, -1, MNET_FROM_ANY));
+        ASSERT_TRUE(msg);
+        if (msg->msgNo == stopNumber) {
+            if (mailbox != m_control) {
+                mnet_delete_mailbox(mailbox);
+            }
+            mnet_delete_mailbox(m_control);
+            return;
+        }
+        const auto* const start = reinterpret_cast<const std::uint8_t*>(msg.get());
+        {
+            const std::lock_guard lock(m_mutex);
+            m_received[msg->msgNo] = toHex(std::span(start, mnet_size(msg.get())).subspan(sizeof(mnet_msg)));
+        }
+        if (msg->msgNo == goAway) {
+            mnet_delete_mailbox(mailbox);
+            mailbox = m_control;
+        }
+        for (const Reply& reply : m_answers[msg->msgNo]) {
+            const auto bytes = bytesOf(reply.hex);
+            auto answer = allocMsg(sizeof(mnet_msg) + bytes.size(), reply.number);
+            std::copy(bytes.begin(), bytes.end(),
+                      reinterpret_cast<std::uint8_t*>(answer.get()) + sizeof(mnet_msg));
+            EXPECT_EQ(sendMsg(std::move(answer), mnet_sender(msg.get()), mailbox), 0);
+        }
+    }
+}
+
+} // namespace merlow::tools

@@ -1,0 +1,63 @@
+/// A unit as clients see it: a thread with the public mailbox and fixed answers, in a run-time folder of the
+/// test's own.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mnet.h>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace merlow::tools {
+
+/// Hexadecimal text as bytes; blanks are free. Fails the test for anything else.
+std::vector<std::uint8_t> bytesOf(const std::string& hex);
+
+/// A run-time folder, in force and removed with the object, and this process's mailbox library in it.
+class RunFolder {
+public:
+    RunFolder();
+    ~RunFolder();
+    RunFolder(const RunFolder&) = delete;
+    RunFolder& operator=(const RunFolder&) = delete;
+
+    [[nodiscard]] const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
+
+/// Answers as told, echoes nothing by itself. All bytes are what stands behind the number.
+class FakeUnit {
+public:
+    struct Reply {
+        std::uint32_t number;
+        std::string hex;
+    };
+    using Answers = std::map<std::uint32_t, std::vector<Reply>>;
+
+    /// `answers`: what goes back for each number that comes in, in this order.
+    explicit FakeUnit(Answers answers);
+    ~FakeUnit();
+    FakeUnit(const FakeUnit&) = delete;
+    FakeUnit& operator=(const FakeUnit&) = delete;
+
+    /// What came with `number` last, behind the number, as hexadecimal digits; empty for nothing.
+    [[nodiscard]] std::string received(std::uint32_t number) const;
+
+    /// A number whose arrival makes the public mailbox go.
+    static constexpr std::uint32_t goAway = 0x7000001;
+
+private:
+    void serve(mnet_mbox_id_t mailbox);
+
+    Answers m_answers;
+    mutable std::mutex m_mutex;
+    std::map<std::uint32_t, std::string> m_received;
+    mnet_mbox_id_t m_control = MNET_MBOX_NONE; // outlives the public mailbox, for the stop
+    std::thread m_thread;
+};
+
+} // namespace merlow::tools

@@ -1,0 +1,24 @@
+/// The makers of all commands, one source file for each group.
+#pragma once
+
+#include "command.h"
+
+#include <memory>
+
+namespace merlow::bcictl {
+
+// stateCommands.cpp
+std::unique_ptr<Command> makeAudit();
+std::unique_ptr<Command> makeEnable();
+std::unique_ptr<Command> makeDisable();
+
+// timeCommands.cpp
+std::unique_ptr<Command> makeUtc();
+
+// mmiCommands.cpp
+std::unique_ptr<Command> makeMmi();
+
+// rawCommand.cpp
+std::unique_ptr<Command> makeRaw();
+
+} // namespace merlow::bcictl

@@ -1,0 +1,101 @@
+// scryctl: the trace levels of running processes.
+
+#include "levelList.h"
+#include "scryctl.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <iostream>
+
+namespace {
+
+using namespace merlow::scryctl;
+
+constexpr char footer[] =
+    "LEVELS are numbers from 0 to 31 separated by commas, \"all\" or \"none\": 1 failures, 4 notable events, "
+    "5 the flow of a handler, 6 life of objects, 13 each message, 17 received and 18 sent signals; 21 of a "
+    "process is the switch for its objects.\n"
+    "Exit status: 0 done, 1 no such process or object, 2 wrong usage.";
+
+std::string readLevels(const std::string& text, std::optional<std::uint32_t>& levels)
+{
+    const auto list = merlow::trace::parseLevels(text);
+    levels = list.mask;
+    return list.malformed.empty()
+               ? ""
+               : "no levels: " + list.malformed + "; they are 0 to 31, separated by commas";
+}
+
+CLI::Option* addLevels(CLI::App* command, const std::string& name, std::optional<std::uint32_t>& levels,
+                       const std::string& description)
+{
+    return command
+        ->add_option_function<std::string>(
+            name,
+            [&levels, name](const std::string& text) {
+                if (const std::string error = readLevels(text, levels); !error.empty()) {
+                    throw CLI::ValidationError(name, error);
+                }
+            },
+            description)
+        ->type_name("LEVELS");
+}
+
+ExitStatus run(int argc, char** argv)
+{
+    CLI::App app("Shows and changes the trace levels of the running processes of a unit.", "scryctl");
+    app.footer(footer);
+    app.set_version_flag("--version", MERLOW_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+    std::string runDir;
+    app.add_option("--run-dir", runDir, "The unit's run-time folder (default: as MERLOW_RUN_DIR says)");
+
+    bool json = false;
+    CLI::App* const listCommand =
+        app.add_subcommand("list", "Processes, their levels, their objects' levels");
+    listCommand->add_flag("--json", json, "One JSON object a line");
+
+    Changes changes;
+    CLI::App* const setCommand = app.add_subcommand("set", "Changes levels of a process; others stay");
+    setCommand->add_option("PROCESS", changes.process, "A process: NAME, NAME.PID or PID")->required();
+    addLevels(setCommand, "--proc", changes.processLevels, "Levels of the process");
+    auto* const objectLevels = addLevels(setCommand, "--obj", changes.objectLevels,
+                                         "Levels of all its objects, those to come included");
+    setCommand->add_option("--object", changes.object, "The one object that --obj is for")
+        ->type_name("NAME")
+        ->needs(objectLevels);
+    setCommand
+        ->add_option_function<std::string>(
+            "--objects", [&changes](const std::string& word) { changes.objectsOn = word == "on"; },
+            "Objects as a whole")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->type_name("on|off");
+
+    try {
+        app.parse(argc, argv);
+        if (*setCommand && !changes.processLevels && !changes.objectLevels && !changes.objectsOn) {
+            throw CLI::RequiredError("set: one of --proc, --obj, --objects");
+        }
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? ExitStatus::done : ExitStatus::usage;
+    }
+    if (!runDir.empty() && setenv("MERLOW_RUN_DIR", runDir.c_str(), 1) != 0) {
+        return ExitStatus::failed;
+    }
+    return *listCommand ? list(json, std::cout, std::cerr) : set(changes, std::cerr);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        const ExitStatus status = run(argc, argv);
+        std::cout.flush();
+        return static_cast<int>(std::cout ? status : ExitStatus::failed);
+    } catch (const std::exception& error) {
+        std::cerr << "scryctl: " << error.what() << "\n";
+        return static_cast<int>(ExitStatus::failed);
+    }
+}
