@@ -2,6 +2,7 @@
 
 #include "bcSession.h"
 #include "brhClient.h"
+#include "faultManagerIf.h"
 
 #include <atomic>
 #include <cstdint>
@@ -16,8 +17,9 @@
 class MerlowCommonData {
 public:
     /// A new object that the caller owns. `firstClientRef` is the first reference that the backend clients
-    /// try.
-    [[nodiscard]] static MerlowCommonData* getNew(unsigned int firstClientRef);
+    /// try. The fault manager must outlive the object.
+    [[nodiscard]] static MerlowCommonData* getNew(unsigned int firstClientRef,
+                                                  Merlow::FaultManagerIf& faultManager);
     virtual ~MerlowCommonData();
     MerlowCommonData(const MerlowCommonData&) = delete;
     MerlowCommonData& operator=(const MerlowCommonData&) = delete;
@@ -41,6 +43,7 @@ public:
 
     [[nodiscard]] BrhClient& getBriClient() { return m_briClient; }
     [[nodiscard]] BrhClient& getBmmiClient() { return m_bmmiClient; }
+    [[nodiscard]] Merlow::FaultManagerIf& getFaultManager() { return m_faultManager; }
 
     /// Automatic boot mode: the environment variable `SYS_MODE` was "AUBOOT" when this object was made.
     [[nodiscard]] bool isAuboot() const { return m_isAuboot; }
@@ -60,7 +63,7 @@ public:
     void cleanUp();
 
 private:
-    explicit MerlowCommonData(unsigned int firstClientRef);
+    MerlowCommonData(unsigned int firstClientRef, Merlow::FaultManagerIf& faultManager);
 
     std::atomic<mnet_mbox_id_t> m_privateMbox{MNET_MBOX_NONE};
     mnet_mbox_id_t m_publicMbox{MNET_MBOX_NONE};
@@ -69,6 +72,7 @@ private:
     BrhClient m_bmmiClient;
     bool m_isAuboot;
     std::vector<std::uint16_t> m_protocolRevs; ///< highest first
+    Merlow::FaultManagerIf& m_faultManager;
     std::uint32_t m_sessionNumber{0};
     std::atomic<std::uint32_t> m_pdsFaultsEnabled{0}; ///< a host thread may set it
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "faultManager.h"
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -17,8 +19,8 @@ struct MnetMsgFree;
 struct mnet_msg;
 using MnetMsgPtr = std::unique_ptr<mnet_msg, MnetMsgFree>;
 
-/// Owner of everything in the server: the thread, the shared data, the components, the legacy server's
-/// session.
+/// Owner of everything in the server: the thread, the shared data, the components, the fault manager, the
+/// legacy server's session.
 ///
 /// Host threads touch `start`, `stop` and `enablePowerDropSvFaultSupport`; all else runs on the server
 /// thread. The two share `m_thread`, which has a lock of its own, `m_result` and the private mailbox's id,
@@ -50,7 +52,8 @@ public:
     /// Ends the server and returns the thread's result. With `force` it is cancelled where it next waits for
     /// an event, and nothing is waited for; else it is asked by message to end, and joined.
     MERLOW_API int stop(bool force);
-    /// Counted: each true needs a false of its own.
+    /// The supervision of power drops takes the external power supply fault over: the server suppresses it.
+    /// Counted: each true needs a false of its own. Before the server is started.
     MERLOW_API void enablePowerDropSvFaultSupport(bool enabled);
 
     /// Sends the exit message to the private mailbox.
@@ -86,6 +89,7 @@ private:
 
     std::unique_ptr<ServerThread> m_thread;
     std::atomic<int> m_result{SUCCESS};
+    Merlow::FaultManager m_faultManager; ///< before the common data, which refers to it
     std::unique_ptr<MerlowCommonData> m_commonData;
     std::unique_ptr<BcSession> m_legacySession; ///< null until it is found, and after it was lost
     Components m_components;                    ///< the order of every walk over them

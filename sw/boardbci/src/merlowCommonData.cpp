@@ -16,14 +16,15 @@ bool isSysModeAuboot()
 
 } // namespace
 
-MerlowCommonData* MerlowCommonData::getNew(unsigned int firstClientRef)
+MerlowCommonData* MerlowCommonData::getNew(unsigned int firstClientRef, Merlow::FaultManagerIf& faultManager)
 {
-    return new MerlowCommonData(firstClientRef);
+    return new MerlowCommonData(firstClientRef, faultManager);
 }
 
-MerlowCommonData::MerlowCommonData(unsigned int firstClientRef)
+MerlowCommonData::MerlowCommonData(unsigned int firstClientRef, Merlow::FaultManagerIf& faultManager)
     : m_briClient(firstClientRef), m_bmmiClient(firstClientRef), m_isAuboot(isSysModeAuboot()),
-      m_protocolRevs(m_isAuboot ? std::vector<std::uint16_t>{1} : std::vector<std::uint16_t>{3, 2, 1})
+      m_protocolRevs(m_isAuboot ? std::vector<std::uint16_t>{1} : std::vector<std::uint16_t>{3, 2, 1}),
+      m_faultManager(faultManager)
 {
 }
 

@@ -63,7 +63,8 @@ private:
 MerlowImpl::MerlowImpl() : MerlowImpl(createComponents) {}
 
 MerlowImpl::MerlowImpl(const std::function<Components(MerlowCommonData&)>& componentsFor)
-    : m_thread(std::make_unique<ServerThread>()), m_commonData(MerlowCommonData::getNew(FIRST_CLIENT_REF)),
+    : m_thread(std::make_unique<ServerThread>()),
+      m_commonData(MerlowCommonData::getNew(FIRST_CLIENT_REF, m_faultManager)),
       m_components(componentsFor(*m_commonData))
 {
 }

@@ -7,6 +7,7 @@
 #include "fakeMnet.h"
 #include "fakeSway.h"
 #include "fakeTrace.h"
+#include "faultManager.h"
 #include "merlowCommonData.h"
 #include "merlowComponent.h"
 #include "wire.h"
@@ -168,6 +169,8 @@ public:
         bool bri = true;       ///< the virtual BRI server is up and connected
         bool bmmi = true;      ///< the virtual BMMI server is up and connected
         bool published = true; ///< the public mailbox exists
+        /// Takes the place of a real fault manager; must outlive the board.
+        Merlow::FaultManagerIf* faultManager = nullptr;
     };
     struct ClientOptions {
         std::int32_t clientRef = 7;
@@ -222,6 +225,7 @@ public:
 private:
     void loseSession(mnet_mbox_id_t mbox);
 
+    Merlow::FaultManager m_faultManager;
     std::unique_ptr<MerlowCommonData> m_commonData;
     std::vector<std::unique_ptr<MerlowComponent>> m_components;
     VirtualBrhServer m_bri;

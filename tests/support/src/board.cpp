@@ -12,14 +12,14 @@ namespace {
 constexpr std::uint32_t briNotifyNo = 0x17075AD;
 constexpr std::uint32_t bmmiNotifyNo = 0x17075BD;
 
-std::unique_ptr<MerlowCommonData> newCommonData()
+std::unique_ptr<MerlowCommonData> newCommonData(Merlow::FaultManagerIf& faultManager)
 {
     FakeMnet::instance().reset();
     FakeLoop::instance().reset();
     FakeSway::instance().reset();
     FakeBrh::instance().reset();
     Traces::instance().reset();
-    return std::unique_ptr<MerlowCommonData>(MerlowCommonData::getNew(100));
+    return std::unique_ptr<MerlowCommonData>(MerlowCommonData::getNew(100, faultManager));
 }
 
 } // namespace
@@ -155,7 +155,7 @@ bool VirtualBrhServer::nothingReceived() const
 // Board
 
 Board::Board(Options options)
-    : m_commonData(newCommonData()),
+    : m_commonData(newCommonData(options.faultManager != nullptr ? *options.faultManager : m_faultManager)),
       m_bri(*this, "BriServer", boardresourcehandler::bri::ConnEstablishCfm::MESSAGE_NUMBER,
             m_commonData->getBriClient()),
       m_bmmi(*this, "BmmiServer", boardresourcehandler::bmmi::ConnEstablishCfm::MESSAGE_NUMBER,

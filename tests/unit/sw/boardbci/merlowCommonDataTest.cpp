@@ -1,4 +1,5 @@
 #include "coreFixture.h"
+#include "faultManager.h"
 #include "merlowUtil.h"
 
 #include <cstdlib>
@@ -16,7 +17,7 @@ protected:
     MerlowCommonData& data()
     {
         if (!m_data) {
-            m_data.reset(MerlowCommonData::getNew(100));
+            m_data.reset(MerlowCommonData::getNew(100, m_faultManager));
         }
         return *m_data;
     }
@@ -25,6 +26,7 @@ protected:
         return data().addClientSession(client.mbox(), 1, 2, 3, name, 0);
     }
 
+    Merlow::FaultManager m_faultManager;
     std::unique_ptr<MerlowCommonData> m_data;
 };
 

@@ -1,5 +1,6 @@
 #include "bci/bciState.h"
 #include "coreFixture.h"
+#include "faultManager.h"
 #include "merlowTrace.h"
 
 namespace {
@@ -31,7 +32,7 @@ public:
 
 class MerlowComponentTest : public InMemoryTest {
 protected:
-    MerlowComponentTest() : m_data(MerlowCommonData::getNew(100)), m_component(*m_data) {}
+    MerlowComponentTest() : m_data(MerlowCommonData::getNew(100, m_faultManager)), m_component(*m_data) {}
 
     std::string copied(unsigned int destSize, const std::string& src)
     {
@@ -40,6 +41,7 @@ protected:
         return {dest.begin(), dest.end()};
     }
 
+    Merlow::FaultManager m_faultManager;
     std::unique_ptr<MerlowCommonData> m_data;
     Plain m_component;
 };
