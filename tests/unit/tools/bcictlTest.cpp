@@ -1,6 +1,6 @@
 // bcictl against a unit with fixed answers: what goes out is compared as bytes, what is told as text.
 
-#include "bciClient.h"
+#include "bciCommand.h"
 #include "fakeUnit.h"
 #include "hex.h"
 #include "lineSource.h"
@@ -266,13 +266,14 @@ protected:
         EXPECT_EQ(pipe(ends), 0);
         EXPECT_EQ(write(ends[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
         close(ends[1]);
-        Output output(m_out, m_err, {});
+        Output output(m_out, m_err, {.program = "bcictl"});
         tools::BciClient client({.timeout = std::chrono::milliseconds(3000)});
         EXPECT_FALSE(client.connect());
-        Session session(client, output);
-        const auto source = makePipeSource(ends[0], {client.fd(), [&session] {
-                                                         return session.serve();
-                                                     }});
+        client.onIndication([&output](const tools::Signal& signal) { tellIndication(output, signal); });
+        tools::Session session(client, output, commandTable());
+        const auto source = tools::makePipeSource(ends[0], {client.fd(), [&session] {
+                                                                return session.serve();
+                                                            }});
         const auto status = session.run(*source);
         close(ends[0]);
         return status;
@@ -334,9 +335,9 @@ TEST_F(SessionTest, aLineWithoutEndEndsTheInput)
         }
         close(fd);
     });
-    const auto source = makePipeSource(ends[0], {-1, [] {
-                                                     return true;
-                                                 }});
+    const auto source = tools::makePipeSource(ends[0], {-1, [] {
+                                                            return true;
+                                                        }});
     EXPECT_FALSE(source->next());
     std::string rest(65536, '\0');
     while (read(ends[0], rest.data(), rest.size()) > 0) {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace merlow::bcictl {
+namespace merlow::tools {
 namespace {
 
 using Words = std::vector<std::string>;
@@ -40,4 +40,4 @@ TEST(WordsTest, whatIsNotClosedIsNothing)
 }
 
 } // namespace
-} // namespace merlow::bcictl
+} // namespace merlow::tools

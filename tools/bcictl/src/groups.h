@@ -1,7 +1,7 @@
 /// The makers of all commands, one source file for each group.
 #pragma once
 
-#include "command.h"
+#include "bciCommand.h"
 
 #include <memory>
 

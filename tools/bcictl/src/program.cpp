@@ -1,11 +1,8 @@
 #include "program.h"
 
-#include "command.h"
+#include "bciCommand.h"
+#include "commandLine.h"
 #include "session.h"
-
-#include <cmath>
-#include <cstdlib>
-#include <unistd.h>
 
 namespace merlow::bcictl {
 
@@ -18,47 +15,26 @@ constexpr char footer[] = "Each call is a client of its own: it connects, acts a
                           "Exit status: 0 done, 1 rejected by the unit, 2 wrong usage, 3 no answer in time, "
                           "4 no unit found, or it went away.\n";
 
-struct Options {
-    BciClient::Settings client;
-    double timeoutSeconds = 3;
-    std::string runDir;
-    Output::Style style;
-};
-
-void addOptions(CLI::App& app, Options& options)
+void addOptions(CLI::App& app, BciClient::Settings& settings)
 {
-    app.add_option("--client-ref", options.client.clientRef, "The client's reference")->capture_default_str();
-    app.add_option("--server-ref", options.client.serverRef,
+    app.add_option("--client-ref", settings.clientRef, "The client's reference")->capture_default_str();
+    app.add_option("--server-ref", settings.serverRef,
                    "The reference to ask for: 100-199, 300-399 or 400-499")
         ->capture_default_str();
-    app.add_option("--rev", options.client.protocolRev, "The protocol revision")->capture_default_str();
-    app.add_option("--timeout", options.timeoutSeconds, "Seconds to wait for the unit, and for each answer")
-        ->check(CLI::Range(0.001, 86400.0))
-        ->capture_default_str();
-    app.add_option("--run-dir", options.runDir,
-                   "The unit's run-time folder (default: as MERLOW_RUN_DIR says)");
-    app.add_flag("--json", options.style.json, "One JSON object a line");
-    app.add_flag("-v,--verbose", options.style.verbose, "Signal names in front of each line");
+    app.add_option("--rev", settings.protocolRev, "The protocol revision")->capture_default_str();
 }
 
 ExitStatus runSession(BciClient& client, Output& output)
 {
-    Session session(client, output);
-    const Watch watch{client.fd(), [&session] {
-                          return session.serve();
-                      }};
-    std::unique_ptr<LineSource> source;
-    if (isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
-        source = makeTerminalSource(watch);
-    }
-    if (!source) {
-        source = makePipeSource(STDIN_FILENO, watch);
-    }
-    output.connected(client.references());
+    tools::Session session(client, output, commandTable());
+    client.onIndication([&output](const tools::Signal& signal) { tellIndication(output, signal); });
+    const auto source = session.standardInput("bcictl", "bci> ");
+    tellConnected(output, client.references());
     return session.run(*source);
 }
 
-ExitStatus act(const BciClient::Settings& settings, const CommandChoice& choice, Output& output)
+ExitStatus act(const BciClient::Settings& settings, const tools::CommandChoice<BciClient>& choice,
+               Output& output)
 {
     output.setCommand(choice.row() != nullptr ? choice.row()->name : "session");
     BciClient client(settings);
@@ -74,31 +50,20 @@ ExitStatus act(const BciClient::Settings& settings, const CommandChoice& choice,
 
 int runProgram(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
 {
-    CLI::App app("A client of the unit's board control interface.", "bcictl");
-    Options options;
-    CommandChoice choice;
-    app.set_version_flag("--version", "bcictl " MERLOW_VERSION);
-    app.footer(footer);
-    app.fallthrough();
-    addOptions(app, options);
-    choice.addTo(app);
-    const CLI::App* const session = app.add_subcommand(
+    tools::CommandLine commandLine("bcictl", "A client of the unit's board control interface.");
+    BciClient::Settings settings;
+    tools::CommandChoice choice(commandTable());
+    commandLine.app().footer(footer);
+    addOptions(commandLine.app(), settings);
+    choice.addTo(commandLine.app());
+    commandLine.app().add_subcommand(
         "session", "Stay connected; take commands from standard input, \"help\" lists them");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error, out, err) == 0 ? 0 : static_cast<int>(ExitStatus::usage);
+    if (const auto status = commandLine.parse(argc, argv, out, err)) {
+        return *status;
     }
-    if (choice.row() == nullptr && !session->parsed()) {
-        err << "bcictl: a command is missing; --help lists them" << std::endl;
-        return static_cast<int>(ExitStatus::usage);
-    }
-    if (!options.runDir.empty()) {
-        setenv("MERLOW_RUN_DIR", options.runDir.c_str(), 1);
-    }
-    options.client.timeout = std::chrono::milliseconds(std::lround(options.timeoutSeconds * 1000));
-    Output output(out, err, options.style);
-    return static_cast<int>(act(options.client, choice, output));
+    settings.timeout = commandLine.timeout();
+    Output output(out, err, commandLine.style());
+    return static_cast<int>(act(settings, choice, output));
 }
 
 } // namespace merlow::bcictl

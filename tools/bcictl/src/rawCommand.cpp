@@ -63,7 +63,8 @@ public:
             return failure->status;
         }
         const auto& signal = std::get<tools::Signal>(answer);
-        output.done(number, signal, describeSignal(signal), fieldsOf(signal));
+        output.done(number, signal.number(), describeSignal(signal),
+                    withReferences(signal.addressInfo(), fieldsOf(signal)));
         return ExitStatus::done;
     }
 

@@ -6,7 +6,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace merlow::bcictl {
+namespace merlow::tools {
 
 namespace {
 
@@ -86,4 +86,4 @@ std::unique_ptr<LineSource> makePipeSource(int fd, Watch watch)
     return std::make_unique<PipeSource>(fd, std::move(watch));
 }
 
-} // namespace merlow::bcictl
+} // namespace merlow::tools

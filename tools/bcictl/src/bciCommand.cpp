@@ -1,4 +1,4 @@
-#include "command.h"
+#include "bciCommand.h"
 
 #include "groups.h"
 
@@ -19,23 +19,9 @@ constexpr std::array commands{
 
 } // namespace
 
-std::span<const CommandRow> commandTable()
+tools::CommandTable<tools::BciClient> commandTable()
 {
     return commands;
-}
-
-void CommandChoice::addTo(CLI::App& app)
-{
-    for (const CommandRow& row : commandTable()) {
-        CLI::App* const sub = app.add_subcommand(row.name, row.help);
-        const std::shared_ptr<Command> command = row.make();
-        command->addOptions(*sub);
-        sub->callback([this, &row, command] {
-            m_row = &row;
-            m_command = command;
-        });
-    }
-    app.require_subcommand(0, 1);
 }
 
 } // namespace merlow::bcictl

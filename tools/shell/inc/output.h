@@ -1,13 +1,13 @@
-/// What bcictl tells: lines for people, or one JSON object a line.
+/// What a client program tells: lines for people, or one JSON object a line.
 #pragma once
 
-#include "bciClient.h"
+#include "unitClient.h"
 
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 
-namespace merlow::bcictl {
+namespace merlow::tools {
 
 using Fields = nlohmann::ordered_json;
 
@@ -16,6 +16,7 @@ using Fields = nlohmann::ordered_json;
 class Output {
 public:
     struct Style {
+        const char* program = ""; ///< in front of each failure
         bool json = false;
         bool verbose = false; ///< signal names in front of each line for people
     };
@@ -25,18 +26,21 @@ public:
     /// What command is reported on from here on.
     void setCommand(const std::string& name) { m_command = name; }
 
-    /// A request `sent` that was answered by `answer`. `text` is for people; `fields` join the JSON object.
-    void done(std::uint32_t sent, const tools::Signal& answer, const std::string& text, const Fields& fields);
-    void failed(std::uint32_t sent, const tools::Failure& failure);
+    /// A signal `sent` that was answered by `answer`, 0 for one that has no answer. `text` is for people;
+    /// `fields` join the JSON object.
+    void done(std::uint32_t sent, std::uint32_t answer, const std::string& text, const Fields& fields);
+    void failed(std::uint32_t sent, const Failure& failure);
     /// A command line that makes no sense.
     void misused(const std::string& text);
     void help(const std::string& text);
-    void connected(const TarnNodeCommonAddressInfoS& references);
-    void indication(const tools::Signal& signal);
+    /// Something that no command asked for.
+    void event(const char* name, const std::string& text, const Fields& fields);
+
+    /// "SENT -> ANSWER: " when signals are to be named, else nothing.
+    [[nodiscard]] std::string names(std::uint32_t sent, std::uint32_t answer) const;
 
 private:
     void printObject(const Fields& object);
-    [[nodiscard]] std::string names(std::uint32_t sent, std::uint32_t answer) const;
 
     std::ostream& m_out;
     std::ostream& m_err;
@@ -44,11 +48,4 @@ private:
     std::string m_command;
 };
 
-/// A signal for people: name, size and references in one line, then what follows the references as a hex
-/// view; ends with a newline only behind a view.
-std::string describeSignal(const tools::Signal& signal);
-
-/// The same as members of a JSON object.
-Fields fieldsOf(const tools::Signal& signal);
-
-} // namespace merlow::bcictl
+} // namespace merlow::tools

@@ -1,6 +1,6 @@
 #include "words.h"
 
-namespace merlow::bcictl {
+namespace merlow::tools {
 
 std::optional<std::vector<std::string>> splitWords(std::string_view line)
 {
@@ -43,4 +43,4 @@ std::optional<std::vector<std::string>> splitWords(std::string_view line)
     return words;
 }
 
-} // namespace merlow::bcictl
+} // namespace merlow::tools

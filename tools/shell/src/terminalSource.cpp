@@ -3,8 +3,6 @@
 
 #include "lineSource.h"
 
-#include "command.h"
-
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -12,7 +10,7 @@
 #include <histedit.h>
 #include <unistd.h>
 
-namespace merlow::bcictl {
+namespace merlow::tools {
 
 namespace {
 
@@ -20,9 +18,10 @@ constexpr int historyLength = 500;
 
 class TerminalSource : public LineSource {
 public:
-    explicit TerminalSource(Watch watch) : m_watch(std::move(watch))
+    TerminalSource(Terminal terminal, Watch watch)
+        : m_terminal(std::move(terminal)), m_watch(std::move(watch))
     {
-        m_edit.reset(el_init("bcictl", stdin, stdout, stderr));
+        m_edit.reset(el_init(m_terminal.program, stdin, stdout, stderr));
         m_history.reset(history_init());
         if (!m_edit || !m_history) {
             return;
@@ -71,11 +70,8 @@ private:
         return *static_cast<TerminalSource*>(data);
     }
 
-    static char* prompt(EditLine* /*edit*/)
-    {
-        static char text[] = "bci> ";
-        return text;
-    }
+    /// The editor wants it writable and leaves it as it is.
+    static char* prompt(EditLine* edit) { return const_cast<char*>(self(edit).m_terminal.prompt); }
 
     static int readCharacter(EditLine* edit, wchar_t* character) { return self(edit).readOne(character); }
 
@@ -122,19 +118,19 @@ private:
     {
         const LineInfo* const info = el_line(edit);
         const std::string_view typed(info->buffer, static_cast<std::size_t>(info->cursor - info->buffer));
-        const char* match = nullptr;
-        for (const CommandRow& row : commandTable()) {
-            if (std::string_view(row.name).starts_with(typed)) {
+        const std::string* match = nullptr;
+        for (const std::string& command : self(edit).m_terminal.commands) {
+            if (command.starts_with(typed)) {
                 if (match != nullptr) {
                     return CC_REFRESH_BEEP;
                 }
-                match = row.name;
+                match = &command;
             }
         }
         if (match == nullptr) {
             return CC_REFRESH_BEEP;
         }
-        const std::string rest = std::string(match + typed.size()) + ' ';
+        const std::string rest = match->substr(typed.size()) + ' ';
         return el_insertstr(edit, rest.c_str()) == 0 ? CC_REFRESH : CC_ERROR;
     }
 
@@ -145,6 +141,7 @@ private:
         void operator()(History* entries) const { history_end(entries); }
     };
 
+    Terminal m_terminal;
     Watch m_watch;
     std::unique_ptr<History, HistoryEnd> m_history;
     std::unique_ptr<EditLine, EditEnd> m_edit;
@@ -152,13 +149,13 @@ private:
 
 } // namespace
 
-std::unique_ptr<LineSource> makeTerminalSource(Watch watch)
+std::unique_ptr<LineSource> makeTerminalSource(Terminal terminal, Watch watch)
 {
-    auto source = std::make_unique<TerminalSource>(std::move(watch));
+    auto source = std::make_unique<TerminalSource>(std::move(terminal), std::move(watch));
     if (!source->isUsable()) {
         return nullptr;
     }
     return source;
 }
 
-} // namespace merlow::bcictl
+} // namespace merlow::tools

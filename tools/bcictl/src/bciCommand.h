@@ -1,0 +1,48 @@
+/// What a command of bcictl is, and the table of all of them.
+#pragma once
+
+#include "bciClient.h"
+#include "bciOutput.h"
+#include "command.h"
+
+#include <functional>
+
+namespace merlow::bcictl {
+
+using tools::Fields;
+using tools::Output;
+using Command = tools::Command<tools::BciClient>;
+using CommandRow = tools::CommandRow<tools::BciClient>;
+
+/// All commands, in the order in which help lists them.
+tools::CommandTable<tools::BciClient> commandTable();
+
+/// What a confirm means.
+struct Told {
+    std::string text; ///< for people
+    Fields fields;    ///< the same for programs
+};
+
+/// Sends `req`, awaits `Cfm` or one of `Rej`, and tells how it went: the failure, or what `tell` makes of the
+/// confirm.
+template <class Req, class Cfm, class... Rej>
+[[nodiscard]] tools::ExitStatus exchange(tools::BciClient& client, Output& output, const Req& req,
+                                         const std::function<Told(const Cfm&)>& tell)
+{
+    const auto answer = client.request(toMessage(req), {BciRecord<Cfm>::number, BciRecord<Rej>::number...});
+    if (const auto* const failure = std::get_if<tools::Failure>(&answer)) {
+        output.failed(BciRecord<Req>::number, *failure);
+        return failure->status;
+    }
+    const auto& signal = std::get<tools::Signal>(answer);
+    const auto cfm = tools::decode<Cfm>(signal);
+    if (!cfm) { // the client lets no short confirm through
+        return tools::ExitStatus::noAnswer;
+    }
+    const Told told = tell(*cfm);
+    output.done(BciRecord<Req>::number, signal.number(), told.text,
+                withReferences(signal.addressInfo(), told.fields));
+    return tools::ExitStatus::done;
+}
+
+} // namespace merlow::bcictl

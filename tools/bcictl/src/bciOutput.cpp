@@ -1,0 +1,63 @@
+#include "bciOutput.h"
+
+#include "hex.h"
+
+namespace merlow::bcictl {
+
+namespace {
+
+using tools::Fields;
+using tools::signalName;
+
+std::string textOf(const TarnNodeCommonAddressInfoS& references)
+{
+    return "clientRef " + std::to_string(references.clientRef) + ", serverRef " +
+           std::to_string(references.serverRef);
+}
+
+} // namespace
+
+Fields withReferences(const TarnNodeCommonAddressInfoS& references, const Fields& more)
+{
+    Fields fields{{"clientRef", references.clientRef}, {"serverRef", references.serverRef}};
+    fields.update(more);
+    return fields;
+}
+
+std::string describeSignal(const tools::Signal& signal)
+{
+    const auto size = signal.bytes.size();
+    std::string text = signalName(signal.number()) + ", " + std::to_string(size) + " bytes";
+    if (size < 12) {
+        return text + ", too short for its references\n" + tools::hexView(signal.bytes);
+    }
+    text += ", " + textOf(signal.addressInfo());
+    if (!signal.fields().empty()) {
+        text += "\n" + tools::hexView(signal.fields());
+    }
+    return text;
+}
+
+Fields fieldsOf(const tools::Signal& signal)
+{
+    Fields fields{{"number", signal.number()}, {"size", signal.bytes.size()}};
+    fields.update(withReferences(signal.addressInfo(), {{"hex", tools::toHex(signal.fields())}}));
+    return fields;
+}
+
+void tellConnected(tools::Output& output, const TarnNodeCommonAddressInfoS& references)
+{
+    output.event("connected",
+                 output.names(TARN_BC_CONN_ESTABLISH_REQ, TARN_BC_CONN_ESTABLISH_CFM) + "connected, " +
+                     textOf(references),
+                 withReferences(references, Fields::object()));
+}
+
+void tellIndication(tools::Output& output, const tools::Signal& signal)
+{
+    Fields fields{{"signal", signalName(signal.number())}};
+    fields.update(fieldsOf(signal));
+    output.event("indication", "indication " + describeSignal(signal), fields);
+}
+
+} // namespace merlow::bcictl

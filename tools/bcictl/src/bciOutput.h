@@ -1,0 +1,24 @@
+/// Signals of BCI as bcictl shows them.
+#pragma once
+
+#include "bciClient.h"
+#include "output.h"
+
+#include <string>
+
+namespace merlow::bcictl {
+
+/// The references and then `more`, as members of a JSON object.
+tools::Fields withReferences(const TarnNodeCommonAddressInfoS& references, const tools::Fields& more);
+
+/// A signal for people: name, size and references in one line, then what follows the references as a hex
+/// view; ends with a newline only behind a view.
+std::string describeSignal(const tools::Signal& signal);
+
+/// The same as members of a JSON object.
+tools::Fields fieldsOf(const tools::Signal& signal);
+
+void tellConnected(tools::Output& output, const TarnNodeCommonAddressInfoS& references);
+void tellIndication(tools::Output& output, const tools::Signal& signal);
+
+} // namespace merlow::bcictl

@@ -1,0 +1,80 @@
+/// A process that talks to a unit: blocking calls with deadlines, and a descriptor for tools that stay.
+#pragma once
+
+#include "bciDecode.h"
+#include "exitStatus.h"
+#include "mnetMsgPtr.h"
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <variant>
+
+namespace merlow::tools {
+
+/// Why there is no answer to go on with.
+struct Failure {
+    ExitStatus status;
+    std::string text; ///< for people; without code and text of a reject
+    std::optional<Rejection> rejection;
+    std::uint32_t answer = 0; ///< the number of the signal that says so; 0 for none
+};
+
+/// One mailbox of this process and the mailbox of a unit. Belongs to the thread that made it, and the unit
+/// sees the mailbox go when the object does.
+///
+/// What comes and is no answer goes to the indication handler, or is dropped when there is none.
+class UnitClient {
+public:
+    using Answer = std::variant<Signal, Failure>;
+
+    /// `unitMailbox`: the name to talk to. `timeout`: for each wait, the search and each answer.
+    UnitClient(const char* unitMailbox, std::chrono::milliseconds timeout);
+    ~UnitClient();
+    UnitClient(const UnitClient&) = delete;
+    UnitClient& operator=(const UnitClient&) = delete;
+
+    /// Opens the mailbox and finds the unit.
+    [[nodiscard]] std::optional<Failure> open();
+
+    void onIndication(std::function<void(const Signal&)> handler) { m_onIndication = std::move(handler); }
+
+    /// Readable when `drain` has something to do; -1 before `open`.
+    [[nodiscard]] int fd() const;
+
+    /// Hands out what has come. Does not wait.
+    void drain();
+
+    /// The unit went away after it was found. There is no way back but a new client.
+    [[nodiscard]] bool isLost() const { return m_isLost; }
+
+protected:
+    /// Sends `msg` without waiting for anything.
+    [[nodiscard]] std::optional<Failure> send(MnetMsgPtr msg);
+
+    /// Sends `msg` and waits for the signal that `isAnswer` takes. A reject is a failure that carries its
+    /// code and text; so is, unless `isAnyLengthFine`, an answer shorter than its layout.
+    [[nodiscard]] Answer exchange(MnetMsgPtr msg, const std::function<bool(const Signal&)>& isAnswer,
+                                  bool isAnyLengthFine);
+
+private:
+    using TimePoint = std::chrono::steady_clock::time_point;
+
+    [[nodiscard]] std::optional<Failure> openMailbox();
+    [[nodiscard]] std::optional<Failure> findUnit();
+    /// The next signal; nothing at the deadline (without one: when none is there now) or when the unit is
+    /// lost.
+    [[nodiscard]] std::optional<Signal> receiveUntil(std::optional<TimePoint> deadline);
+    [[nodiscard]] Failure lost() const;
+
+    const char* m_unitName;
+    std::chrono::milliseconds m_timeout;
+    std::function<void(const Signal&)> m_onIndication;
+    mnet_mbox_id_t m_mailbox = MNET_MBOX_NONE;
+    mnet_mbox_id_t m_unit = MNET_MBOX_NONE;
+    bool m_ownsLibrary = false;
+    bool m_isLost = false;
+};
+
+} // namespace merlow::tools
