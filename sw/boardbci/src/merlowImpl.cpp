@@ -4,6 +4,7 @@
 #include "merlowBmmi.h"
 #include "merlowBri.h"
 #include "merlowCommonData.h"
+#include "merlowFaultHandling.h"
 #include "merlowMmiHandling.h"
 #include "merlowState.h"
 #include "merlowTime.h"
@@ -31,6 +32,7 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowBri>(commonData));
     components.push_back(std::make_unique<MerlowBmmi>(commonData));
     components.push_back(std::make_unique<MerlowMmiHandling>(commonData));
+    components.push_back(std::make_unique<MerlowFaultHandling>(commonData));
     return components;
 }
 

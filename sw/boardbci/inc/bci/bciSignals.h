@@ -7,24 +7,32 @@
 #include <string_view>
 
 // clang-format off
-#define BCI_SIGNAL_TABLE(ROW)                                  \
-    ROW(TARN_BC_CONN_ESTABLISH_REQ,         0x1658000,  16)    \
-    ROW(TARN_BC_CONN_ESTABLISH_CFM,         0x1658001,  12)    \
-    ROW(TARN_BC_CONN_ESTABLISH_REJ,         0x1658002, 132)    \
-    ROW(TARN_BC_SELECT_MMI_REQ,             0x1658012,  16)    \
-    ROW(TARN_BC_SELECT_MMI_CFM,             0x1658013,  12)    \
-    ROW(TARN_BC_SELECT_MMI_REJ,             0x1658014, 128)    \
-    ROW(TARN_BC_AUDIT_REQ,                  0x1658400,  12)    \
-    ROW(TARN_BC_AUDIT_CFM,                  0x1658401,  16)    \
-    ROW(TARN_BC_ENABLE_OPERATION_REQ,       0x1658403,  12)    \
-    ROW(TARN_BC_ENABLE_OPERATION_CFM,       0x1658404,  12)    \
-    ROW(TARN_BC_ENABLE_OPERATION_REJ,       0x1658405, 128)    \
-    ROW(TARN_BC_DISABLE_OPERATION_REQ,      0x1658406,  12)    \
-    ROW(TARN_BC_DISABLE_OPERATION_CFM,      0x1658407,  12)    \
-    ROW(TARN_BC_DISABLE_OPERATION_REJ,      0x1658408, 128)    \
-    ROW(TARN_BC_SET_UTC_TIME_REQ,           0x1659500,  16)    \
-    ROW(TARN_BC_SET_UTC_TIME_CFM,           0x1659501,  12)    \
-    ROW(TARN_BC_SET_UTC_TIME_REJ,           0x1659502, 128)
+#define BCI_SIGNAL_TABLE(ROW)                                                \
+    ROW(TARN_BC_CONN_ESTABLISH_REQ,                       0x1658000,  16)    \
+    ROW(TARN_BC_CONN_ESTABLISH_CFM,                       0x1658001,  12)    \
+    ROW(TARN_BC_CONN_ESTABLISH_REJ,                       0x1658002, 132)    \
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_REQ,                     0x165800A,  12)    \
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_CFM,                     0x165800B,  12)    \
+    ROW(TARN_BC_FAULT_IND,                                0x165800D, 144)    \
+    ROW(TARN_BC_FAULTCEASE_IND,                           0x165800E,  28)    \
+    ROW(TARN_BC_SELECT_MMI_REQ,                           0x1658012,  16)    \
+    ROW(TARN_BC_SELECT_MMI_CFM,                           0x1658013,  12)    \
+    ROW(TARN_BC_SELECT_MMI_REJ,                           0x1658014, 128)    \
+    ROW(TARN_BC_AUDIT_REQ,                                0x1658400,  12)    \
+    ROW(TARN_BC_AUDIT_CFM,                                0x1658401,  16)    \
+    ROW(TARN_BC_ENABLE_OPERATION_REQ,                     0x1658403,  12)    \
+    ROW(TARN_BC_ENABLE_OPERATION_CFM,                     0x1658404,  12)    \
+    ROW(TARN_BC_ENABLE_OPERATION_REJ,                     0x1658405, 128)    \
+    ROW(TARN_BC_DISABLE_OPERATION_REQ,                    0x1658406,  12)    \
+    ROW(TARN_BC_DISABLE_OPERATION_CFM,                    0x1658407,  12)    \
+    ROW(TARN_BC_DISABLE_OPERATION_REJ,                    0x1658408, 128)    \
+    ROW(TARN_BC_SET_UTC_TIME_REQ,                         0x1659500,  16)    \
+    ROW(TARN_BC_SET_UTC_TIME_CFM,                         0x1659501,  12)    \
+    ROW(TARN_BC_SET_UTC_TIME_REJ,                         0x1659502, 128)    \
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_RECOVERY_TIME_CFM,  0x165A002,  12)    \
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_RECOVERY_TIME_REQ,  0x165A004,  12)    \
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_CFM, 0x165A104,  12)    \
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_REQ, 0x165A107,  12)
 // clang-format on
 
 enum BciSignalNumber : std::uint32_t {

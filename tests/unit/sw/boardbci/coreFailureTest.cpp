@@ -3,6 +3,7 @@
 /// leaks, and the server goes on.
 #include "bci/bciSignals.h"
 #include "coreFixture.h"
+#include "merlowFaultHandling.h"
 #include "merlowState.h"
 
 namespace {
@@ -27,7 +28,8 @@ void PrintTo(const Case& testCase, std::ostream* out)
 std::vector<Case> allCases()
 {
     std::vector<std::pair<std::uint32_t, std::size_t>> numbers{
-        {0xDEADBEEF, 16}, {0x1901000, 16}, {0x1901001, 16}, {0x165ABCD, 20}, {0, 12}, {0xFFFFFFFF, 12}};
+        {0xDEADBEEF, 16}, {0x1901000, 16}, {0x1901001, 16}, {0x165ABCD, 20},
+        {0xDEADBEF0, 16}, {0, 12},         {0xFFFFFFFF, 12}};
     for (const BciSignal& signal : BCI_SIGNALS) {
         numbers.emplace_back(signal.number, signal.size);
     }
@@ -62,8 +64,9 @@ protected:
 TEST_P(CoreFailureTest, leavesTheServerWhole)
 {
     MerlowState state(data());
+    MerlowFaultHandling faults(data());
     publish();
-    ASSERT_TRUE(state.init());
+    ASSERT_TRUE(state.init() && faults.init());
     const Peer witness = confirmedClient();
     const auto cloneOfWitness = m_lastClone;
     const Peer client = confirmedClient();
@@ -106,8 +109,9 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
 TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
 {
     MerlowState state(data());
+    MerlowFaultHandling faults(data());
     startUp();
-    ASSERT_TRUE(state.init());
+    ASSERT_TRUE(state.init() && faults.init());
     const Peer stranger;
     sendAtEachLength(stranger, privateMbox(), 0xFF);
     EXPECT_EQ(stranger.receive().hex, "");
