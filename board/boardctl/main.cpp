@@ -1,5 +1,5 @@
-#include "commandLine.h"
 #include "controlClient.h"
+#include "programOptions.h"
 #include "statusText.h"
 
 #include <cmath>
@@ -251,13 +251,12 @@ int main(int argc, char** argv)
     CLI::App app("Acts on the reference board's neighbours as a test engineer would.", "boardctl");
     app.fallthrough(); // for the commands to come: options for all stand in front of a command or behind it
     merlow::board::Options options;
-    merlow::board::addCommonOptions(app, options.runDir);
+    merlow::base::addCommonOptions(app, options.runDir);
     merlow::board::addCommands(app, options);
     app.footer(merlow::board::footer);
-    app.require_subcommand(1);
-    if (const auto status = merlow::board::parseCommandLine(app, argc, argv)) {
+    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
         return *status;
     }
-    merlow::board::useRunDir(options.runDir);
+    merlow::base::useRunDir(options.runDir);
     return merlow::board::carryOut(*app.get_subcommands().front(), options);
 }

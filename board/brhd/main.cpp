@@ -1,6 +1,6 @@
 #include "brhd.h"
-#include "commandLine.h"
 #include "host.h"
+#include "programOptions.h"
 
 #include <chrono>
 #include <limits>
@@ -24,7 +24,7 @@ struct Options {
 void addOptions(CLI::App& app, Options& options)
 {
     const CLI::Range anyRevision(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max(), "REVISION");
-    merlow::board::addCommonOptions(app, options.runDir);
+    merlow::base::addCommonOptions(app, options.runDir);
     app.add_option("--bri-revisions", options.briRevisions, "Protocol revisions that BriServer supports")
         ->delimiter(',')
         ->check(anyRevision)
@@ -52,10 +52,10 @@ int main(int argc, char** argv)
                  "brhd");
     Options options;
     addOptions(app, options);
-    if (const auto status = merlow::board::parseCommandLine(app, argc, argv)) {
+    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
         return *status;
     }
-    merlow::board::useRunDir(options.runDir);
+    merlow::base::useRunDir(options.runDir);
     merlow::board::Host host;
     merlow::board::Brhd brhd(configOf(options), systemTime, host);
     return host.run(brhd);

@@ -1,6 +1,6 @@
-#include "commandLine.h"
 #include "host.h"
 #include "legacyServer.h"
+#include "programOptions.h"
 
 int main(int argc, char** argv)
 {
@@ -8,11 +8,11 @@ int main(int argc, char** argv)
                  "Ends on SIGTERM and SIGINT.",
                  "legacyd");
     std::string runDir;
-    merlow::board::addCommonOptions(app, runDir);
-    if (const auto status = merlow::board::parseCommandLine(app, argc, argv)) {
+    merlow::base::addCommonOptions(app, runDir);
+    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
         return *status;
     }
-    merlow::board::useRunDir(runDir);
+    merlow::base::useRunDir(runDir);
     merlow::board::Host host;
     merlow::board::LegacyServer server(host);
     return host.run(server);

@@ -1,9 +1,9 @@
 // scryctl: the trace levels of running processes.
 
 #include "levelList.h"
+#include "programOptions.h"
 #include "scryctl.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
 
@@ -45,11 +45,9 @@ ExitStatus run(int argc, char** argv)
 {
     CLI::App app("Shows and changes the trace levels of the running processes of a unit.", "scryctl");
     app.footer(footer);
-    app.set_version_flag("--version", MERLOW_VERSION);
-    app.require_subcommand(1);
     app.fallthrough();
     std::string runDir;
-    app.add_option("--run-dir", runDir, "The unit's run-time folder (default: as MERLOW_RUN_DIR says)");
+    merlow::base::addCommonOptions(app, runDir);
 
     bool json = false;
     CLI::App* const listCommand =
@@ -72,17 +70,15 @@ ExitStatus run(int argc, char** argv)
         ->check(CLI::IsMember({"on", "off"}))
         ->type_name("on|off");
 
-    try {
-        app.parse(argc, argv);
-        if (*setCommand && !changes.processLevels && !changes.objectLevels && !changes.objectsOn) {
-            throw CLI::RequiredError("set: one of --proc, --obj, --objects");
-        }
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? ExitStatus::done : ExitStatus::usage;
+    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+        return static_cast<ExitStatus>(*status);
     }
-    if (!runDir.empty() && setenv("MERLOW_RUN_DIR", runDir.c_str(), 1) != 0) {
-        return ExitStatus::failed;
+    if (*setCommand && !changes.processLevels && !changes.objectLevels && !changes.objectsOn) {
+        std::cerr
+            << "scryctl: set: one of --proc, --obj and --objects is required\nTry 'scryctl set --help'.\n";
+        return ExitStatus::usage;
     }
+    merlow::base::useRunDir(runDir);
     return *listCommand ? list(json, std::cout, std::cerr) : set(changes, std::cerr);
 }
 

@@ -4,6 +4,7 @@
 #include "command.h"
 #include "lineSource.h"
 #include "output.h"
+#include "programOptions.h"
 #include "unitClient.h"
 
 #include <algorithm>
@@ -39,6 +40,7 @@ public:
 
 protected:
     virtual void runCommand(std::vector<std::string> words) = 0;
+    void tellHelp();
 
 private:
     /// False after "quit".
@@ -76,10 +78,14 @@ private:
             std::reverse(words.begin(), words.end()); // as the parser takes them
             app.parse(words);
         } catch (const CLI::CallForHelp&) {
-            m_output.help(app.help());
+            if (app.get_subcommands().empty()) {
+                tellHelp();
+            } else {
+                m_output.help(app.help());
+            }
             return;
         } catch (const CLI::ParseError& error) {
-            m_output.misused(error.what());
+            m_output.misused(base::mistakeText(app, error) + "; \"help\" lists the commands");
             return;
         }
         if (choice.row() == nullptr) {

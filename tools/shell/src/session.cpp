@@ -65,20 +65,25 @@ bool SessionLoop::runLine(const std::string& line)
         return false;
     }
     if (words->front() == "help") {
-        std::ostringstream text;
-        text << std::left;
-        for (const auto& command : m_commands) {
-            text << "  " << std::setw(10) << command.name << command.help << "\n";
-        }
-        text << "  " << std::setw(10) << "help"
-             << "This list; COMMAND --help tells more\n"
-             << "  " << std::setw(10) << "quit"
-             << "End the session\n";
-        m_output.help(text.str());
+        tellHelp();
         return true;
     }
     runCommand(*words);
     return true;
+}
+
+void SessionLoop::tellHelp()
+{
+    std::ostringstream text;
+    text << std::left;
+    for (const auto& command : m_commands) {
+        text << "  " << std::setw(10) << command.name << command.help << "\n";
+    }
+    text << "  " << std::setw(10) << "help"
+         << "This list; COMMAND --help tells more\n"
+         << "  " << std::setw(10) << "quit"
+         << "End the session\n";
+    m_output.help(text.str());
 }
 
 } // namespace merlow::tools

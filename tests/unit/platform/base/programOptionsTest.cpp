@@ -1,0 +1,83 @@
+// What a user reads who types a program's command line wrong.
+
+#include "programOptions.h"
+
+#include <gtest/gtest.h>
+#include <sstream>
+
+namespace merlow::base {
+namespace {
+
+struct Answer {
+    std::optional<int> status;
+    std::string out;
+    std::string err;
+};
+
+/// A program "tool" with the commands "go SPEED" and "stop", or without any.
+Answer parse(const std::vector<const char*>& words, bool hasCommands = true)
+{
+    CLI::App app("A tool.", "tool");
+    app.fallthrough();
+    std::string runDir;
+    int speed = 0;
+    addCommonOptions(app, runDir);
+    if (hasCommands) {
+        app.add_subcommand("go", "Goes")->add_option("SPEED", speed)->required();
+        app.add_subcommand("stop", "Stops");
+    }
+    std::vector<const char*> all{"tool"};
+    all.insert(all.end(), words.begin(), words.end());
+    std::ostringstream out;
+    std::ostringstream err;
+    const auto status = parseCommandLine(app, static_cast<int>(all.size()), all.data(), out, err);
+    return {status, out.str(), err.str()};
+}
+
+TEST(ProgramOptions, goesOnWithWhatIsRight)
+{
+    EXPECT_EQ(parse({"stop"}).status, std::nullopt);
+    EXPECT_EQ(parse({"go", "5", "--run-dir", "x"}).status, std::nullopt);
+    EXPECT_EQ(parse({}, false).status, std::nullopt);
+}
+
+TEST(ProgramOptions, helpAndVersionEndWithStatusZero)
+{
+    const auto help = parse({"go", "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.out.find("SPEED"), std::string::npos);
+    EXPECT_EQ(help.err, "");
+    const auto version = parse({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_TRUE(version.out.starts_with("tool ")) << version.out;
+}
+
+TEST(ProgramOptions, aMistakeNamesProgramAndCommand)
+{
+    const struct {
+        std::vector<const char*> words;
+        bool hasCommands;
+        const char* err;
+    } cases[] = {
+        {{}, true, "tool: a command is missing\nTry 'tool --help'.\n"},
+        {{"--run-dir", "x"}, true, "tool: a command is missing\nTry 'tool --help'.\n"},
+        {{"dance"}, true, "tool: there is no command \"dance\"\nTry 'tool --help'.\n"},
+        {{"--loud", "dance"}, true, "tool: there is no command \"dance\"\nTry 'tool --help'.\n"},
+        {{"--loud"}, true, "tool: The following argument was not expected: --loud\nTry 'tool --help'.\n"},
+        {{"go"}, true, "tool: go: SPEED is required\nTry 'tool go --help'.\n"},
+        {{"go", "fast"}, true, "tool: go: Could not convert: SPEED = fast\nTry 'tool go --help'.\n"},
+        {{"stop", "it"},
+         true,
+         "tool: stop: The following argument was not expected: it\nTry 'tool stop --help'.\n"},
+        {{"dance"}, false, "tool: The following argument was not expected: dance\nTry 'tool --help'.\n"},
+    };
+    for (const auto& [words, hasCommands, err] : cases) {
+        const auto answer = parse(words, hasCommands);
+        EXPECT_EQ(answer.status, 2) << err;
+        EXPECT_EQ(answer.err, err);
+        EXPECT_EQ(answer.out, "");
+    }
+}
+
+} // namespace
+} // namespace merlow::base
