@@ -142,11 +142,8 @@ void MerlowImpl::deleteBcSession(const BcSession& session)
     for (const auto& component : m_components) {
         component->onBcSessionLost(session);
     }
-    const mnet_mbox_id_t mailbox = session.mailboxId;
-    m_commonData->getBriClient().abandonTransactions(mailbox);
-    m_commonData->getBmmiClient().abandonTransactions(mailbox);
     SCRY_OBJ_TRACE(5, "MerlowImpl::deleteBcSession erasing " << session.getMboxName());
-    m_commonData->removeClientSession(mailbox);
+    m_commonData->removeClientSession(session.mailboxId);
 }
 
 // The legacy server
@@ -238,15 +235,20 @@ void MerlowImpl::handleSessionLost(const std::shared_ptr<mnet_msg>& msg)
                                                                 << " is no notice. Ignoring it.");
         return;
     }
-    if (const BcSession* session = m_commonData->getClientSession(mailbox)) {
+    const BcSession* session = m_commonData->getClientSession(mailbox);
+    const bool isLegacy = m_legacySession && m_legacySession->mailboxId == mailbox;
+    if (session != nullptr) {
         SCRY_OBJ_TRACE(5, "Client disconnected: " << session->getMboxName());
         deleteBcSession(*session);
-    } else if (m_legacySession && m_legacySession->mailboxId == mailbox) {
+    }
+    // A legacy server that has spoken to the public mailbox is a client too, with a watch for each role. The
+    // end of the one takes a queued notice of the other with it, so whichever comes first stands for both.
+    if (isLegacy) {
         SCRY_TRACE(1, "ABN: Backend disconnected: erasing " << m_legacySession->getMboxName());
         m_legacySession.reset();
         m_commonData->setPublicMbox(MNET_MBOX_NONE);
         startToSearchLegacy();
-    } else {
+    } else if (session == nullptr) {
         SCRY_OBJ_TRACE(5, "Unknown client disconnected: " << mailbox);
     }
 }

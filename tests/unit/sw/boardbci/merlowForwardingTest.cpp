@@ -436,6 +436,22 @@ TEST_F(MerlowForwardingTest, theLostLegacyServerTakesPublicationBackAndIsSearche
     EXPECT_EQ(client.receive().hex, "");
 }
 
+TEST_F(MerlowForwardingTest, aLegacyServerThatIsAClientTooIsLostAsBoth)
+{
+    publish();
+    m_legacy->send("0165abcd 00000007 0000012c", publicMbox());
+    ASSERT_NE(sessionOf(*m_legacy), nullptr);
+    clearRecords();
+    m_legacy->die();
+    EXPECT_TRUE(traced(5, "Client disconnected: DU_0"));
+    EXPECT_THAT(m_diary, ElementsAre("a.lost DU_0", "b.lost DU_0"));
+    EXPECT_TRUE(traced(1, "ABN: Backend disconnected: erasing LegacyMerlow"));
+    EXPECT_EQ(data().getNumClientSessions(), 0U);
+    EXPECT_EQ(publicMbox(), MNET_MBOX_NONE);
+    EXPECT_EQ(mnet().pendingLocates(), 1U);
+    EXPECT_EQ(mnet().monitorCount(), 0U);
+}
+
 TEST_F(MerlowForwardingTest, whenTheLegacyServerComesBackAnOldClonesStillWorks)
 {
     publish();
