@@ -16,14 +16,15 @@ void putWord(mnet_msg& frame, std::size_t offset, std::uint32_t value)
     std::memcpy(reinterpret_cast<unsigned char*>(&frame) + offset, &network, sizeof(network));
 }
 
-/// The client reference at `offset`; nothing, and a trace, when the frame is shorter than its header.
+/// The client reference at `offset`; nothing, and a trace, when the frame ends before it does.
 std::optional<std::uint32_t> readClientRef(const mnet_msg& msg, std::size_t offset)
 {
     const std::size_t size = mnet_size(&msg);
-    if (size < BrhClient::headerSize) {
+    const std::size_t needed = offset + sizeof(std::uint32_t);
+    if (size < needed) {
         SCRY_TRACE(4, "ABN: Frame 0x" << std::hex << msg.msgNo << " from mbox: 0x" << mnet_sender(&msg)
-                                      << " is too short: " << std::dec << size << " of "
-                                      << BrhClient::headerSize << " bytes. Ignoring it.");
+                                      << " is too short: " << std::dec << size << " of " << needed
+                                      << " bytes. Ignoring it.");
         return std::nullopt;
     }
     return Bci::fieldOrZero<std::uint32_t>(msg, offset);

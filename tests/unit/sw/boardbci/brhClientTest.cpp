@@ -294,6 +294,11 @@ INSTANTIATE_TEST_SUITE_P(
                    "ABN: ConnEstablishCfm message invalid: selected protocol revision field is missing"},
         BadConfirm{"zero", "0170772e 00000064 00c0ffee 0800", 4,
                    "ABN: ConnEstablishCfm message invalid: selected protocol revision is zero"},
+        // Its reference is whole, so it is for this client, though shorter than its header.
+        BadConfirm{"referenceAlone", "0170772e 00000064", 1,
+                   "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 8 bytes"},
+        BadConfirm{"shortHeader", "0170772e 00000064 00c0ff", 1,
+                   "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 11 bytes"},
         BadConfirm{"cut", "0170772e 00000064 00c0ffee 08", 1,
                    "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 13 bytes"}),
     [](const auto& row) { return row.param.name; });
@@ -306,20 +311,20 @@ TEST_F(BrhClientTest, confirmWithConnectionReferenceZeroConnectsNobody)
     EXPECT_FALSE(m_bri.isConnected());
 }
 
-TEST_F(BrhClientTest, confirmForAStrangerOrShorterThanItsHeaderIsDropped)
+TEST_F(BrhClientTest, confirmForAStrangerOrWithoutAReferenceIsDropped)
 {
     connect();
     m_board.traces().clear();
     m_board.bri().sendHex("0170772e 00000063 00c0ffee 0801");
     EXPECT_TRUE(m_board.traced(
         4, "ABN: Unroutable connection establish confirm message (0x170772e) meant for BRH client 99"));
-    for (std::size_t size = 4; size < 12; ++size) {
+    for (std::size_t size = 4; size < 8; ++size) {
         SCOPED_TRACE(size);
-        auto bytes = support::messageFromHex("0170772e 00000064 00c0ffee");
+        auto bytes = support::messageFromHex("0170772e 00000064");
         bytes.resize(size);
         m_board.traces().clear();
         m_board.bri().sendBytes(bytes);
-        EXPECT_TRUE(m_board.traces().contains(4, " is too short: " + std::to_string(size) + " of 12 bytes."));
+        EXPECT_TRUE(m_board.traces().contains(4, " is too short: " + std::to_string(size) + " of 8 bytes."));
     }
     EXPECT_TRUE(m_bri.isConnected());
 }
