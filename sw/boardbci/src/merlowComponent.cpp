@@ -3,7 +3,6 @@
 #include "merlowTrace.h"
 
 #include <algorithm>
-#include <cstring>
 
 MerlowComponent::MerlowComponent(MerlowCommonData& commonData) : m_commonData(commonData) {}
 
@@ -53,15 +52,15 @@ void MerlowComponent::htonDefault(TarnNodeCommonAddressInfoS& addressInfo) const
 void MerlowComponent::copyStringToClearedArray(unsigned char* dest, unsigned int destSize,
                                                const std::string& src) const
 {
-    if (destSize == 0) {
-        return;
-    }
     std::fill_n(dest, destSize, static_cast<unsigned char>(0));
-    std::memcpy(dest, src.data(), std::min<std::size_t>(src.size(), destSize - 1));
+    if (destSize != 0) {
+        std::copy_n(src.begin(), std::min<std::size_t>(src.size(), destSize - 1), dest);
+    }
     if (destSize < src.size() + 1) {
         SCRY_TRACE(4, "ABN: copyErrorDescription: data lost. source: \""
                           << src << "\" (strlen: " << src.size() + 1 << "), destination: \""
-                          << reinterpret_cast<const char*>(dest) << "\" (strlen: " << destSize << ")");
+                          << (destSize == 0 ? "" : reinterpret_cast<const char*>(dest))
+                          << "\" (strlen: " << destSize << ")");
     }
 }
 

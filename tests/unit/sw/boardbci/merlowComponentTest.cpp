@@ -124,6 +124,9 @@ TEST_F(MerlowComponentTest, anArrayWithoutRoomIsNotTouched)
     unsigned char guard = 0xAA;
     m_component.copyStringToClearedArray(&guard, 0, "x");
     EXPECT_EQ(guard, 0xAA);
+    EXPECT_TRUE(traced(4,
+                       "ABN: copyErrorDescription: data lost. source: \"x\" (strlen: 2), destination: \"\" "
+                       "(strlen: 0)"));
 }
 
 TEST_F(MerlowComponentTest, anErrorDescriptionIsCutTo109AndTerminated)
