@@ -5,8 +5,9 @@
 /// Brings the connection to the BRI server up, and up again when the server comes back:
 ///
 ///   server notify -> bri::ConnEstablishReq
-///   bri::ConnEstablishCfm -> bri::GetProductInfoReq, GetContainerPidReq, GetCapabilitiesReq,
-///   SubscribeFaultsReq bri::GetCapabilitiesCfm -> ready to publish
+///   bri::ConnEstablishCfm -> bri::GetProductInfoReq, bri::GetContainerPidReq,
+///                            bri::GetCapabilitiesReq, bri::SubscribeFaultsReq
+///   bri::GetCapabilitiesCfm -> ready to publish
 ///
 /// Keeps nothing: the connection's state is in the BRI client. The other services' answers are theirs. Server
 /// thread only.

@@ -44,7 +44,8 @@ public:
     int getMsgHandler(unsigned int msgNo, MsgHandler& out) const override;
     /// Takes the descriptor off the event loop.
     ~MnetMessageSubscriptionCustom() override;
-    /// Replaces the default handler, which owns each message that it is given. Any thread; always DONE.
+    /// Replaces the default handler, which owns each message that it is given. Always DONE: the thread is not
+    /// checked, so another one must not call while the pump runs.
     int addDefaultHandler(const DefaultHandler& handler) override;
 
     /// The event loop's callback.

@@ -28,8 +28,8 @@ struct TarnNodeCommonAddressInfoS {
 
 /// Specialised for each record with
 ///   static constexpr std::uint32_t number;
-///   static constexpr std::size_t size;   // bytes on the wire: up to the last field's end or as the table
-///   says static constexpr auto fields;        // std::tuple of pointers to the members that are swapped
+///   static constexpr std::size_t size; // bytes on the wire, as a rule those of the table
+///   static constexpr auto fields;      // std::tuple of pointers to the members that are swapped
 template <class R> struct BciRecord;
 
 namespace Bci {
