@@ -106,6 +106,16 @@ TEST_F(MerlowBmmiTest, confirmOfAConnectedClientAsksAgain)
     EXPECT_EQ(m_board.bmmi().receivedHex(), "0170757d 00000002 00c0ffee");
 }
 
+TEST_F(MerlowBmmiTest, aServerFoundByAConnectedClientIsNotAskedAgain)
+{
+    m_board.newClient().sendHex("01707571 00000065 00c0ffee 0801"); // before the server was found
+    ASSERT_TRUE(m_client.isConnected());
+    m_board.bmmi().start();
+    EXPECT_TRUE(m_client.isServerFound());
+    EXPECT_TRUE(m_board.traced(5, "BMMI Server has come online : sending request to establish connection"));
+    EXPECT_TRUE(m_board.bmmi().nothingReceived());
+}
+
 struct RejectRow {
     const char* name;
     const char* body;

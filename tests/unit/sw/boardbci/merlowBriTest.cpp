@@ -115,6 +115,16 @@ TEST_F(MerlowBriTest, serverThatComesBackIsConnectedAnew)
     EXPECT_EQ(capabilities().size(), 2U); // a second set of records
 }
 
+TEST_F(MerlowBriTest, aServerFoundByAConnectedClientIsNotAskedAgain)
+{
+    m_board.newClient().sendHex("0170772e 00000064 00c0ffee 0801"); // before the server was found
+    ASSERT_TRUE(m_client.isConnected());
+    m_board.bri().start();
+    EXPECT_TRUE(m_client.isServerFound());
+    EXPECT_TRUE(m_board.traced(5, "BRI Server has come online : sending request to establish connection"));
+    EXPECT_TRUE(m_board.bri().nothingReceived());
+}
+
 struct RejectRow {
     const char* name;
     const char* body;
