@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,7 @@ using MnetMsgPtr = std::unique_ptr<mnet_msg, MnetMsgFree>;
 ///
 /// Host threads touch `start`, `stop` and `enablePowerDropSvFaultSupport`; all else runs on the server
 /// thread. The two share `m_thread`, which has a lock of its own, `m_result` and the private mailbox's id,
-/// both atomic.
+/// both atomic. Host threads that start at once take turns by `m_startMutex`.
 class MerlowImpl {
 public:
     enum Result : int {
@@ -87,6 +88,7 @@ private:
     BcSession* addForwardedSession(const mnet_msg& msg, const std::string& number, std::uint16_t protocolRev);
     void forwardFromLegacy(BcSession& session, MnetMsgPtr msg);
 
+    std::mutex m_startMutex;
     std::unique_ptr<ServerThread> m_thread;
     std::atomic<int> m_result{SUCCESS};
     Merlow::FaultManager m_faultManager; ///< before the common data, which refers to it

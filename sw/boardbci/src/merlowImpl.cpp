@@ -86,6 +86,8 @@ MerlowImpl::~MerlowImpl()
 
 int MerlowImpl::start()
 {
+    // Else the slower of two host threads would wait for the end of the thread that the other has created.
+    const std::lock_guard oneAtATime(m_startMutex);
     if (m_thread->isSet()) {
         return ALREADY_STARTED;
     }

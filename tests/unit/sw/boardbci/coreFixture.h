@@ -135,6 +135,9 @@ public:
     {
         EXPECT_TRUE(m_sendConnCfm && m_checkComponents) << "The callbacks come before init";
         m_diary.push_back(m_name + ".init");
+        if (onInit) {
+            onInit();
+        }
         return initResult;
     }
     void onBcSessionLost(const BcSession& session) override
@@ -167,6 +170,7 @@ public:
 
     bool ready = true;
     bool initResult = true;
+    std::function<void()> onInit;
 
 private:
     std::string m_name;

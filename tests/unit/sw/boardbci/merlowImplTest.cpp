@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 extern std::atomic<int> g_pthreadCreateError;
 
@@ -94,6 +96,46 @@ TEST_F(MerlowImplTest, theDestructorJoinsAThreadWhoseStartFailed)
     ASSERT_EQ(m_impl->start(), 0);
     m_impl.reset();
     EXPECT_THAT(m_diary, ElementsAre("a.init", "a.gone", "b.gone")) << "components go from first to last";
+}
+
+// The in-memory platform is for one thread at a time: it is the server's from start() until the private
+// mailbox has gone again.
+class ThreadEndTest : public MerlowImplTest {
+protected:
+    /// Starts a server that finds the exit message in its queue, and waits until it has handled it.
+    void startAndExit()
+    {
+        std::atomic<bool> isAsked{false};
+        m_b->onInit = [this, &isAsked] {
+            m_impl->sendRequestToStop();
+            isAsked = true;
+        };
+        ASSERT_EQ(m_impl->start(), 0);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!isAsked || privateMbox() != MNET_MBOX_NONE) {
+            ASSERT_LT(std::chrono::steady_clock::now(), end) << "The server does not exit";
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(m_impl->stop(false), 0);
+    }
+};
+
+TEST_F(ThreadEndTest, aThreadThatHasLeftTheLoopTellsItAndCannotBeStartedAgain)
+{
+    startAndExit();
+    EXPECT_TRUE(traced(4, "Merlow exited main event loop: shutting down thread."));
+    EXPECT_FALSE(traces().has(1, "failed to run event loop"));
+    EXPECT_THAT(m_diary, ElementsAre("a.init", "b.init", "a.exiting", "b.exiting"));
+    EXPECT_EQ(m_impl->start(), 7);
+}
+
+TEST_F(ThreadEndTest, aLoopThatFailsIsTracedAndChangesNothingElse)
+{
+    loop().setRunResult(-1);
+    startAndExit();
+    EXPECT_TRUE(traced(1, "failed to run event loop"));
+    EXPECT_TRUE(traced(4, "Merlow exited main event loop: shutting down thread."));
+    EXPECT_EQ(m_impl->start(), 7);
 }
 
 // The thread's way into the loop and out of it, on this thread
@@ -217,11 +259,6 @@ TEST_F(MerlowIfTest, isOneObjectAndHasItsImplementation)
     auto& server = Merlow::V1::MerlowIf::getInstance();
     EXPECT_EQ(&server, &Merlow::V1::MerlowIf::getInstance());
     EXPECT_EQ(&server.getImpl(), &Merlow::V1::MerlowIf::getInstance().getImpl());
-}
-
-TEST_F(MerlowIfTest, stopBeforeStartIsTrue)
-{
-    EXPECT_TRUE(Merlow::V1::MerlowIf::getInstance().stopServer());
 }
 
 TEST_F(MerlowIfTest, aThreadThatCannotBeCreatedIsFalse)

@@ -9,12 +9,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <latch>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 /// A forked child has the memory of its parent's threads and not the threads: to the leak checker all that
 /// they held is lost.
@@ -66,22 +70,28 @@ protected:
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    /// In a host: the server's thread has come to its event loop.
-    static bool isUp()
+    /// In a host: the private mailbox, once the server's thread has come to make it.
+    static mnet_mbox_id_t findServer()
     {
         mnet_init(50, 0, nullptr, 0);
         if (mnet_create_mailbox(nullptr, 0) == MNET_MBOX_NONE) {
-            return false;
+            return MNET_MBOX_NONE;
         }
         mnet_locate_async("private_Merlow", nullptr, mnet_current_mbox());
         mnet_msg* found = mnet_receive(nullptr, 10000, MNET_FROM_ANY);
-        const bool is = found != nullptr;
+        const mnet_mbox_id_t server = found == nullptr ? MNET_MBOX_NONE : mnet_sender(found);
         mnet_free(&found);
-        return is;
+        return server;
     }
+    static bool isUp() { return findServer() != MNET_MBOX_NONE; }
 
     std::string m_folder;
 };
+
+TEST_F(ServerLifeTest, aStopBeforeTheStartIsTrue)
+{
+    EXPECT_EQ(runHost([] { return MerlowIf::getInstance().stopServer() ? 0 : 1; }), 0);
+}
 
 TEST_F(ServerLifeTest, aServerThatRunsIsStoppedAndDoesNotStartAgain)
 {
@@ -125,6 +135,83 @@ TEST_F(ServerLifeTest, aForcedStopReturnsAtOnceAndAFurtherStartWorks)
                       }
                   }
                   return impl.start() == 0 && isUp() && impl.stop(false) == 0 ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(ServerLifeTest, theMailboxesOfAForcedStopStayUntilTheServerIsDestroyed)
+{
+    EXPECT_EQ(runHost([] {
+                  auto impl = std::make_unique<MerlowImpl>();
+                  if (impl->start() != 0 || !isUp() || impl->stop(true) != 0) {
+                      return 1;
+                  }
+                  if (mnet_create_mailbox("private_Merlow", 0) != MNET_MBOX_NONE) {
+                      return 2;
+                  }
+                  impl.reset();
+                  return mnet_create_mailbox("private_Merlow", 0) != MNET_MBOX_NONE ? 0 : 3;
+              }),
+              0);
+}
+
+TEST_F(ServerLifeTest, aForcedStopOfABusyServerIsNoHarm)
+{
+    EXPECT_EQ(runHost([] {
+                  auto impl = std::make_unique<MerlowImpl>();
+                  if (impl->start() != 0) {
+                      return 1;
+                  }
+                  const mnet_mbox_id_t server = findServer();
+                  std::atomic<unsigned int> sent{0};
+                  std::thread flood([server, &sent] {
+                      const mnet_mbox_id_t own = mnet_create_mailbox(nullptr, 0);
+                      mnet_msg* msg = nullptr;
+                      do {
+                          msg = mnet_alloc(16, 0x1658000);
+                          ++sent;
+                      } while (mnet_send(&msg, server, own) == 0); // until the mailbox has gone
+                  });
+                  while (sent < 1000) {
+                      std::this_thread::yield();
+                  }
+                  const bool isStopped = impl->stop(true) == 0;
+                  impl.reset();
+                  flood.join();
+                  return isStopped ? 0 : 2;
+              }),
+              0);
+}
+
+TEST_F(ServerLifeTest, ofManyThreadsThatStartOneDoes)
+{
+    EXPECT_EQ(runHost([] {
+                  for (int round = 0; round < 10; ++round) {
+                      MerlowImpl impl;
+                      if (impl.start() != 0 || impl.stop(true) != 0) {
+                          return 1;
+                      }
+                      // All have the end of the cancelled thread to wait for.
+                      std::atomic<int> started{0};
+                      std::atomic<int> refused{0};
+                      std::latch all(4);
+                      std::vector<std::thread> hosts;
+                      for (int i = 0; i < 4; ++i) {
+                          hosts.emplace_back([&] {
+                              all.arrive_and_wait();
+                              const int result = impl.start();
+                              started += result == 0 ? 1 : 0;
+                              refused += result == 7 ? 1 : 0;
+                          });
+                      }
+                      for (auto& host : hosts) {
+                          host.join();
+                      }
+                      if (started != 1 || refused != 3 || impl.stop(false) != 0) {
+                          return 2;
+                      }
+                  }
+                  return 0;
               }),
               0);
 }
