@@ -1,5 +1,6 @@
 #include "merlowImpl.h"
 
+#include "briFaultHandler.h"
 #include "eventLoopIf.h"
 #include "merlowBmmi.h"
 #include "merlowBri.h"
@@ -33,6 +34,7 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowBmmi>(commonData));
     components.push_back(std::make_unique<MerlowMmiHandling>(commonData));
     components.push_back(std::make_unique<MerlowFaultHandling>(commonData));
+    components.push_back(std::make_unique<BriFaultHandler>(commonData));
     return components;
 }
 
