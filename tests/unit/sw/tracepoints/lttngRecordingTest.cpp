@@ -48,11 +48,16 @@ protected:
             const Result result = m_daemon->lttng(command);
             ASSERT_EQ(result.status, 0) << result.err;
         }
+        ASSERT_EQ(
+            m_daemon->lttng({"add-context", "--userspace", "--session=" + m_session, "--type=vpid"}).status,
+            0);
         ASSERT_EQ(m_daemon->lttng({"start", m_session}).status, 0);
     }
-    /// Ends the recording and reads it, a line for each event.
-    std::vector<std::string> events()
+    /// Ends the recording and reads it, a line for each event of `program`: where the daemon is shared,
+    /// others may have been recorded with it.
+    std::vector<std::string> events(pid_t program)
     {
+        const std::string ofProgram = "{ vpid = " + std::to_string(program) + " }";
         EXPECT_EQ(m_daemon->lttng({"stop", m_session}).status, 0);
         EXPECT_THAT(m_daemon->lttng({"list", m_session}).out, HasSubstr("Discarded events: 0"));
         EXPECT_EQ(m_daemon->lttng({"destroy", m_session}).status, 0);
@@ -62,16 +67,18 @@ protected:
         std::vector<std::string> lines;
         std::istringstream text(result.out);
         for (std::string line; std::getline(text, line);) {
-            lines.push_back(line);
+            if (line.find(ofProgram) != std::string::npos) {
+                lines.push_back(line);
+            }
         }
         return lines;
     }
-    /// Name and fields of an event, without time, host and processor, and N for the source line.
+    /// Name and fields of an event, without time, host, processor and process, and N for the source line.
     static std::string bodyOf(const std::string& line)
     {
         const auto cpu = line.find(": { cpu_id = ");
         const auto name = line.rfind(' ', cpu);
-        const auto fields = line.find("}, ", cpu);
+        const auto fields = line.find("}, ", line.find("{ vpid = ", cpu));
         std::string body = line.substr(name + 1, cpu - name - 1) + " " + line.substr(fields + 3);
         const auto number = body.find("line = ") + 7;
         body.replace(number, body.find(',', number) - number, "N");
@@ -124,10 +131,11 @@ TEST_F(LttngRecordingTest, showsEveryEventOfBothProvidersWithItsFields)
 {
     record();
     Subject subject({TRACEPOINTS_SUBJECT}, environment());
+    const pid_t program = subject.pid();
     ASSERT_EQ(subject.ask("fire"), "on");
     EXPECT_EQ(subject.finish(), 0);
     std::vector<std::string> bodies;
-    for (const std::string& line : events()) {
+    for (const std::string& line : events(program)) {
         bodies.push_back(bodyOf(line));
     }
     EXPECT_EQ(bodies, allEvents());
@@ -137,21 +145,23 @@ TEST_F(LttngRecordingTest, showsEveryEventOfBothProvidersWithItsFields)
 TEST_F(LttngRecordingTest, aRecordingCanBeginLongAfterTheProgram)
 {
     Subject subject({TRACEPOINTS_SUBJECT}, environment());
+    const pid_t program = subject.pid();
     ASSERT_EQ(subject.ask("state"), "off");
     record();
     ASSERT_TRUE(waitUntil([&subject] { return subject.ask("state") == "on"; }));
     ASSERT_EQ(subject.ask("fire"), "on");
     EXPECT_EQ(subject.finish(), 0);
-    EXPECT_EQ(events().size(), allEvents().size());
+    EXPECT_EQ(events(program).size(), allEvents().size());
 }
 
 TEST_F(LttngRecordingTest, theLogLevelChoosesErrors)
 {
     record({"--loglevel=ERR"});
     Subject subject({TRACEPOINTS_SUBJECT}, environment());
+    const pid_t program = subject.pid();
     ASSERT_EQ(subject.ask("fire"), "off"); // what isn't recorded costs nothing
     EXPECT_EQ(subject.finish(), 0);
-    const auto lines = events();
+    const auto lines = events(program);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_THAT(lines[0], HasSubstr("com_vorlund_radiosw_merlow:ERROR"));
 }

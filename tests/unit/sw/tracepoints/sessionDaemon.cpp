@@ -2,7 +2,9 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <sched.h>
 #include <spawn.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +15,7 @@ namespace {
 
 constexpr const char* daemonProgram = "/usr/bin/lttng-sessiond";
 constexpr const char* controlProgram = "/usr/bin/lttng";
+constexpr const char* rootsFolder = "/var/run/lttng";
 
 } // namespace
 
@@ -24,6 +27,7 @@ SessionDaemon::SessionDaemon(const std::string& home) : m_home(home)
             return;
         }
     }
+    isolate();
     if (answers()) {
         return;
     }
@@ -59,6 +63,9 @@ SessionDaemon::~SessionDaemon()
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
     }
+    if (m_isIsolated) {
+        umount2(rootsFolder, MNT_DETACH);
+    }
 }
 
 Environment SessionDaemon::environment() const
@@ -70,6 +77,21 @@ Result SessionDaemon::lttng(std::vector<std::string> arguments) const
 {
     arguments.insert(arguments.begin(), {controlProgram, "--no-sessiond"});
     return runProgram(arguments, environment());
+}
+
+void SessionDaemon::isolate()
+{
+    if (geteuid() != 0) {
+        return;
+    }
+    mkdir(rootsFolder, 0755); // a mount needs a place; the daemon would make it too
+    const std::string own = m_home + "/run";
+    if (mkdir(own.c_str(), 0755) != 0 || unshare(CLONE_NEWNS) != 0) {
+        return;
+    }
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
+        m_isIsolated = mount(own.c_str(), rootsFolder, nullptr, MS_BIND, nullptr) == 0;
+    }
 }
 
 bool SessionDaemon::answers() const

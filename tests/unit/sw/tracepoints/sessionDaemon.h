@@ -1,4 +1,4 @@
-/// An LTTng session daemon for a test: that of the machine when one runs, else one of its own.
+/// An LTTng session daemon for a test, its own wherever that is possible.
 #pragma once
 
 #include "subject.h"
@@ -8,8 +8,13 @@
 
 namespace merlow::test {
 
-/// Ends the daemon with its object if it started it. Recordings of root share one daemon, so tests that use
-/// this take turns (RESOURCE_LOCK lttng).
+/// Root's daemon has its sockets in one place on a machine, so the test and all that it starts meanwhile
+/// see an empty one there in its stead: no daemon of another test or of the machine, dead or alive, and no
+/// program of theirs gets in the way. Where root may not do that (a container without the right to mount),
+/// the daemon that runs is shared, and tests that use this take turns (RESOURCE_LOCK lttng). Other users'
+/// daemons are in `home`.
+///
+/// Ends the daemon with its object if it started it.
 class SessionDaemon {
 public:
     explicit SessionDaemon(const std::string& home);
@@ -25,10 +30,12 @@ public:
 
 private:
     bool answers() const;
+    void isolate();
 
     std::string m_home;
     std::string m_problem;
     pid_t m_pid = -1;
+    bool m_isIsolated = false;
 };
 
 } // namespace merlow::test
