@@ -1,6 +1,5 @@
 #include "host.h"
 
-#include "merlowIf.h"
 #include "merlowImpl.h"
 #include "runDir.h"
 #include "sdNotify.h"
@@ -15,6 +14,7 @@
 #include <optional>
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace merlow::merlowd {
@@ -22,17 +22,14 @@ namespace merlow::merlowd {
 namespace {
 
 using namespace std::chrono_literals;
-using Merlow::V1::MerlowIf;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 /// The server's fifty, and the one of this program.
 constexpr std::uint32_t mailboxLimit = 51;
 
-constexpr auto startPatience = 10s;       // for the private mailbox
-constexpr auto firstWordAfter = 500ms;    // what is there by then is not worth a line
-constexpr auto nextWordAfter = 30s;       // how often a wait is told again
-constexpr unsigned int stopPatience = 10; // seconds, then the process ends without the server's consent
+constexpr auto firstWordAfter = 500ms; // what is there by then is not worth a line
+constexpr auto nextWordAfter = 30s;    // how often a wait is told again
 
 void say(const std::string& text)
 {
@@ -113,9 +110,9 @@ bool Host::prepare()
 
 bool Host::startServer()
 {
-    m_startDeadline = steady_clock::now() + startPatience;
+    m_startDeadline = steady_clock::now() + m_patience.start;
     m_nextWord = steady_clock::now() + firstWordAfter;
-    if (!MerlowIf::getInstance().startServer()) {
+    if (!m_server.start()) {
         say("the server could not be started");
         return false;
     }
@@ -138,7 +135,7 @@ int Host::watchServer()
         }
         const auto now = steady_clock::now();
         if (!m_watch.privateMailbox().isThere() && now >= m_startDeadline) {
-            const int result = MerlowIf::getInstance().getImpl().stop(false);
+            const int result = resultOfServer();
             say("the server did not start: result " + std::to_string(result) + ", " + meaningOf(result));
             return 1;
         }
@@ -152,7 +149,7 @@ bool Host::handle(Watch::Change change)
 {
     switch (change) {
     case Watch::Change::privateLost: {
-        const int result = MerlowIf::getInstance().getImpl().stop(false);
+        const int result = resultOfServer();
         say("the server ended: result " + std::to_string(result) + ", " + meaningOf(result));
         sdNotify("STATUS=the server ended: " + meaningOf(result));
         return false;
@@ -187,16 +184,26 @@ void Host::sayWhatIsWaitedFor()
 int Host::stopServer()
 {
     sdNotify("STOPPING=1\nSTATUS=ending");
-    (void)std::signal(SIGALRM, giveUpStopping);
-    alarm(stopPatience);
-    const int result = MerlowIf::getInstance().getImpl().stop(false);
-    alarm(0);
+    const int result = resultOfServer();
     if (result != MerlowImpl::SUCCESS) {
         say("the server ended with result " + std::to_string(result) + ", " + meaningOf(result));
         return 1;
     }
     say("ended");
     return 0;
+}
+
+/// Its thread may hang, and whoever waits for this process must not.
+int Host::resultOfServer()
+{
+    (void)std::signal(SIGALRM, giveUpStopping);
+    const auto limit = m_patience.stop.count();
+    const itimerval alarm{{}, {limit / 1000, limit % 1000 * 1000}};
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &alarm, nullptr);
+    const int result = m_server.stop();
+    setitimer(ITIMER_REAL, &never, nullptr);
+    return result;
 }
 
 int Host::millisecondsToNextWord() const

@@ -1,9 +1,21 @@
 // merlowd: the process that hosts the board controller server.
 
 #include "host.h"
+#include "merlowIf.h"
+#include "merlowImpl.h"
 #include "programOptions.h"
 
 #include <cstdlib>
+
+namespace {
+
+class LibraryServer : public merlow::merlowd::Server {
+public:
+    bool start() override { return Merlow::V1::MerlowIf::getInstance().startServer(); }
+    int stop() override { return Merlow::V1::MerlowIf::getInstance().getImpl().stop(false); }
+};
+
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -17,5 +29,6 @@ int main(int argc, char** argv)
         return *status;
     }
     merlow::base::useRunDir(runDir);
-    return merlow::merlowd::Host().run();
+    LibraryServer server;
+    return merlow::merlowd::Host(server).run();
 }

@@ -204,7 +204,9 @@ void Unit::handleDeaths()
 void Unit::handleDeath(const Part& part, int waitStatus)
 {
     if (m_state != State::ending) {
-        fail(part.name() + " ended with " + describeEnd(waitStatus) + "; ending the rest");
+        const std::string log =
+            m_settings.logFile.empty() ? std::string() : "; what it said is in " + m_settings.logFile;
+        fail(part.name() + " ended with " + describeEnd(waitStatus) + log + "; ending the rest");
     } else if (waitStatus != 0 && !(WIFSIGNALED(waitStatus) && WTERMSIG(waitStatus) == SIGTERM)) {
         // One that was asked to end before it could listen ends by the signal itself, and that is fine.
         fail(part.name() + " ended with " + describeEnd(waitStatus));
