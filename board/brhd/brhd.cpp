@@ -88,13 +88,13 @@ ControlAnswer Brhd::lose(const std::string& server, std::optional<std::uint32_t>
         return {Result::refused, "the mailbox " + lost->mailboxName() + " could not be made again", {}};
     }
     return {Result::done,
-            lost->mailboxName() + " went and came back; it lost " + std::to_string(count) + " connections",
+            lost->mailboxName() + " went and came back; it lost " + countOf(count, "connection"),
             {}};
 }
 
 ControlAnswer Brhd::clear()
 {
-    return {Result::done, "brhd cleared " + std::to_string(m_plans.clear()) + " plans", {}};
+    return {Result::done, "brhd cleared " + countOf(m_plans.clear(), "plan"), {}};
 }
 
 ControlAnswer Brhd::control(const std::string& command, const nlohmann::json& /*request*/)

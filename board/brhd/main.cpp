@@ -34,6 +34,7 @@ void addOptions(CLI::App& app, Options& options)
         ->check(anyRevision)
         ->capture_default_str();
     app.add_option("--max-connections", options.maxConnections, "Connections that each server accepts")
+        ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max(), "COUNT"))
         ->capture_default_str();
 }
 

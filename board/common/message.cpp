@@ -86,6 +86,11 @@ void putText(Bytes& bytes, const std::string& text, std::size_t size)
     bytes.resize(bytes.size() + size - length);
 }
 
+std::string countOf(std::size_t count, const char* noun)
+{
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 std::string hex(std::uint32_t value)
 {
     char digits[8];

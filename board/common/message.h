@@ -37,6 +37,9 @@ void putBytes(Bytes& bytes, BytesView more);
 /// Appends `text` as an array of `size` bytes: cut so that it stays terminated, the rest cleared.
 void putText(Bytes& bytes, const std::string& text, std::size_t size);
 
+/// "1 plan", "2 plans".
+std::string countOf(std::size_t count, const char* noun);
+
 /// "0x" and the number in small hexadecimal digits.
 std::string hex(std::uint32_t value);
 

@@ -308,9 +308,7 @@ ControlAnswer LegacyServer::lose(const std::string& server, std::optional<std::u
     if (m_mailbox == noMailbox) {
         return {Result::refused, "the mailbox LegacyMerlow could not be made again", {}};
     }
-    return {Result::done,
-            "LegacyMerlow went and came back; it lost " + std::to_string(count) + " connections",
-            {}};
+    return {Result::done, "LegacyMerlow went and came back; it lost " + countOf(count, "connection"), {}};
 }
 
 ControlAnswer LegacyServer::clear()
@@ -318,9 +316,7 @@ ControlAnswer LegacyServer::clear()
     const std::size_t plans = m_plans.clear();
     const std::size_t rules = m_rules.size();
     m_rules.clear();
-    return {Result::done,
-            "legacyd cleared " + std::to_string(plans) + " plans and " + std::to_string(rules) + " rules",
-            {}};
+    return {Result::done, "legacyd cleared " + countOf(plans, "plan") + " and " + countOf(rules, "rule"), {}};
 }
 
 ControlAnswer LegacyServer::control(const std::string& command, const nlohmann::json& request)

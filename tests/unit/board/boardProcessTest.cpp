@@ -98,6 +98,15 @@ TEST_F(BoardProcessTest, sayWhatTheyServeAndEndOnSignals)
     EXPECT_TRUE(isLost(m_bri));
 }
 
+TEST_F(BoardProcessTest, limitsThatAreNoneAreWrongUsage)
+{
+    for (const char* option : {"--max-connections=-1", "--max-connections=x", "--bri-revisions=0"}) {
+        const auto outcome = runProgram("brhd", {option}, m_environment);
+        EXPECT_EQ(outcome.status, 2) << option;
+        EXPECT_NE(outcome.err.find(std::string(option).substr(0, 8)), std::string::npos) << outcome.err;
+    }
+}
+
 TEST_F(BoardProcessTest, aSecondOneFailsAtOnce)
 {
     startBrhd();

@@ -269,7 +269,7 @@ TEST_F(LegacyServerTest, aRuleAnswersInPlaceOfTheEcho)
     EXPECT_EQ(ask(client, "0165fff0 00000007 0000012c aa"), "0165fff1 00000007 0000012c 0102ff");
     EXPECT_EQ(ask(client, "0165fff0 000007"), "0165fff1 00000000 00000000 0102ff") << "missing ones are 0";
     EXPECT_EQ(ask(client, "0165fff1 00000007"), "0165fff1 00000007");
-    EXPECT_EQ(m_server.clear().text, "legacyd cleared 0 plans and 1 rules");
+    EXPECT_EQ(m_server.clear().text, "legacyd cleared 0 plans and 1 rule");
     EXPECT_EQ(ask(client, "0165fff0 000007"), "0165fff0 000007");
 }
 

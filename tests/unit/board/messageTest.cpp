@@ -29,6 +29,13 @@ TEST(MessageTest, textsAreCutAndTerminated)
     EXPECT_EQ(bytes, *bytesFromHex("61626300 610000"));
 }
 
+TEST(MessageTest, countsAreInTheSingularForOne)
+{
+    EXPECT_EQ(countOf(0, "plan"), "0 plans");
+    EXPECT_EQ(countOf(1, "plan"), "1 plan");
+    EXPECT_EQ(countOf(2, "plan"), "2 plans");
+}
+
 TEST(MessageTest, hexadecimalIsPairsOfDigits)
 {
     EXPECT_EQ(bytesFromHex(""), Bytes{});
