@@ -105,6 +105,10 @@ TEST_F(BcictlTest, helpAndVersionAreStatusZero)
 
 TEST_F(BcictlTest, withoutAUnitItIsStatusFourAndNamesTheFolder)
 {
+    EXPECT_EQ(run({"audit", "--timeout", "0.01", "--json"}), 4);
+    const auto told = nlohmann::json::parse(m_out.str(), nullptr, false);
+    EXPECT_EQ(told.value("status", ""), "noUnit");
+    EXPECT_FALSE(told.contains("sent")) << "nothing was sent";
     EXPECT_EQ(run({"audit", "--timeout", "0.5"}), 4);
     EXPECT_THAT(m_err.str(), HasSubstr(m_runFolder.path()));
     EXPECT_THAT(m_err.str(), HasSubstr("0.5 s"));

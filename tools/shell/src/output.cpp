@@ -48,7 +48,10 @@ void Output::failed(std::uint32_t sent, const Failure& failure)
         m_err << std::endl;
         return;
     }
-    Fields object{{"command", m_command}, {"status", nameOf(failure.status)}, {"sent", signalName(sent)}};
+    Fields object{{"command", m_command}, {"status", nameOf(failure.status)}};
+    if (sent != 0) {
+        object["sent"] = signalName(sent);
+    }
     if (failure.answer != 0) {
         object["answer"] = signalName(failure.answer);
     }
