@@ -1,7 +1,11 @@
 /// The server with its real components, from start-up to a connected client.
+#include "bci/bciSignals.h"
 #include "bmmi.pb.h"
 #include "bri.pb.h"
 #include "coreFixture.h"
+
+#include <array>
+#include <random>
 
 namespace {
 
@@ -37,6 +41,17 @@ public:
                          server);
     }
     [[nodiscard]] std::string received() const { return m_peer.receive().hex; }
+    [[nodiscard]] const Peer& peer() const { return m_peer; }
+    [[nodiscard]] std::uint32_t clientRef() const { return m_clientRef; }
+    /// Takes all frames; the procedure reference of the last one.
+    std::uint32_t lastProcedureRef() const
+    {
+        std::uint32_t ref = 0;
+        for (std::string hex = received(); !hex.empty(); hex = received()) {
+            ref = support::wordAt(support::messageFromHex(hex), 4);
+        }
+        return ref;
+    }
 
 private:
     Peer m_peer;
@@ -140,5 +155,149 @@ TEST_F(MerlowServerTest, aSecondStartFindsItsBackendsAgain)
     bringUpLegacy();
     EXPECT_TRUE(isPublic()) << traces().dump();
 }
+
+// Garbage
+
+enum class Sender { client, stranger, bri, bmmi, legacy };
+
+void PrintTo(Sender sender, std::ostream* out)
+{
+    static constexpr std::array<const char*, 5> names{"client", "stranger", "bri", "bmmi", "legacy"};
+    *out << names[static_cast<std::size_t>(sender)];
+}
+
+/// A server with everything up, and a client that must not notice what others send.
+class GarbageTest : public MerlowServerTest, public ::testing::WithParamInterface<Sender> {
+protected:
+    GarbageTest()
+    {
+        EXPECT_EQ(m_impl.startUp(), 0);
+        bringUpBri();
+        bringUpBmmi();
+        bringUpLegacy();
+        connect(m_witness);
+        connect(m_client);
+    }
+    void connect(const Peer& client)
+    {
+        client.send("01658000 00000007 0000012c 0003", data().getPublicMbox());
+        m_legacy->send("01658001 00000007 0000012d", cloneOf(client));
+        m_bri->answer<bri::RegisterUtcTimeSourceReq>(bri::RegisterUtcTimeSourceRej(),
+                                                     data().getPrivateMbox());
+        m_bmmi->answer<bmmi::RegisterMmiUserReq>(bmmi::RegisterMmiUserRej(), data().getPrivateMbox());
+        EXPECT_EQ(client.receive().hex, "01658001 00000007 0000012d");
+    }
+    mnet_mbox_id_t cloneOf(const Peer& client)
+    {
+        const BcSession* session = data().getClientSession(client.mbox());
+        return session == nullptr ? MNET_MBOX_NONE : session->getFwdMailboxId();
+    }
+    /// Both backends are connected and have a transaction open, whatever was sent before.
+    void openTransactions()
+    {
+        m_bri->peer().send("0170772e 00000064 00004711 0801", data().getPrivateMbox());
+        m_bmmi->peer().send("01707571 00000065 00004711 0801", data().getPrivateMbox());
+        if (cloneOf(m_client) == MNET_MBOX_NONE) { // rejected meanwhile
+            m_client.send("01658000 00000007 0000012c 0003", data().getPublicMbox());
+        }
+        m_legacy->send("01658001 00000007 0000012d", cloneOf(m_client));
+        m_briRef = m_bri->lastProcedureRef();
+        m_bmmiRef = m_bmmi->lastProcedureRef();
+    }
+    /// Random bytes, and three times out of four references that lead to a backend client and a transaction.
+    support::Bytes garbage(std::uint32_t number, std::size_t size)
+    {
+        support::Bytes bytes(size);
+        const unsigned int largest = m_random() % 2 == 0 ? 0xFF : 0x1F; // small ones often are valid fields
+        for (auto& byte : bytes) {
+            byte = static_cast<std::uint8_t>(m_random() % (largest + 1));
+        }
+        if (size >= 12 && m_random() % 4 != 0) {
+            const bool isBri = m_random() % 2 == 0;
+            bytes = support::makeFrame(number, isBri ? m_briRef : m_bmmiRef,
+                                       isBri ? m_bri->clientRef() : m_bmmi->clientRef(),
+                                       {bytes.begin() + 12, bytes.end()});
+        }
+        std::memcpy(bytes.data(), &number, sizeof(number));
+        return bytes;
+    }
+    [[nodiscard]] const Peer& sender() const
+    {
+        switch (GetParam()) {
+        case Sender::client:
+            return m_client;
+        case Sender::stranger:
+            return m_stranger;
+        case Sender::bri:
+            return m_bri->peer();
+        case Sender::bmmi:
+            return m_bmmi->peer();
+        case Sender::legacy:
+            break;
+        }
+        return *m_legacy;
+    }
+    void drain()
+    {
+        for (const Peer* peer : {&m_client, &m_stranger, &*m_legacy}) {
+            while (!peer->receive().hex.empty()) {
+            }
+        }
+        traces().clear();
+    }
+    /// Each number with its size: the signals, the frames that have a handler, and the core's own.
+    static std::vector<std::pair<std::uint32_t, std::size_t>> knownNumbers()
+    {
+        std::vector<std::pair<std::uint32_t, std::size_t>> numbers{
+            {0xDEADBEEF, 4}, {0x1901000, 4}, {0x1901001, 4}, {0x165ABCD, 12}};
+        for (const BciSignal& signal : BCI_SIGNALS) {
+            numbers.emplace_back(signal.number, signal.size);
+        }
+        MnetMessageSubscriptionCustom::MsgHandler handler;
+        for (std::uint32_t frame = 0x1707500; frame < 0x1707800; ++frame) {
+            if (MnetMessageSubscriptionCustom::getInstance().getMsgHandler(frame, handler) == 0) {
+                numbers.emplace_back(frame, 48);
+            }
+        }
+        return numbers;
+    }
+
+    Peer m_witness;
+    Peer m_client;
+    Peer m_stranger;
+    std::uint32_t m_briRef = 0;
+    std::uint32_t m_bmmiRef = 0;
+    std::mt19937 m_random{1}; // NOLINT(bugprone-random-generator-seed): the same bytes in every run
+};
+
+TEST_P(GarbageTest, leavesTheServerWhole)
+{
+    const auto numbers = knownNumbers();
+    ASSERT_GT(numbers.size(), BCI_SIGNALS.size() + 20);
+    for (const auto& [number, whole] : numbers) {
+        SCOPED_TRACE(number);
+        openTransactions();
+        for (std::size_t size = 4; size <= whole + 4; ++size) {
+            // Of clones each sender knows its own; the legacy server knows that of the client.
+            for (const auto target : {data().getPublicMbox(), data().getPrivateMbox(), cloneOf(m_client)}) {
+                if (target != MNET_MBOX_NONE) {
+                    sender().sendBytes(garbage(number, size), target);
+                }
+            }
+        }
+        drain();
+        ASSERT_FALSE(loop().stopped());
+        ASSERT_TRUE(data().getBriClient().isServerFound() && data().getBmmiClient().isServerFound());
+        m_witness.send("01658400 00000007 0000012d", data().getPublicMbox());
+        ASSERT_EQ(m_witness.receive().hex, "01658401 00000007 0000012d 00000000");
+        m_witness.send("0165abcd 00000001", data().getPublicMbox());
+        ASSERT_EQ(m_legacy->receive().hex, "0165abcd 00000001");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(From, GarbageTest,
+                         ::testing::Values(Sender::client, Sender::stranger, Sender::bri, Sender::bmmi,
+                                           Sender::legacy),
+                         ::testing::PrintToStringParamName());
 
 } // namespace
