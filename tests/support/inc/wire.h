@@ -22,6 +22,10 @@ struct Received {
 /// The reverse; blanks do not count. Fails the test when the text is no message.
 [[nodiscard]] Bytes messageFromHex(const std::string& hex);
 
+/// What follows the references of a reject of 128 bytes, as text: errorCode 1, two unset bytes, and the text
+/// in its 110 bytes.
+[[nodiscard]] std::string rejectTail(const std::string& text);
+
 /// A frame: number, both references, the serialised message.
 [[nodiscard]] Bytes makeFrame(std::uint32_t msgNo, std::uint32_t procedureRef, std::uint32_t connectionRef,
                               const std::string& body);

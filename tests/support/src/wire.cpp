@@ -77,6 +77,16 @@ Bytes messageFromHex(const std::string& hex)
     return bytes;
 }
 
+std::string rejectTail(const std::string& text)
+{
+    constexpr std::size_t tailSize = 116;
+    constexpr std::size_t textOffset = 4;
+    Bytes bytes(sizeof(std::uint32_t) + tailSize); // behind a number, which is cut off again
+    bytes[5] = 1;
+    std::copy(text.begin(), text.end(), bytes.begin() + sizeof(std::uint32_t) + textOffset);
+    return messageToHex(bytes).substr(9);
+}
+
 Bytes makeFrame(std::uint32_t msgNo, std::uint32_t procedureRef, std::uint32_t connectionRef,
                 const std::string& body)
 {

@@ -8,20 +8,11 @@
 
 namespace bmmi = boardresourcehandler::bmmi;
 using support::Board;
+using support::rejectTail;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace {
-
-/// errorCode 1, two unset bytes, and the text in its 110 bytes, up to the 128th byte of the signal.
-std::string rejectTail(const std::string& text)
-{
-    support::Bytes bytes(4);
-    bytes.resize(4 + 116);
-    bytes[5] = 1;
-    std::copy(text.begin(), text.end(), bytes.begin() + 8);
-    return support::messageToHex(bytes).substr(9);
-}
 
 class MerlowMmiHandlingTest : public ::testing::Test {
 protected:
