@@ -2,6 +2,7 @@
 // of its own with a server that does as it is told.
 
 #include "host.h"
+#include "notifySocket.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <mnet.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -126,8 +128,18 @@ TEST_F(HostTest, aServerThatFailsBehindItsMailboxIsToldWithItsResult)
 
 TEST_F(HostTest, aServerThatEndsByItselfIsAFailure)
 {
-    ToldServer server(0, [] { liveAs({"private_Merlow", "Merlow"}); });
-    EXPECT_EXIT(live(server, {.start = 200ms}), testing::ExitedWithCode(1), "result 0, it was told to end");
+    const unit::NotifySocket manager;
+    setenv("NOTIFY_SOCKET", manager.name().c_str(), 1);
+    ToldServer server(0, [&manager] {
+        const auto mailbox = mnet_create_mailbox("private_Merlow", 0);
+        mnet_create_mailbox("Merlow", 0);
+        pollfd ready{manager.fd(), POLLIN, 0};
+        poll(&ready, 1, 10000); // the host says that it is published, so it has seen both
+        mnet_delete_mailbox(mailbox);
+    });
+    EXPECT_EXIT(live(server), testing::ExitedWithCode(1),
+                "merlowd: the server ended: result 0, it was told to end");
+    unsetenv("NOTIFY_SOCKET");
 }
 
 TEST_F(HostTest, aServerThatCannotBeStartedIsAFailure)
@@ -155,6 +167,30 @@ TEST_F(HostTest, aServerThatDoesNotEndIsLeftToItself)
     EXPECT_EXIT(live(asked, {.stop = 50ms}), testing::ExitedWithCode(1), words);
     ToldServer stuck(0, hang);
     EXPECT_EXIT(live(stuck, {.start = 20ms, .stop = 50ms}), testing::ExitedWithCode(1), words);
+}
+
+/// Whose name another process takes in the moment of the start.
+class OvertakenServer : public Server {
+public:
+    bool start() override
+    {
+        if (fork() == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            mnet_init(1, 0, nullptr, 0);
+            mnet_create_mailbox("private_Merlow", 0);
+            hang();
+        }
+        return true;
+    }
+    int stop() override { return 2; }
+};
+
+TEST_F(HostTest, aUnitThatIsQuickerIsNotTakenForTheOwnServer)
+{
+    OvertakenServer server;
+    EXPECT_EXIT(live(server), testing::ExitedWithCode(1),
+                "merlowd: another unit took \"private_Merlow\" in run-time folder .*: result 2, mailbox "
+                "\"private_Merlow\" could not be created");
 }
 
 TEST_F(HostTest, aSecondUnitInTheFolderIsRefused)

@@ -148,6 +148,13 @@ int Host::watchServer()
 bool Host::handle(Watch::Change change)
 {
     switch (change) {
+    case Watch::Change::privateForeign: {
+        // Two hosts started at once, and this one's server came second: its mailbox will never be there.
+        const int result = resultOfServer();
+        say("another unit took \"private_Merlow\" in run-time folder " + base::runDirPath() + ": result " +
+            std::to_string(result) + ", " + meaningOf(result));
+        return false;
+    }
     case Watch::Change::privateLost: {
         const int result = resultOfServer();
         say("the server ended: result " + std::to_string(result) + ", " + meaningOf(result));

@@ -86,7 +86,10 @@ Watch::Change Watch::next()
         }
         switch (notice.index) {
         case 0:
-            return isFound ? Change::privateFound : Change::privateLost;
+            if (!isFound) {
+                return Change::privateLost;
+            }
+            return isOfThisProcess(mailbox) ? Change::privateFound : Change::privateForeign;
         case 1:
             return isFound ? Change::published : Change::unpublished;
         default:
@@ -109,6 +112,13 @@ std::string Watch::waitText() const
     return text.empty()
                ? "the answers of BriServer and BmmiServer since " + timeText(publicMailbox().missingSince)
                : text;
+}
+
+/// The mailbox library sends for the mailboxes of its own process only. What it sends here is passed over.
+bool Watch::isOfThisProcess(mnet_mbox_id_t mailbox) const
+{
+    mnet_msg* msg = mnet_alloc(sizeof(mnet_msg), 0);
+    return msg != nullptr && mnet_send(&msg, m_mailbox, mailbox) == 0;
 }
 
 bool Watch::search(std::size_t index)

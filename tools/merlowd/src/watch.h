@@ -23,7 +23,7 @@ struct Watched {
 /// mailbox library.
 class Watch {
 public:
-    enum class Change { none, privateFound, privateLost, published, unpublished, neighbour };
+    enum class Change { none, privateFound, privateForeign, privateLost, published, unpublished, neighbour };
 
     ~Watch();
 
@@ -33,7 +33,8 @@ public:
     /// Readable when `next` may have something.
     [[nodiscard]] int fd() const;
 
-    /// The next change; `none` when there is none now. Does not wait.
+    /// The next change; `none` when there is none now. Does not wait. `privateForeign`: another process holds
+    /// the name of the private mailbox.
     [[nodiscard]] Change next();
 
     [[nodiscard]] const Watched& privateMailbox() const { return m_watched[0]; }
@@ -45,6 +46,7 @@ public:
 
 private:
     [[nodiscard]] bool search(std::size_t index);
+    [[nodiscard]] bool isOfThisProcess(mnet_mbox_id_t mailbox) const;
 
     std::array<Watched, 5> m_watched{{{"private_Merlow", MNET_MBOX_NONE, {}},
                                       {"Merlow", MNET_MBOX_NONE, {}},
