@@ -207,7 +207,13 @@ bool Endpoint::deleteMailbox(mnet_mbox_id_t id)
         if (m_closed || !isMine(id)) {
             return false;
         }
-        // Who asked to be told may be unheard yet, and this thread may never serve its descriptor again.
+        // Who asked to be told may be unheard yet, and this thread may never serve its descriptor again. The
+        // live file comes first: who asks too late to be heard here sees there that the mailbox is gone.
+        if (!m_keeping && keepsMessages()) {
+            m_keeping = true;
+            m_live.setKeeping(true);
+        }
+        m_live.set(indexOf(id), false);
         for (int i = 0; i < deletionBudget && serveReady(); ++i) {
             if (m_arrived) {
                 pushFromPeer(std::move(m_arrived));
@@ -215,7 +221,6 @@ bool Endpoint::deleteMailbox(mnet_mbox_id_t id)
         }
         Mailbox mailbox = std::move(m_mailboxes.at(indexOf(id)));
         m_mailboxes.erase(indexOf(id));
-        m_live.set(indexOf(id), false);
         mailbox.name.release();
         m_freedIndexes.push_back(indexOf(id));
         m_process->returnMailbox();
@@ -319,7 +324,7 @@ void Endpoint::finishClosing(std::unique_lock<std::mutex>& lock)
 {
     for (auto& [number, peer] : m_peers) {
         if (peer.out.isOpen()) {
-            peer.out.flush(lastFlush);
+            peer.out.flush(lastFlush, m_asked);
         }
     }
     // First the ends of what was sent, then the signs that this endpoint is gone: who sees one of these finds

@@ -120,13 +120,17 @@ private:
     };
     enum class Source : std::uint32_t { bell, listener, timer, names, incoming, outgoing };
 
-    /// Holds the lock; before it gives it back, the bell says what the queue says.
+    /// Holds the lock; before it gives it back, the bell and the live file say what the queues say.
     class Locked {
     public:
         explicit Locked(Endpoint& endpoint) : m_endpoint(endpoint), m_lock(endpoint.m_mutex) {}
         Locked(const Locked&) = delete;
         Locked& operator=(const Locked&) = delete;
-        ~Locked() { m_endpoint.ringAsQueued(); }
+        ~Locked()
+        {
+            m_endpoint.noteWhatIsKept();
+            m_endpoint.ringAsQueued();
+        }
 
     private:
         Endpoint& m_endpoint;
@@ -173,6 +177,8 @@ private:
     void retryConnections();
     void forgetIfIdle(std::uint16_t number);
     void peerLost(std::uint16_t number);
+    bool keepsMessages() const;
+    void noteWhatIsKept();
 
     // Connections in (endpointAccept.cpp).
     void acceptPending(int budget);
@@ -184,12 +190,14 @@ private:
     bool admit(Incoming& incoming, std::uint16_t claimed);
     bool serveIncoming(Incoming& incoming);
     void readToEnd(Incoming& incoming);
+    void readWhatWaits(Incoming& incoming);
     void onRequest(const Incoming& incoming, const PacketHeader& header);
     void eraseIncoming(Incoming& incoming);
     std::size_t userLimit() const;
 
     // Monitors and locates (endpointWatch.cpp).
     void fire(mnet_monitor_id_t id);
+    void fireGone();
     bool removeWatcherHere(mnet_mbox_id_t target, std::uint16_t watcher, mnet_monitor_id_t monitor);
     void dropWatchersOf(std::uint16_t number);
     void noticeToPeer(std::uint16_t number, mnet_mbox_id_t lost, mnet_monitor_id_t monitor);
@@ -238,10 +246,12 @@ private:
     int m_guessRun = 0;
     bool m_guessPays = false;
     bool m_listening = true;
-    bool m_refusalReported = false;
+    bool m_refused = false; ///< the last one that connected was refused, and comes again with what it has
     std::optional<Clock::time_point> m_timerDue;
 
     std::map<mnet_monitor_id_t, Monitor> m_monitors;
+    MessageQueue m_asked;   ///< requests to watch that have left, until `fireGone`
+    bool m_keeping = false; ///< the live file says that messages of mailboxes that are gone are kept here
     std::list<Locate> m_locates;
 };
 

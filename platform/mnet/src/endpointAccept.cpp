@@ -73,7 +73,7 @@ bool Endpoint::acceptOne()
         }
         return isOutOfDescriptors(errno) && refuseOne();
     }
-    m_refusalReported = false;
+    m_refused = false;
     if (!m_reserve) {
         m_reserve = Descriptor::open([] { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); });
     }
@@ -112,8 +112,8 @@ bool Endpoint::refuseOne()
         } else {
             socket.reset();
         }
-        if (accepted && !m_refusalReported) {
-            m_refusalReported = true;
+        if (accepted && !m_refused) {
+            m_refused = true;
             report("refuses connections: out of descriptors");
         }
         m_reserve = Descriptor::open([] { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); });
@@ -246,6 +246,21 @@ void Endpoint::readToEnd(Incoming& incoming)
     while (m_incoming.count(serial) != 0 && serveIncoming(incoming)) {
         if (m_arrived) {
             push(std::move(m_arrived));
+        }
+    }
+}
+
+/// For a peer that lives: what it had sent by now goes into the queue, however much it goes on to send.
+void Endpoint::readWhatWaits(Incoming& incoming)
+{
+    const std::uint32_t serial = incoming.serial;
+    const std::uint64_t end = incoming.received() + incoming.waiting();
+    for (bool served = true; served; served = serveIncoming(incoming)) {
+        if (m_arrived) {
+            pushFromPeer(std::move(m_arrived));
+        }
+        if (m_incoming.count(serial) == 0 || incoming.received() >= end) {
+            return;
         }
     }
 }

@@ -198,6 +198,8 @@ void Endpoint::serve(std::uint64_t event, std::uint32_t events)
         onOutgoing(static_cast<std::uint16_t>(which), events);
         break;
     }
+    fireGone();
+    noteWhatIsKept();
 }
 
 /// What a thread that waits leaves behind however it leaves, by return or by cancellation: the lock in its

@@ -21,6 +21,18 @@ constexpr int serveBudget = 256;
 /// time: who is dying needs a moment, who has no descriptors longer.
 constexpr int maxRetryMs = 128;
 
+BlockPtr makeRequest(Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver, mnet_monitor_id_t monitor)
+{
+    BlockPtr block = makeBlock(0, Fill::none);
+    if (block) {
+        block->kind = kind;
+        block->sender = sender;
+        block->receiver = receiver;
+        block->monitor = monitor;
+    }
+    return block;
+}
+
 } // namespace
 
 int Endpoint::send(BlockPtr block, mnet_mbox_id_t to)
@@ -49,7 +61,9 @@ int Endpoint::send(BlockPtr block, mnet_mbox_id_t to)
             return ENOENT;
         }
         if (const auto peer = m_peers.find(number); peer != m_peers.end()) {
-            return sendToPeer(peer->second, std::move(block), to);
+            const int error = sendToPeer(peer->second, std::move(block), to);
+            fireGone();
+            return error;
         }
     }
     if (const auto neighbour = m_process->find(number)) {
@@ -69,7 +83,7 @@ int Endpoint::sendToPeer(Peer& peer, BlockPtr block, mnet_mbox_id_t to)
         return ENOENT;
     }
     if (peer.out.isOpen()) {
-        Outgoing::Sent sent = peer.out.hasKept() ? peer.out.flush(sendBudget) : Outgoing::Sent::done;
+        Outgoing::Sent sent = peer.out.hasKept() ? peer.out.flush(sendBudget, m_asked) : Outgoing::Sent::done;
         if (sent == Outgoing::Sent::done) {
             sent = peer.out.send(block);
         }
@@ -108,7 +122,7 @@ bool Endpoint::post(std::uint16_t number, BlockPtr block)
     if (!peer.out.isOpen()) {
         return true;
     }
-    switch (peer.out.flush(sendBudget)) {
+    switch (peer.out.flush(sendBudget, m_asked)) {
     case Outgoing::Sent::broken:
         return connectionBroken(number);
     case Outgoing::Sent::later:
@@ -122,12 +136,10 @@ bool Endpoint::post(std::uint16_t number, BlockPtr block)
 void Endpoint::request(std::uint16_t number, Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver,
                        mnet_monitor_id_t monitor)
 {
-    BlockPtr block = makeBlock(0, Fill::none);
-    if (block) {
-        block->kind = kind;
-        block->sender = sender;
-        block->receiver = receiver;
-        block->monitor = monitor;
+    BlockPtr block = makeRequest(kind, sender, receiver, monitor);
+    if (block && kind == Kind::monitor && m_peers[number].out.isGone(indexOf(receiver))) {
+        m_asked.push(std::move(block)); // nobody has to be asked
+    } else if (block) {
         post(number, std::move(block));
     }
 }
@@ -167,16 +179,16 @@ bool Endpoint::connect(std::uint16_t number)
     // Our monitors there stand anew with each connection.
     for (const auto& [id, monitor] : m_monitors) {
         if (monitor.message && endpointOf(monitor.target) == number) {
-            if (BlockPtr block = makeBlock(0, Fill::none)) {
-                block->kind = Kind::monitor;
-                block->sender = monitor.receiver;
-                block->receiver = monitor.target;
-                block->monitor = id;
-                peer.out.keep(std::move(block));
+            if (BlockPtr block = makeRequest(Kind::monitor, monitor.receiver, monitor.target, id)) {
+                if (peer.out.isGone(indexOf(monitor.target))) {
+                    m_asked.push(std::move(block));
+                } else {
+                    peer.out.keep(std::move(block));
+                }
             }
         }
     }
-    switch (peer.out.flush(serveBudget)) {
+    switch (peer.out.flush(serveBudget, m_asked)) {
     case Outgoing::Sent::broken:
         return connectionBroken(number);
     case Outgoing::Sent::later:
@@ -245,7 +257,8 @@ void Endpoint::onOutgoing(std::uint16_t number, std::uint32_t events)
     Outgoing::Sent sent =
         (events & ~std::uint32_t{EPOLLOUT}) != 0 ? peer.out.readBack() : Outgoing::Sent::done;
     if (sent == Outgoing::Sent::done && (events & EPOLLOUT) != 0) {
-        sent = peer.out.flush(serveBudget);
+        sent = peer.out.flush(serveBudget, m_asked);
+        peer.out.withdrawNeedless(m_asked);
         if (sent == Outgoing::Sent::done && peer.out.waitsForWritable) {
             peer.out.waitsForWritable = false;
             rewatch(peer.out.fd(), Source::outgoing, number, EPOLLIN);
@@ -300,6 +313,20 @@ void Endpoint::peerLost(std::uint16_t number)
         fire(id);
     }
     m_peers.erase(number);
+}
+
+bool Endpoint::keepsMessages() const
+{
+    return std::any_of(m_peers.begin(), m_peers.end(),
+                       [](const auto& entry) { return entry.second.out.hasKeptMessages(); });
+}
+
+void Endpoint::noteWhatIsKept()
+{
+    if (m_keeping && !m_closed && !keepsMessages()) {
+        m_keeping = false;
+        m_live.setKeeping(false);
+    }
 }
 
 } // namespace mnet

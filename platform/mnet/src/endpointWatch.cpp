@@ -8,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -64,6 +65,7 @@ mnet_monitor_id_t Endpoint::monitor(mnet_mbox_id_t target, BlockPtr message)
             } else if (!peer.retryAt) {
                 connect(number); // asks for all monitors there, or finds nobody and lets them fire
             }
+            fireGone();
             return id;
         }
     }
@@ -165,6 +167,30 @@ void Endpoint::fire(mnet_monitor_id_t id)
     notice->monitor = id;
     monitor.queued = notice.get();
     push(std::move(notice));
+}
+
+/// The peer deletes a mailbox in its live file first and hears those who ask to be told then, so that who has
+/// asked and sees the mailbox alive is told. Whoever sees it gone can't count on that: the thread over there
+/// may never serve its descriptor again. But all that the mailbox sent is here by now, unless the peer keeps
+/// it.
+void Endpoint::fireGone()
+{
+    while (!m_asked.empty()) {
+        const BlockPtr asked = m_asked.pop();
+        const std::uint16_t number = endpointOf(asked->receiver);
+        const auto known = m_peers.find(number);
+        if (known == m_peers.end() || !known->second.out.isGone(indexOf(asked->receiver))) {
+            continue;
+        }
+        acceptPending(INT_MAX);
+        if (m_refused) {
+            continue;
+        }
+        if (const auto peer = m_peers.find(number); peer != m_peers.end() && peer->second.in != nullptr) {
+            readWhatWaits(*peer->second.in);
+        }
+        fire(asked->monitor);
+    }
 }
 
 /// A peer's connection has ended: what it watched here is not watched any more.

@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -113,6 +114,12 @@ void Incoming::accept(std::uint16_t peer)
         send(m_socket.get(), &welcome, sizeof(welcome), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
+std::size_t Incoming::waiting() const
+{
+    int bytes = 0;
+    return ioctl(m_socket.get(), FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
 Incoming::Got Incoming::read(std::uint16_t own, ReceiveArea& area, BlockPtr& block, PacketHeader& header)
 {
     if (m_partial) {
@@ -129,6 +136,7 @@ Incoming::Got Incoming::read(std::uint16_t own, ReceiveArea& area, BlockPtr& blo
         return Got::end;
     }
     const auto length = static_cast<std::size_t>(got);
+    m_received += length;
     if (length < sizeof(header) || length > sizeof(header) + maxChunk) {
         return Got::refused;
     }
@@ -189,6 +197,7 @@ Incoming::Got Incoming::readMore(BlockPtr& block)
     if (got == 0) {
         return Got::end;
     }
+    m_received += static_cast<std::size_t>(got);
     if (static_cast<std::size_t>(got) != sizeof(header) + chunk || (packet.msg_flags & MSG_TRUNC) != 0 ||
         header.kind != static_cast<std::uint32_t>(Kind::dataMore) || header.value != m_offset ||
         header.sender != m_partial->sender || header.receiver != m_partial->receiver) {

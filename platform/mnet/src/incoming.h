@@ -61,6 +61,10 @@ public:
     Got readHello(std::uint16_t own, std::uint16_t& claimed);
     void accept(std::uint16_t peer);
 
+    /// How many bytes were read so far, and how many wait to be.
+    std::uint64_t received() const { return m_received; }
+    std::size_t waiting() const;
+
     /// Reads one packet of the accepted peer.
     Got read(std::uint16_t own, ReceiveArea& area, BlockPtr& block, PacketHeader& header);
 
@@ -75,6 +79,7 @@ private:
     pid_t m_pid;
     uid_t m_uid;
     std::uint16_t m_peer = 0;
+    std::uint64_t m_received = 0;
     BlockPtr m_partial;
     std::size_t m_offset = 0; ///< bytes of `m_partial` that are here
 };

@@ -81,9 +81,7 @@ void Outgoing::close()
     m_offset = 0;
     m_kept.prependAll(m_unwelcomed);
     m_welcomed = false;
-    m_kept.removeIf(
-        [](const Block& block) { return block.kind == Kind::monitor || block.kind == Kind::unmonitor; },
-        [](const BlockPtr&) {});
+    m_requests.clear();
 }
 
 Outgoing::Sent Outgoing::sendPacket(Block& block, std::size_t& offset)
@@ -117,7 +115,7 @@ Outgoing::Sent Outgoing::sendPacket(Block& block, std::size_t& offset)
     return Sent::done;
 }
 
-void Outgoing::retire(BlockPtr block)
+void Outgoing::remember(BlockPtr block)
 {
     if (!m_welcomed && (block->kind == Kind::data || block->kind == Kind::notice)) {
         m_unwelcomed.push(std::move(block));
@@ -126,7 +124,7 @@ void Outgoing::retire(BlockPtr block)
 
 Outgoing::Sent Outgoing::send(BlockPtr& block)
 {
-    if (!m_kept.empty()) {
+    if (hasKept()) {
         return Sent::later;
     }
     std::size_t offset = 0;
@@ -140,33 +138,46 @@ Outgoing::Sent Outgoing::send(BlockPtr& block)
             return sent;
         }
     } while (block->kind == Kind::data && offset < block->size);
-    retire(std::move(block));
+    remember(std::move(block));
     return m_welcomed ? Sent::done : readBack();
 }
 
-Outgoing::Sent Outgoing::flush(int budget)
+Outgoing::Sent Outgoing::flush(int budget, MessageQueue& asked)
 {
-    for (; budget > 0 && !m_kept.empty(); --budget) {
-        Block& block = *m_kept.first();
+    for (; budget > 0 && hasKept(); --budget) {
+        MessageQueue& queue = m_offset == 0 && !m_requests.empty() ? m_requests : m_kept;
+        Block& block = *queue.first();
         const Sent sent = sendPacket(block, m_offset);
         if (sent != Sent::done) {
             return sent;
         }
         if (block.kind != Kind::data || m_offset == block.size) {
             m_offset = 0;
-            retire(m_kept.pop());
+            BlockPtr gone = queue.pop();
+            if (gone->kind == Kind::monitor) {
+                asked.push(std::move(gone));
+            } else {
+                remember(std::move(gone));
+            }
         }
     }
-    return m_kept.empty() ? Sent::done : Sent::later;
+    return hasKept() ? Sent::later : Sent::done;
 }
 
 bool Outgoing::withdrawRequest(mnet_monitor_id_t monitor)
 {
     bool found = false;
-    m_kept.removeIf(
+    m_requests.removeIf(
         [&](const Block& block) { return block.kind == Kind::monitor && block.monitor == monitor; },
         [&](const BlockPtr&) { found = true; });
     return found;
+}
+
+void Outgoing::withdrawNeedless(MessageQueue& asked)
+{
+    m_requests.removeIf(
+        [&](const Block& block) { return block.kind == Kind::monitor && isGone(indexOf(block.receiver)); },
+        [&](BlockPtr block) { asked.push(std::move(block)); });
 }
 
 Outgoing::Sent Outgoing::readBack()

@@ -39,20 +39,25 @@ public:
 
     /// Whether the mailbox with this index exists, as far as that is known.
     bool isLive(std::uint16_t index) const { return !m_hasView || m_view.isLive(index); }
+    /// Whether it is known that the mailbox is gone, and all that it sent on its way.
+    bool isGone(std::uint16_t index) const { return !isLive(index) && !m_view.isKeeping(); }
 
     /// Sends the block, or leaves it with the caller when the kernel takes nothing of it. `later` with
     /// `block` taken means that a part of it is on its way.
     Sent send(BlockPtr& block);
-    /// Puts the block behind what waits already.
-    void keep(BlockPtr block) { m_kept.push(std::move(block)); }
-    /// Sends at most `budget` packets of what waits.
-    Sent flush(int budget);
+    /// Puts the block behind what waits already; a request about a monitor goes ahead of all messages.
+    void keep(BlockPtr block) { (isRequest(*block) ? m_requests : m_kept).push(std::move(block)); }
+    /// Sends at most `budget` packets of what waits. Requests to watch that have left end up in `asked`.
+    Sent flush(int budget, MessageQueue& asked);
 
-    bool hasKept() const { return !m_kept.empty(); }
+    bool hasKept() const { return hasKeptMessages() || !m_requests.empty(); }
+    bool hasKeptMessages() const { return !m_kept.empty(); }
     std::size_t keptBytes() const { return m_kept.bytes(); }
     std::size_t notices() const { return m_kept.notices() + m_unwelcomed.notices(); }
     /// Takes back the request to watch for `monitor` if it has not left yet.
     bool withdrawRequest(mnet_monitor_id_t monitor);
+    /// Takes those back that wait for mailboxes that are gone meanwhile.
+    void withdrawNeedless(MessageQueue& asked);
 
     /// Reads what comes back: the welcome, or the end.
     Sent readBack();
@@ -61,16 +66,21 @@ public:
     bool reportedFull = false;
 
 private:
+    static bool isRequest(const Block& block)
+    {
+        return block.kind == Kind::monitor || block.kind == Kind::unmonitor;
+    }
     Sent sendPacket(Block& block, std::size_t& offset);
-    void retire(BlockPtr block);
+    void remember(BlockPtr block);
 
     Descriptor m_socket;
     LiveView m_view;
     bool m_hasView = false;
     bool m_welcomed = false;
     pid_t m_peerPid = 0;
+    MessageQueue m_requests;
     MessageQueue m_kept;
-    std::size_t m_offset = 0; ///< bytes of the first kept block that are gone
+    std::size_t m_offset = 0; ///< bytes of the first kept message that are gone
     MessageQueue m_unwelcomed;
 };
 

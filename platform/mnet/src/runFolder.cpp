@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstddef>
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
@@ -32,7 +33,9 @@ constexpr std::uint32_t liveMagic = 0x6d6e6c31;
 struct LiveHeader {
     std::uint32_t magic = liveMagic;
     std::int32_t pid = 0;
+    std::uint8_t keeping = 0;
 };
+static_assert(sizeof(LiveHeader) <= LiveFile::mapOffset);
 
 struct flock numberLock(std::uint16_t number, short type)
 {
@@ -271,6 +274,12 @@ bool LiveFile::set(std::uint16_t index, bool live)
     return pwrite(m_file.get(), &m_bits[byte], 1, static_cast<off_t>(mapOffset + byte)) == 1;
 }
 
+void LiveFile::setKeeping(bool keeping)
+{
+    const std::uint8_t value = keeping ? 1 : 0;
+    [[maybe_unused]] const auto written = pwrite(m_file.get(), &value, 1, offsetof(LiveHeader, keeping));
+}
+
 void LiveFile::clear()
 {
     m_bits.fill(0);
@@ -327,16 +336,23 @@ bool LiveView::open(const RunFolder& folder, std::uint16_t number)
     return true;
 }
 
+std::uint8_t LiveView::byteAt(std::size_t place, std::uint8_t otherwise) const
+{
+    if (m_map != nullptr) {
+        return __atomic_load_n(m_map + place, __ATOMIC_ACQUIRE);
+    }
+    std::uint8_t byte = 0;
+    return pread(m_file.get(), &byte, 1, static_cast<off_t>(place)) == 1 ? byte : otherwise;
+}
+
 bool LiveView::isLive(std::uint16_t index) const
 {
-    const std::size_t place = LiveFile::mapOffset + index / 8u;
-    std::uint8_t byte = 0;
-    if (m_map != nullptr) {
-        byte = __atomic_load_n(m_map + place, __ATOMIC_ACQUIRE);
-    } else if (pread(m_file.get(), &byte, 1, static_cast<off_t>(place)) != 1) {
-        return false;
-    }
-    return (byte >> index % 8u & 1u) != 0;
+    return (byteAt(LiveFile::mapOffset + index / 8u, 0) >> index % 8u & 1u) != 0;
+}
+
+bool LiveView::isKeeping() const
+{
+    return byteAt(offsetof(LiveHeader, keeping), 1) != 0;
 }
 
 bool wasHeldBy(const RunFolder& folder, std::uint16_t number, pid_t pid, uid_t uid)

@@ -58,8 +58,9 @@ private:
     Descriptor m_lockFile;
 };
 
-/// Which mailboxes of an endpoint exist: a file of one bit for each index. The holder writes it; senders look
-/// there before each message, so that a mailbox that is not there (any more) is known without asking.
+/// Which mailboxes of an endpoint exist: a file of one bit for each index behind a header. The holder writes
+/// it; senders look there before each message, so that a mailbox that is not there (any more) is known
+/// without asking.
 class LiveFile {
 public:
     static constexpr std::size_t mapOffset = 64;
@@ -68,6 +69,8 @@ public:
 
     bool create(const RunFolder& folder, std::uint16_t number);
     bool set(std::uint16_t index, bool live);
+    /// Whether messages of a mailbox that is gone may wait in this process still.
+    void setKeeping(bool keeping);
     void clear();
 
 private:
@@ -87,8 +90,11 @@ public:
     /// False, with `errno`, when the file can't be opened or is not one of these.
     bool open(const RunFolder& folder, std::uint16_t number);
     bool isLive(std::uint16_t index) const;
+    bool isKeeping() const;
 
 private:
+    std::uint8_t byteAt(std::size_t place, std::uint8_t otherwise) const;
+
     Descriptor m_file;
     const std::uint8_t* m_map = nullptr;
 };

@@ -158,6 +158,22 @@ inline mnet_mbox_id_t find(const std::string& name)
     return found ? found.sender() : MNET_MBOX_NONE;
 }
 
+inline constexpr std::uint32_t stop = 0x7E570099;
+
+/// Sends everything back until it is told to stop.
+inline void echo(const char* name)
+{
+    start(name);
+    for (;;) {
+        Message msg = receive(120000);
+        if (!msg || msg.number() == stop) {
+            return;
+        }
+        const mnet_mbox_id_t to = msg.sender();
+        EXPECT_EQ(mnet_send(msg.give(), to, msg.receiver()), 0);
+    }
+}
+
 inline bool isReadable(int fd, int timeoutMs = 0)
 {
     pollfd ready{fd, POLLIN, 0};
