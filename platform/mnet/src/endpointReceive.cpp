@@ -18,7 +18,7 @@ namespace {
 
 /// How often in a row the next message is looked for where the last one came from, without asking the kernel
 /// who is ready; and how long that is left after two wrong ones in a row.
-constexpr int maxGuesses = 16;
+constexpr int maxGuesses = 64;
 constexpr int guessPause = 16;
 
 /// Every so many messages from the queue, the connections get a turn: senders within the process can't shut
