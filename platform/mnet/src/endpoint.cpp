@@ -106,7 +106,7 @@ void Endpoint::onTimer()
         m_listening = true;
         rewatch(m_listener.get(), Source::listener, 0, EPOLLIN);
     }
-    if (!m_locates.empty() && !m_nameWatch) {
+    if (m_looksAgain) {
         watchNames();
     }
     retryConnections();

@@ -204,6 +204,7 @@ private:
     bool answerLocate(std::list<Locate>::iterator pending);
     void answerLocates(const std::string* fileName);
     void watchNames();
+    void lookAgain();
     void onNames();
 
     const std::shared_ptr<Process> m_process;
@@ -253,6 +254,7 @@ private:
     MessageQueue m_asked;   ///< requests to watch that have left, until `fireGone`
     bool m_keeping = false; ///< the live file says that messages of mailboxes that are gone are kept here
     std::list<Locate> m_locates;
+    bool m_looksAgain = false; ///< for names, when the timer says so: the watch alone does not find them all
 };
 
 } // namespace mnet

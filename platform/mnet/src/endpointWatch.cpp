@@ -20,7 +20,8 @@ namespace {
 /// The most monitors that an endpoint may have at another one: what that one accepts.
 constexpr std::size_t maxMonitors = 65536;
 
-/// How often names are looked for when the kernel gives no watch (it allows a user 128 of them by default).
+/// How often names are looked for when the kernel gives no watch (it allows a user 128 of them by default),
+/// or when there was no descriptor to look with.
 constexpr auto pollInterval = std::chrono::milliseconds(50);
 
 /// Goes on through `mnet_exit` and the next `mnet_init`: an old id never hits a new monitor.
@@ -234,7 +235,10 @@ bool Endpoint::locate(const std::string& name, BlockPtr message, mnet_mbox_id_t 
 
 bool Endpoint::answerLocate(std::list<Locate>::iterator pending)
 {
-    const mnet_mbox_id_t found = lookUpName(m_process->folder().names(), pending->fileName);
+    mnet_mbox_id_t found = MNET_MBOX_NONE;
+    if (!lookUpName(m_process->folder().names(), pending->fileName, found)) {
+        lookAgain();
+    }
     if (found == MNET_MBOX_NONE) {
         return false;
     }
@@ -264,6 +268,10 @@ void Endpoint::answerLocates(const std::string* fileName)
 
 void Endpoint::watchNames()
 {
+    m_looksAgain = false;
+    if (m_locates.empty()) {
+        return;
+    }
     if (!m_nameWatch) {
         m_nameWatch = Descriptor::open([] { return inotify_init1(IN_CLOEXEC | IN_NONBLOCK); });
         const std::string folder = "/proc/self/fd/" + std::to_string(m_process->folder().names());
@@ -274,9 +282,15 @@ void Endpoint::watchNames()
         }
     }
     if (!m_nameWatch) {
-        schedule(Clock::now() + pollInterval);
+        lookAgain();
     }
     answerLocates(nullptr);
+}
+
+void Endpoint::lookAgain()
+{
+    m_looksAgain = true;
+    schedule(Clock::now() + pollInterval);
 }
 
 void Endpoint::onNames()

@@ -147,15 +147,19 @@ void NameClaim::release()
     }
 }
 
-mnet_mbox_id_t lookUpName(int dirFd, const std::string& fileName)
+bool lookUpName(int dirFd, const std::string& fileName, mnet_mbox_id_t& found)
 {
+    found = MNET_MBOX_NONE;
     const Descriptor file = openName(dirFd, fileName, O_RDONLY);
-    mnet_mbox_id_t id = MNET_MBOX_NONE;
-    if (!file || !isLocked(file.get(), ownerByte) ||
-        pread(file.get(), &id, sizeof(id), 0) != static_cast<ssize_t>(sizeof(id)) || !isMailboxId(id)) {
-        return MNET_MBOX_NONE;
+    if (!file) {
+        return errno != EMFILE && errno != ENFILE && errno != ENOMEM;
     }
-    return id;
+    mnet_mbox_id_t id = MNET_MBOX_NONE;
+    if (isLocked(file.get(), ownerByte) &&
+        pread(file.get(), &id, sizeof(id), 0) == static_cast<ssize_t>(sizeof(id)) && isMailboxId(id)) {
+        found = id;
+    }
+    return true;
 }
 
 void removeStaleName(int dirFd, const std::string& fileName)

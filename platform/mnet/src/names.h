@@ -37,8 +37,9 @@ private:
     Descriptor m_file;
 };
 
-/// The live mailbox that has the name of this file, or `MNET_MBOX_NONE`.
-mnet_mbox_id_t lookUpName(int dirFd, const std::string& fileName);
+/// Gives the live mailbox that has the name of this file, or `MNET_MBOX_NONE`. False when there was no
+/// descriptor to look with.
+bool lookUpName(int dirFd, const std::string& fileName, mnet_mbox_id_t& found);
 
 /// Removes `fileName` if nobody holds it. Used on the way to taking a name, and by the sweep.
 void removeStaleName(int dirFd, const std::string& fileName);

@@ -2,6 +2,7 @@
 #include "mnetFixture.h"
 
 #include <set>
+#include <vector>
 
 namespace mnet::test {
 namespace {
@@ -25,6 +26,32 @@ TEST_F(MailboxTest, initialisesOnceAndAfreshAfterExit)
     EXPECT_NE(second, first);
     EXPECT_EQ(send(second, 5), 0);
     EXPECT_EQ(receive().number(), 5u);
+}
+
+TEST_F(MailboxTest, messagesAreTakenWhateverTheResult)
+{
+    const mnet_mbox_id_t mine = start("mine");
+    const std::string longName(201, 'x');
+    const std::function<void(mnet_msg**)> failing[] = {
+        [&](mnet_msg** msg) { EXPECT_EQ(mnet_send(msg, mine + 1, mine), -1); },
+        [&](mnet_msg** msg) { EXPECT_EQ(mnet_send(msg, mine, mine + 1), -1); },
+        [&](mnet_msg** msg) { EXPECT_EQ(mnet_locate_async(nullptr, msg, mine), -1); },
+        [&](mnet_msg** msg) { EXPECT_EQ(mnet_locate_async(longName.c_str(), msg, mine), -1); },
+        [&](mnet_msg** msg) { EXPECT_EQ(mnet_locate_async("name", msg, mine + 1), -1); },
+        [&](mnet_msg** msg) { EXPECT_EQ(mnet_monitor(0, msg), MNET_MBOX_NONE); },
+        [&](mnet_msg** msg) {
+            EXPECT_EQ(mnet_exit(), 0);
+            EXPECT_EQ(mnet_monitor(mine, msg), MNET_MBOX_NONE);
+        },
+        [&](mnet_msg** msg) { EXPECT_EQ(mnet_locate_async("name", msg, mine), -1); },
+        [&](mnet_msg** msg) { EXPECT_EQ(mnet_send(msg, mine, mine), -1); },
+    };
+    for (const auto& call : failing) {
+        mnet_msg* msg = mnet_alloc(8, 1);
+        ASSERT_NE(msg, nullptr);
+        call(&msg);
+        EXPECT_EQ(msg, nullptr);
+    }
 }
 
 TEST_F(MailboxTest, argumentsThatMeanNothingAreRefused)
@@ -157,11 +184,17 @@ TEST_F(MailboxTest, onlyTheOwningThreadClones)
 TEST_F(MailboxTest, idsComeBackLate)
 {
     start("stays");
+    std::vector<mnet_mbox_id_t> first(65535); // with the one that stays, all that a thread has
     std::set<mnet_mbox_id_t> seen;
-    for (int i = 0; i < 3000; ++i) {
-        const mnet_mbox_id_t id = mnet_create_mailbox(nullptr, 0);
+    for (mnet_mbox_id_t& id : first) {
+        id = mnet_create_mailbox(nullptr, 0);
         ASSERT_TRUE(seen.insert(id).second);
         ASSERT_NE(id, 0u);
+        ASSERT_EQ(mnet_delete_mailbox(id), 0);
+    }
+    for (std::size_t i = 0; i < 100; ++i) { // from here on the least recently used
+        const mnet_mbox_id_t id = mnet_create_mailbox(nullptr, 0);
+        ASSERT_EQ(id, first[i]);
         ASSERT_EQ(mnet_delete_mailbox(id), 0);
     }
 }

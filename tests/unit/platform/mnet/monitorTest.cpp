@@ -284,6 +284,33 @@ TEST_F(MonitorTest, aMonitorBehindAFullConnectionIsToldThoughNobodyReadsIt)
     }
 }
 
+TEST_F(MonitorTest, mailboxesOfAProcessThatExitsAreTold)
+{
+    Gate watched;
+    Gate heard;
+    Child peer([&] {
+        const mnet_mbox_id_t own = start("own");
+        mnet_clone_mailbox(own, "clone");
+        const mnet_mbox_id_t to = find("mine");
+        EXPECT_TRUE(watched.pass());
+        EXPECT_EQ(send(to, 1, 1000), 0);
+        EXPECT_EQ(mnet_exit(), 0);
+        EXPECT_TRUE(heard.pass()); // lives on
+    });
+    start("mine");
+    const mnet_mbox_id_t own = find("own");
+    const mnet_mbox_id_t clone = find("clone");
+    ASSERT_NE(mnet_monitor(clone, nullptr), MNET_MBOX_NONE);
+    ASSERT_NE(mnet_monitor(own, nullptr), MNET_MBOX_NONE);
+    watched.open();
+    EXPECT_EQ(receive().number(), 1u);
+    EXPECT_EQ(receive().sender(), own); // the oldest goes first
+    EXPECT_EQ(receive().sender(), clone);
+    EXPECT_FALSE(receive(0));
+    heard.open();
+    peer.finish();
+}
+
 TEST_F(MonitorTest, anEndedMonitorNeverDelivers)
 {
     const mnet_mbox_id_t mine = start("mine");

@@ -2,6 +2,7 @@
 #include "mnetFixture.h"
 
 #include <fcntl.h>
+#include <fstream>
 #include <sys/resource.h>
 #include <vector>
 
@@ -220,6 +221,12 @@ TEST_F(PeerTest, aFullReceiverGivesAnErrorAndLosesNothing)
     EXPECT_GT(accepted, 900u);
     EXPECT_EQ(send(to, 1, 1000), -1);
     EXPECT_EQ(errno, ENOBUFS);
+    std::ifstream log(m_folder + ".log");
+    int reports = 0;
+    for (std::string line; std::getline(log, line);) {
+        reports += line.find("does not read") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(reports, 1);
     EXPECT_EQ(send(quick, 5), 0); // nobody else is slowed down
     EXPECT_EQ(receive().number(), 5u);
     ASSERT_NE(mnet_monitor(to, nullptr), MNET_MBOX_NONE);
@@ -233,6 +240,58 @@ TEST_F(PeerTest, aFullReceiverGivesAnErrorAndLosesNothing)
     other.finish();
     close(counts[0]);
     close(counts[1]);
+}
+
+/// What a filter passes over is bounded as well: no more is read, until some of it is taken.
+TEST_F(PeerTest, whatAFilterPassesOverDoesNotGrowForEver)
+{
+    setenv("MNET_QUEUE_LIMIT", "1000000", 1);
+    constexpr std::uint32_t count = 10000;
+    Gate stuck;
+    Child peer([&] {
+        start("peer");
+        const mnet_mbox_id_t to = find("mine");
+        constexpr std::uint32_t nothing[] = {1, 1};
+        int failures = 0;
+        for (std::uint32_t i = 0; i < count;) {
+            if (send(to, i, 1000) == 0) {
+                failures = 0;
+                ++i;
+            } else if (++failures == 50) {
+                ASSERT_EQ(errno, ENOBUFS);
+                stuck.open();
+            } else {
+                receive(1, nothing); // moves on what is kept
+            }
+        }
+        receive(); // the end of the other one
+    });
+    start("mine");
+    const mnet_mbox_id_t other = find("peer");
+    EXPECT_TRUE(serveUntil([&] { return stuck.pass(0); }));
+    for (std::uint32_t i = 0; i < count; ++i) {
+        ASSERT_EQ(receive().number(), i);
+    }
+    EXPECT_EQ(send(other, 1), 0);
+    peer.finish();
+}
+
+TEST_F(PeerTest, sendsWithinAProcessHaveNoLimit)
+{
+    setenv("MNET_QUEUE_LIMIT", "1000", 1);
+    const mnet_mbox_id_t mine = start("mine");
+    std::thread([&] {
+        mnet_create_mailbox("other", 0);
+        for (std::uint32_t i = 0; i < 100; ++i) {
+            EXPECT_EQ(send(mine, i, 1000), 0);
+        }
+    }).join();
+    for (std::uint32_t i = 0; i < 100; ++i) {
+        EXPECT_EQ(send(mine, 100 + i, 1000), 0);
+    }
+    for (std::uint32_t i = 0; i < 200; ++i) {
+        EXPECT_EQ(receive(0).number(), i);
+    }
 }
 
 TEST_F(PeerTest, twoThatSendBeforeTheyReadGoOn)
@@ -354,6 +413,48 @@ TEST_F(PeerTest, aDeathIsToldWithoutDescriptorsToo)
         close(fd);
     }
     limitDescriptors(before);
+}
+
+TEST_F(PeerTest, aNameIsFoundWhenThereAreDescriptorsAgain)
+{
+    for (const bool watches : {true, false}) {
+        Gate create;
+        Gate there;
+        Gate end;
+        Child peer([&] {
+            start("other");
+            EXPECT_TRUE(create.pass());
+            mnet_create_mailbox("later", 0);
+            there.open();
+            EXPECT_TRUE(end.pass());
+        });
+        const mnet_mbox_id_t mine = start("mine");
+        find("other");
+        if (watches) {
+            ASSERT_EQ(mnet_locate_async("later", nullptr, mine), 0);
+        }
+        const auto before = limitDescriptors(openDescriptors() + 2);
+        std::vector<int> taken;
+        for (int fd = dup(0); fd >= 0; fd = dup(0)) {
+            taken.push_back(fd);
+        }
+        if (!watches) {
+            ASSERT_EQ(mnet_locate_async("later", nullptr, mine), 0);
+        }
+        create.open();
+        ASSERT_TRUE(there.pass());
+        EXPECT_TRUE(isReadable(mnet_get_fd(), deadlineMs));
+        EXPECT_FALSE(receive(0)); // the name is there, but there is nothing to read it with
+        for (const int fd : taken) {
+            close(fd);
+        }
+        limitDescriptors(before);
+        EXPECT_TRUE(receive().isNotice());
+        EXPECT_FALSE(receive(0));
+        end.open();
+        peer.finish();
+        EXPECT_EQ(mnet_exit(), 0);
+    }
 }
 
 TEST_F(PeerTest, peersThatComeAndGoLeaveNothing)
