@@ -15,6 +15,7 @@ struct Effort {
     std::size_t rounds = 15;
     double roundNanoseconds = 60e6;
     std::size_t deaths = 15; ///< for what is measured by ending and starting processes
+    std::size_t stormSeconds = 5;
 };
 
 /// One way of exchanging messages: the processes that take part, of which the last is the client.

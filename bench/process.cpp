@@ -45,7 +45,9 @@ volatile std::sig_atomic_t stopRequested = 0;
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
     CPU_SET(measuringCpu(), &cpus);
-    sched_setaffinity(0, sizeof(cpus), &cpus);
+    if (!start.anyCpu) {
+        sched_setaffinity(0, sizeof(cpus), &cpus);
+    }
     if (start.foreign) { // their complaints about limits are nothing for the table
         dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
     }

@@ -49,12 +49,13 @@ struct SocketPair {
     Fd second;
 };
 
-/// What a process is started with. Each runs on the measuring CPU.
+/// What a process is started with. As a rule each runs on the measuring CPU.
 struct Start {
     std::vector<std::string> arguments; ///< a role and its arguments, or a foreign program and its own
     bool foreign = false;               ///< the first argument is a program, not a role
     std::string runDir = {};            ///< MERLOW_RUN_DIR of the process
     std::vector<int> descriptors = {};  ///< inherited as 4, 5, ...
+    bool anyCpu = false;                ///< all CPUs that this process may use
 };
 
 /// A running process with a line to it. Killed and waited for with this object.

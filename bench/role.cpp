@@ -34,6 +34,9 @@ constexpr std::array roles{Role{"raw-client", playRawClient},
                            Role{"board", playBoard},
                            Role{"unit-client", playUnitClient},
                            Role{"watch", playWatch},
+                           Role{"fault-client", playFaultClient},
+                           Role{"storm-client", playStormClient},
+                           Role{"audit-client", playAuditClient},
                            Role{"trace-site", playTraceSite}};
 
 int epollIn(int epoll, int fd)

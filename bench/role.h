@@ -123,6 +123,9 @@ int playLegacy(const RoleArguments&);
 int playBoard(const RoleArguments&);
 int playUnitClient(const RoleArguments&);
 int playWatch(const RoleArguments&);
+int playFaultClient(const RoleArguments&);
+int playStormClient(const RoleArguments&);
+int playAuditClient(const RoleArguments&);
 int playTraceSite(const RoleArguments&);
 
 } // namespace merlow::bench

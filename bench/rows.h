@@ -25,6 +25,10 @@ std::vector<Row> relayRows(const Setting& setting);
 std::vector<Row> sessionRows(const Setting& setting);
 /// Starts, restarts and deaths.
 std::vector<Row> lifeRows(const Setting& setting);
+/// Faults on their way from the board to subscribers, and what many of them leave behind.
+std::vector<Row> faultRows(const Setting& setting);
+/// Ten thousand fault events a second, and one subscriber that does not read.
+std::vector<Row> stormRows(const Setting& setting);
 /// What a trace site costs while it is off.
 std::vector<Row> traceRows(const Setting& setting);
 

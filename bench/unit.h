@@ -4,6 +4,7 @@
 
 #include "process.h"
 
+#include <cstdint>
 #include <string>
 
 namespace merlow::bench {
@@ -11,10 +12,21 @@ namespace merlow::bench {
 inline constexpr const char* publicName = "Merlow";
 inline constexpr const char* legacyName = "LegacyMerlow";
 
+/// Orders to the board, any mailbox's. An event of a number of faults (offset 4), of which the next one is
+/// raised or, if it is, ceased:
+inline constexpr std::uint32_t boardFaultOrder = 0x7000001;
+/// So many different faults give every id of the board with three cases each.
+inline constexpr std::uint32_t variedFaults = 36;
+/// Seconds (offset 4) of so many events a second (offset 8) of one hardware fault, and the answer: how many
+/// there were (offset 4).
+inline constexpr std::uint32_t boardStormOrder = 0x7000002;
+inline constexpr std::uint32_t boardStormOver = 0x7000003;
+
 /// Legacy server, board and host, in a run-time folder of their own.
 class Unit {
 public:
-    explicit Unit(const std::string& runDir);
+    /// `anyCpu`: not on the measuring CPU alone.
+    explicit Unit(const std::string& runDir, bool anyCpu = false);
 
     Process& legacy() { return m_legacy; }
     Process& board() { return m_board; }
@@ -26,18 +38,21 @@ public:
     /// A client with an established session. `service` is "pass" for a signal that goes to the legacy
     /// server and back, "utc" for one that is translated to BRI.
     Process connect(const std::string& service) const;
+    /// A client in another role, with that role's argument.
+    Process start(const std::string& role, const std::string& argument) const;
 
 private:
     std::string m_runDir;
+    bool m_anyCpu;
     Process m_legacy;
     Process m_board;
     Process m_host;
 };
 
-Process startLegacy(const std::string& runDir);
-Process startBoard(const std::string& runDir);
+Process startLegacy(const std::string& runDir, bool anyCpu = false);
+Process startBoard(const std::string& runDir, bool anyCpu = false);
 /// Returns at once: the server may not be published yet.
-Process startHost(const std::string& runDir);
+Process startHost(const std::string& runDir, bool anyCpu = false);
 Process startWatch(const std::string& runDir);
 
 } // namespace merlow::bench

@@ -9,6 +9,7 @@
 #include "unit.h"
 
 #include <stdexcept>
+#include <time.h>
 
 namespace merlow::bench {
 
@@ -93,6 +94,62 @@ Message boardAnswer(Message& request)
     }
 }
 
+/// What the board tells the server of on order: faults, one at a time, each raised and then ceased.
+class BoardFaults {
+public:
+    explicit BoardFaults(MailboxLink& link) : m_link(link) {}
+
+    /// Whom to tell.
+    void connect(const Message& request)
+    {
+        m_server = request.sender();
+        m_serverRef = request.word(procedureRefAt);
+    }
+    /// The next event of so many different faults.
+    void tell(std::uint32_t kinds)
+    {
+        const auto kind = static_cast<std::uint32_t>(m_events / 2 % kinds);
+        const auto id = static_cast<bri::BriFaultId>(kind % idCount);
+        if (m_events++ % 2 == 0) {
+            bri::FaultInd ind;
+            ind.set_fault_id(id);
+            ind.set_fault_case(kind / idCount);
+            m_link.sendTo(m_server, frame(ind, 0, m_serverRef));
+        } else {
+            bri::FaultCeaseInd ind;
+            ind.set_fault_id(id);
+            m_link.sendTo(m_server, frame(ind, 0, m_serverRef));
+        }
+    }
+    /// Ends with a cease. Millisecond by millisecond, what is due by then.
+    void storm(const Message& order)
+    {
+        const std::uint32_t total = order.word(4) * order.word(8) / 2 * 2;
+        const double start = nowNanoseconds();
+        for (std::uint32_t sent = 0; sent < total;) {
+            const double due = (nowNanoseconds() - start) / 1e9 * order.word(8);
+            while (sent < total && sent < due) {
+                tell(1);
+                ++sent;
+            }
+            m_link.takeNow(); // moves what is kept
+            const timespec millisecond{0, 1000000};
+            nanosleep(&millisecond, nullptr);
+        }
+        Message over(8, boardStormOver);
+        over.setWord(4, total);
+        m_link.answer(order, std::move(over));
+    }
+
+private:
+    static constexpr std::uint32_t idCount = 12;
+
+    MailboxLink& m_link;
+    mnet_mbox_id_t m_server = MNET_MBOX_NONE;
+    std::uint32_t m_serverRef = 0;
+    std::uint64_t m_events = 0;
+};
+
 /// A link that accepts only the one answer.
 class ClientLink : public MailboxLink {
 public:
@@ -156,11 +213,23 @@ int playBoard(const RoleArguments&)
 {
     MailboxLink link(bri::BriServerMetadata().name());
     link.addName(bmmi::ServerMetadata().name());
+    BoardFaults faults(link);
     line::say("ready");
     for (;;) {
         Message request = link.take();
+        if (request.number() == boardFaultOrder) {
+            faults.tell(request.word(4));
+            continue;
+        }
         if (request.size() < frameHeader) {
             continue;
+        }
+        if (request.number() == boardStormOrder) {
+            faults.storm(request);
+            continue;
+        }
+        if (request.number() == bri::ConnEstablishReq::MESSAGE_NUMBER) {
+            faults.connect(request);
         }
         if (Message reply = boardAnswer(request)) {
             link.answer(request, std::move(reply));

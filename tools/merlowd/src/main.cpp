@@ -11,8 +11,20 @@ namespace {
 
 class LibraryServer : public merlow::merlowd::Server {
 public:
-    bool start() override { return Merlow::V1::MerlowIf::getInstance().startServer(); }
+    explicit LibraryServer(bool powerDropSupervision) : m_powerDropSupervision(powerDropSupervision) {}
+
+    bool start() override
+    {
+        auto& server = Merlow::V1::MerlowIf::getInstance();
+        if (m_powerDropSupervision) {
+            server.getImpl().enablePowerDropSvFaultSupport(true);
+        }
+        return server.startServer();
+    }
     int stop() override { return Merlow::V1::MerlowIf::getInstance().getImpl().stop(false); }
+
+private:
+    bool m_powerDropSupervision;
 };
 
 } // namespace
@@ -22,6 +34,9 @@ int main(int argc, char** argv)
     CLI::App app("Hosts the board controller server until SIGTERM or SIGINT.", "merlowd");
     std::string runDir;
     merlow::base::addCommonOptions(app, runDir);
+    bool powerDropSupervision = false;
+    app.add_flag("--power-drop-supervision", powerDropSupervision,
+                 "Power drops are supervised elsewhere: suppress the external power supply fault");
     app.footer(
         "Tells a service manager by NOTIFY_SOCKET when clients can connect.\n"
         "Exit status: 0 stopped by a signal, 1 the server did not start or ended by itself, 2 wrong usage.");
@@ -29,6 +44,6 @@ int main(int argc, char** argv)
         return *status;
     }
     merlow::base::useRunDir(runDir);
-    LibraryServer server;
+    LibraryServer server(powerDropSupervision);
     return merlow::merlowd::Host(server).run();
 }
