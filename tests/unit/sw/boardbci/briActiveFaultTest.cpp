@@ -215,8 +215,10 @@ TEST(BriCurrentFaultsTest, ofMoreThanItKeepsTheOldestCeasedEntryGoes)
         if (i > 0) { // the first one is still reported
             faults.getReportedFaults().back().setFaultState(BriFaultReportState::Delete);
         }
-        faults.forgetCeasedFaults();
-        EXPECT_LE(faults.getReportedFaults().size(), limit);
+        if (i + 1 >= limit) {
+            faults.forgetCeasedFaults();
+            EXPECT_EQ(faults.getReportedFaults().size(), limit);
+        }
     }
     EXPECT_EQ(faults.getReportedFaults()[0].getFaultCase(), 0U);
     EXPECT_EQ(faults.getReportedFaults()[1].getFaultCase(), 3U);
