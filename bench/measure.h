@@ -12,7 +12,7 @@ namespace merlow::bench {
 
 /// How long to measure.
 struct Effort {
-    std::size_t rounds = 15;
+    std::size_t rounds = 45;
     double roundNanoseconds = 60e6;
     std::size_t deaths = 15; ///< for what is measured by ending and starting processes
     std::size_t stormSeconds = 5;

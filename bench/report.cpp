@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <sched.h>
+#include <sys/resource.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -56,6 +58,17 @@ std::array<std::string, 7> cells(const Row& row)
                         : "MISSED"};
 }
 
+/// As `nice` and `chrt` have set it.
+std::string ownPriority()
+{
+    sched_param parameters{};
+    const int policy = sched_getscheduler(0) & ~SCHED_RESET_ON_FORK;
+    if ((policy == SCHED_FIFO || policy == SCHED_RR) && sched_getparam(0, &parameters) == 0) {
+        return "real-time priority " + std::to_string(parameters.sched_priority);
+    }
+    return "niceness " + std::to_string(getpriority(PRIO_PROCESS, 0));
+}
+
 } // namespace
 
 bool Row::met() const
@@ -76,6 +89,7 @@ Machine Machine::describe()
     }
     machine.cpus = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
     getloadavg(&machine.load, 1);
+    machine.priority = ownPriority();
     std::ifstream file("/proc/cpuinfo");
     for (std::string line; std::getline(file, line);) {
         if (line.rfind("model name", 0) == 0) {
@@ -100,7 +114,7 @@ std::string table(const Machine& machine, const std::vector<Row>& rows)
         }
     }
     std::string out = machine.kernel + ", " + std::to_string(machine.cpus) + " CPUs, " + machine.processor +
-                      ", load at the start " + number(machine.load) + "\n\n";
+                      ", load at the start " + number(machine.load) + ", " + machine.priority + "\n\n";
     for (std::size_t l = 0; l < lines.size(); ++l) {
         std::string text = "|";
         std::string rule = "|";
@@ -150,7 +164,8 @@ std::string json(const Machine& machine, const std::vector<Row>& rows)
                                       {{"kernel", machine.kernel},
                                        {"processor", machine.processor},
                                        {"cpus", machine.cpus},
-                                       {"load", machine.load}}},
+                                       {"load", machine.load},
+                                       {"priority", machine.priority}}},
                                      {"rows", list}};
     return all.dump(2) + "\n";
 }

@@ -36,7 +36,8 @@ struct Machine {
     std::string kernel;
     std::string processor;
     int cpus = 0;
-    double load = 0; ///< average of the minute before; well above 0 is no machine to measure on
+    double load = 0;      ///< average of the minute before; well above 0 is no machine to measure on
+    std::string priority; ///< what this process and those that it starts run with
     static Machine describe();
 };
 
