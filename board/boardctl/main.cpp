@@ -25,6 +25,11 @@ struct Options {
     std::string server;
     std::string cause;
     std::string fields;
+    std::string fault;
+    std::string fan;
+    std::string parent;
+    std::uint32_t slot = 0;
+    std::uint32_t faultCase = 0;
     std::uint32_t count = 1;
     std::uint32_t ms = 0;
     std::uint32_t ref = 0;
@@ -46,7 +51,8 @@ Exit status: 0 done, 1 refused, 2 usage, 3 no answer in time, 4 not found.
   boardctl status
   boardctl refuse bri::ConnEstablishReq --cause MAX_NUMBER_OF_CONNECTIONS_EXCEEDED
   boardctl delay bmmi::RegisterMmiUserReq --ms 500
-  boardctl lose bri)";
+  boardctl lose bri
+  boardctl fault raise EXTERNAL_FAN_FAILED --case 3 --fan "KFA 111 22/1" --slot 2)";
 
 std::optional<Target> targetNamed(const std::string& name)
 {
@@ -77,6 +83,26 @@ void addTarget(CLI::App& command, Options& options)
 {
     command.add_option("PROGRAM", options.target, "brhd or legacyd; both when left out")
         ->check(CLI::IsMember({"brhd", "legacyd"}));
+}
+
+void addFault(CLI::App& app, Options& options)
+{
+    CLI::App* fault = app.add_subcommand("fault", "Raise, cease and list the board's faults");
+    fault->fallthrough();
+    fault->require_subcommand(1);
+    CLI::App* raise = fault->add_subcommand("raise", "Raise a fault; again makes it another one");
+    CLI::App* cease = fault->add_subcommand("cease", "Cease the first one raised of a fault");
+    for (CLI::App* command : {raise, cease}) {
+        command->add_option("FAULT", options.fault, "Its number or its name, as HW_FAULT")->required();
+    }
+    raise->add_option("--case", options.faultCase, "The fault's case")->capture_default_str();
+    raise->add_option("--fan", options.fan, "The fan's product number");
+    raise->add_option("--parent", options.parent, "The product number of the unit that hosts the fan");
+    raise->add_option("--slot", options.slot, "The fan's position")
+        ->check(
+            CLI::Range(std::uint32_t{0}, std::uint32_t{std::numeric_limits<std::int32_t>::max()}, "SLOT"));
+    CLI::App* list = fault->add_subcommand("list", "List the active faults, the first one raised first");
+    list->add_flag("--json", options.json, "As one JSON list");
 }
 
 void addCommands(CLI::App& app, Options& options)
@@ -110,6 +136,8 @@ void addCommands(CLI::App& app, Options& options)
     answer->add_option("NUMBER", options.number, "The answer's number")->required();
     answer->add_option("FIELDS", options.fields, "What follows the references in the answer, in hexadecimal");
 
+    addFault(app, options);
+
     CLI::App* clear = app.add_subcommand("clear", "Undo all plans and answers");
     addTarget(*clear, options);
 }
@@ -139,11 +167,36 @@ Order loseOf(const CLI::App& command, const Options& options)
     return {{*targetNamed(options.server)}, std::move(request)};
 }
 
+Order faultOf(const CLI::App& command, const Options& options)
+{
+    const CLI::App& action = *command.get_subcommands().front();
+    nlohmann::json request{{"command", "fault"}, {"action", action.get_name()}};
+    if (action.get_name() != "list") {
+        request["id"] = options.fault;
+    }
+    if (action.get_name() == "raise") {
+        request["case"] = options.faultCase;
+        if (action.count("--fan") != 0) {
+            request["fan"] = options.fan;
+        }
+        if (action.count("--parent") != 0) {
+            request["parent"] = options.parent;
+        }
+        if (action.count("--slot") != 0) {
+            request["slot"] = options.slot;
+        }
+    }
+    return {{brhd}, std::move(request)};
+}
+
 Order orderOf(const CLI::App& command, const Options& options)
 {
     const std::string& name = command.get_name();
     if (name == "lose") {
         return loseOf(command, options);
+    }
+    if (name == "fault") {
+        return faultOf(command, options);
     }
     if (name == "answer") {
         return {{legacyd},
@@ -179,6 +232,8 @@ int report(const Target& target, const Reply& reply, const std::string& command)
                                                      : legacydStatusText(answer.data));
     } else if (command == "kinds") {
         std::cout << kindsText(answer.data);
+    } else if (command == "fault" && answer.data.is_array()) {
+        std::cout << faultsText(answer.data);
     } else {
         std::cout << answer.text << "\n";
     }
@@ -195,9 +250,9 @@ int report(const Target& target, const Reply& reply, const std::string& command)
     return usage;
 }
 
-/// The data of what was asked: that of the one program, or an object with a member for each, null for one
+/// The data of what was asked: that of the one program, or an object with a member for each; null for one
 /// that gave no answer.
-int reportJson(const std::vector<Target>& targets, const std::vector<Reply>& replies, bool single)
+int reportJson(const std::vector<Target>& targets, const std::vector<Reply>& replies)
 {
     nlohmann::json all;
     int status = notFound;
@@ -211,7 +266,7 @@ int reportJson(const std::vector<Target>& targets, const std::vector<Reply>& rep
             status = noAnswer;
         }
     }
-    std::cout << (single ? all[targets.front().program] : all)
+    std::cout << (targets.size() == 1 ? all[targets.front().program] : all)
                      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
               << "\n";
     return status;
@@ -233,7 +288,7 @@ int carryOut(const CLI::App& command, const Options& options)
     const auto timeout = std::chrono::milliseconds(std::lround(std::ceil(options.timeout * 1000)));
     const auto replies = client.ask(order.targets, order.request, timeout);
     if (options.json) {
-        return reportJson(order.targets, replies, !options.target.empty());
+        return reportJson(order.targets, replies);
     }
     // Asked for both, one that does not run is worth a line, not a failure.
     int best = notFound;

@@ -106,6 +106,32 @@ void writeFrames(std::ostream& out, const json& server)
         << " with a wrong reference\n";
 }
 
+void writeFault(std::ostream& out, const json& fault)
+{
+    out << textOf(fault, "name") << " (" << textOf(fault, "id") << "), case " << textOf(fault, "case");
+    for (const char* member : {"fan", "parent", "slot"}) {
+        if (!memberOf(fault, member).is_null()) {
+            out << ", " << member << " " << textOf(fault, member);
+        }
+    }
+    out << "\n";
+}
+
+void writeFaults(std::ostream& out, const json& server)
+{
+    for (const json& fault : memberOf(server, "faults")) {
+        out << "    active fault ";
+        writeFault(out, fault);
+    }
+    for (const json& subscriber : memberOf(server, "faultSubscribers")) {
+        out << "    fault subscriber: connection " << textOf(subscriber, "connectionRef") << "\n";
+    }
+    const json& memory = memberOf(server, "faultMemory");
+    if (const std::string error = textOf(memory, "error"); memory.is_object() && !error.empty()) {
+        out << "    fault memory: " << textOf(memory, "place") << " " << error << "\n";
+    }
+}
+
 void writeServer(std::ostream& out, const json& server)
 {
     out << "  " << textOf(server, "mailboxName") << ", mailbox " << textOf(server, "mailbox")
@@ -133,6 +159,7 @@ void writeServer(std::ostream& out, const json& server)
                                                          : "time source " + textOf(utcTime, "believedSource"))
             << "\n";
     }
+    writeFaults(out, server);
     writeFrames(out, server);
 }
 
@@ -173,6 +200,15 @@ std::string legacydStatusText(const json& status)
     }
     writePlans(out, status);
     return out.str();
+}
+
+std::string faultsText(const json& faults)
+{
+    std::ostringstream out;
+    for (const json& fault : faults) {
+        writeFault(out, fault);
+    }
+    return faults.empty() ? "no active faults\n" : out.str();
 }
 
 std::string kindsText(const json& kinds)

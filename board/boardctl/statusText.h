@@ -11,6 +11,9 @@ namespace merlow::board {
 std::string brhdStatusText(const nlohmann::json& status);
 std::string legacydStatusText(const nlohmann::json& status);
 
+/// The board's active faults, one a line.
+std::string faultsText(const nlohmann::json& faults);
+
 /// The kinds that a neighbour answers, one a line.
 std::string kindsText(const nlohmann::json& kinds);
 

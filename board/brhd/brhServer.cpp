@@ -92,6 +92,9 @@ void BrhServer::serve(Row& row, const BrhConnection& connection, const BrhFrame&
     deliver(row, connection.mailbox,
             encodeFrame(answer.number, frame.procedureRef, connection.clientRef, *answer.message),
             answer.confirms, plan);
+    if (answer.afterwards) {
+        answer.afterwards(frame.procedureRef);
+    }
 }
 
 void BrhServer::establish(Row& row, const Received& received, const BrhFrame& frame)

@@ -37,6 +37,8 @@ struct BrhAnswer {
     std::uint32_t number;
     bool confirms;
     std::unique_ptr<google::protobuf::Message> message;
+    /// What goes out behind the answer, with the request's procedure reference; empty for nothing.
+    std::function<void(std::uint32_t procedureRef)> afterwards{};
 };
 
 template <class Message> BrhAnswer confirmWith(Message message)
@@ -71,7 +73,7 @@ public:
     void attach(MailboxId mailbox) { m_mailbox = mailbox; }
 
     void receive(const Received& received);
-    void clientGone(MailboxId mailbox);
+    virtual void clientGone(MailboxId mailbox);
 
     /// Forgets one connection without a word to its client. False for an unknown reference.
     [[nodiscard]] bool loseConnection(std::uint32_t ref);
@@ -86,6 +88,9 @@ public:
 protected:
     /// A request with its handler: `BrhAnswer handler(const BrhConnection&, const Request&)`.
     template <class Request, class Reject, class Server>
+    void onRequest(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&));
+    /// The same for a request that cannot be rejected.
+    template <class Request, class Server>
     void onRequest(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&));
     /// A request that clients send and that is left unanswered.
     template <class Request> void leaveUnanswered();
@@ -137,6 +142,8 @@ private:
     static BrhAnswer refusalOf(const Row& row, const std::string& cause);
     static AnswerKind kindOf(const Row& row);
     Row& addRow(const google::protobuf::Message& request, std::uint32_t number);
+    template <class Request, class Server>
+    Row& addRow(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&));
 
     std::string m_kindPrefix;
     std::string m_mailboxName;
@@ -160,12 +167,25 @@ private:
 template <class Request, class Reject, class Server>
 void BrhServer::onRequest(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&))
 {
-    Row& row = addRow(Request::default_instance(), Request::MESSAGE_NUMBER);
+    Row& row = addRow(handler);
     row.reject = &Reject::default_instance();
     row.rejectNumber = Reject::MESSAGE_NUMBER;
+}
+
+template <class Request, class Server>
+void BrhServer::onRequest(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&))
+{
+    addRow(handler);
+}
+
+template <class Request, class Server>
+BrhServer::Row& BrhServer::addRow(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&))
+{
+    Row& row = addRow(Request::default_instance(), Request::MESSAGE_NUMBER);
     row.handle = [this, handler](const BrhConnection& connection, const google::protobuf::Message& request) {
         return (static_cast<Server*>(this)->*handler)(connection, static_cast<const Request&>(request));
     };
+    return row;
 }
 
 template <class Request> void BrhServer::leaveUnanswered()

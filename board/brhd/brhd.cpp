@@ -6,8 +6,8 @@ namespace merlow::board {
 
 using Result = ControlAnswer::Result;
 
-Brhd::Brhd(Config config, BoardClock::SystemClock systemClock, Outbox& outbox)
-    : m_outbox(outbox), m_bri(std::move(config.bri), std::move(systemClock), outbox, m_plans),
+Brhd::Brhd(Config config, BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox)
+    : m_outbox(outbox), m_bri(std::move(config.bri), std::move(systemClock), store, outbox, m_plans),
       m_bmmi(std::move(config.bmmi), outbox, m_plans)
 {
 }
@@ -24,6 +24,11 @@ void Brhd::attach(const std::string& mailboxName, MailboxId mailbox)
             server->attach(mailbox);
         }
     }
+}
+
+void Brhd::begin()
+{
+    m_bri.faults().load();
 }
 
 void Brhd::receive(const Received& received)
@@ -97,8 +102,11 @@ ControlAnswer Brhd::clear()
     return {Result::done, "brhd cleared " + countOf(m_plans.clear(), "plan"), {}};
 }
 
-ControlAnswer Brhd::control(const std::string& command, const nlohmann::json& /*request*/)
+ControlAnswer Brhd::control(const std::string& command, const nlohmann::json& request)
 {
+    if (command == "fault") {
+        return m_bri.faults().control(request);
+    }
     return {Result::usage, "brhd has no command \"" + command + "\"", {}};
 }
 

@@ -14,13 +14,15 @@ public:
         BrhServerConfig bmmi;
     };
 
-    Brhd(Config config, BoardClock::SystemClock systemClock, Outbox& outbox);
+    /// `store` is where the board's faults outlive the process.
+    Brhd(Config config, BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox);
 
     std::string name() const override { return "brhd"; }
     std::string controlMailboxName() const override { return "BrhdControl"; }
     std::vector<std::string> mailboxNames() const override;
     void attach(const std::string& mailboxName, MailboxId mailbox) override;
 
+    void begin() override;
     void receive(const Received& received) override;
     void mailboxGone(MailboxId mailbox) override;
 

@@ -21,10 +21,16 @@ std::optional<TimeAccuracy> accuracyOf(const bri::RegisterUtcTimeSourceReq& req)
 
 } // namespace
 
-BriServer::BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock, Outbox& outbox,
-                     AnswerPlans& plans)
+BriServer::BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock, StateStore& store,
+                     Outbox& outbox, AnswerPlans& plans)
     : BrhServer("bri::", bri::BriServerMetadata().name(), std::move(config), outbox, plans),
-      m_clock(std::move(systemClock))
+      m_clock(std::move(systemClock)),
+      m_faults(store, outbox,
+               [this](const Connection& connection, std::uint32_t procedureRef, std::uint32_t number,
+                      const google::protobuf::Message& message) {
+                   this->outbox().send(mailbox(), connection.mailbox,
+                                       encodeFrame(number, procedureRef, connection.clientRef, message));
+               })
 {
     onConnEstablish<bri::ConnEstablishReq, bri::ConnEstablishCfm, bri::ConnEstablishRej>();
     onRequest<bri::GetCapabilitiesReq, bri::GetCapabilitiesRej>(&BriServer::handleGetCapabilitiesReq);
@@ -33,9 +39,9 @@ BriServer::BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock
     onRequest<bri::UnregisterUtcTimeSourceReq, bri::UnregisterUtcTimeSourceRej>(
         &BriServer::handleUnregisterUtcTimeSourceReq);
     onRequest<bri::SetUtcTimeReq, bri::SetUtcTimeRej>(&BriServer::handleSetUtcTimeReq);
+    onRequest<bri::SubscribeFaultsReq>(&BriServer::handleSubscribeFaultsReq);
     leaveUnanswered<bri::GetProductInfoReq>();
     leaveUnanswered<bri::GetContainerPidReq>();
-    leaveUnanswered<bri::SubscribeFaultsReq>();
 }
 
 BrhAnswer BriServer::handleGetCapabilitiesReq(const Connection& /*connection*/,
@@ -76,9 +82,26 @@ BrhAnswer BriServer::handleSetUtcTimeReq(const Connection& connection, const bri
     return confirmWith(bri::SetUtcTimeCfm());
 }
 
+BrhAnswer BriServer::handleSubscribeFaultsReq(const Connection& connection,
+                                              const bri::SubscribeFaultsReq& /*req*/)
+{
+    BrhAnswer answer = confirmWith(bri::SubscribeFaultsCfm());
+    answer.afterwards = [this, connection](std::uint32_t procedureRef) {
+        m_faults.subscribe(connection, procedureRef);
+    };
+    return answer;
+}
+
 void BriServer::connectionEnded(const Connection& connection)
 {
     m_clock.connectionEnded(connection.ref);
+    m_faults.connectionEnded(connection.ref);
+}
+
+void BriServer::clientGone(MailboxId mailbox)
+{
+    BrhServer::clientGone(mailbox);
+    m_faults.clientGone(mailbox);
 }
 
 nlohmann::json BriServer::status() const
@@ -96,6 +119,7 @@ nlohmann::json BriServer::status() const
     status["timeSources"] = std::move(sources);
     status["utcTime"] = {
         {"now", m_clock.now()}, {"offset", m_clock.offset()}, {"believedSource", m_clock.believedSource()}};
+    m_faults.addStatus(status);
     return status;
 }
 

@@ -1,20 +1,24 @@
-/// The BRI server of the reference board: capabilities and UTC time.
+/// The BRI server of the reference board: capabilities, UTC time and faults.
 #pragma once
 
 #include "boardClock.h"
+#include "boardFaults.h"
 #include "brhServer.h"
 
 #include <bri.pb.h>
 
 namespace merlow::board {
 
-/// Product data, container data and faults are asked for by clients that cannot take an answer yet: a frame
-/// that a client does not know would pass on as if it came from a client of its own. These requests are
-/// counted and left unanswered.
+/// Product data and container data are asked for by clients that cannot take an answer yet: a frame that a
+/// client does not know would pass on as if it came from a client of its own. These requests are counted and
+/// left unanswered.
 class BriServer : public BrhServer {
 public:
-    BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock, Outbox& outbox,
+    BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox,
               AnswerPlans& plans);
+
+    BoardFaults& faults() { return m_faults; }
+    void clientGone(MailboxId mailbox) override;
 
     nlohmann::json status() const override;
 
@@ -30,10 +34,13 @@ private:
                                      const boardresourcehandler::bri::UnregisterUtcTimeSourceReq& req);
     BrhAnswer handleSetUtcTimeReq(const Connection& connection,
                                   const boardresourcehandler::bri::SetUtcTimeReq& req);
+    BrhAnswer handleSubscribeFaultsReq(const Connection& connection,
+                                       const boardresourcehandler::bri::SubscribeFaultsReq& req);
 
     void connectionEnded(const Connection& connection) override;
 
     BoardClock m_clock;
+    BoardFaults m_faults;
 };
 
 } // namespace merlow::board

@@ -1,6 +1,7 @@
 #include "brhd.h"
 #include "host.h"
 #include "programOptions.h"
+#include "stateFile.h"
 
 #include <chrono>
 #include <limits>
@@ -58,6 +59,7 @@ int main(int argc, char** argv)
     }
     merlow::base::useRunDir(options.runDir);
     merlow::board::Host host;
-    merlow::board::Brhd brhd(configOf(options), systemTime, host);
+    merlow::board::StateFile store("brhd.state");
+    merlow::board::Brhd brhd(configOf(options), systemTime, store, host);
     return host.run(brhd);
 }

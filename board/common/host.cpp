@@ -80,6 +80,7 @@ int Host::run(Service& service)
         return m_exitStatus;
     }
     if (openMailboxes() && openDescriptors()) {
+        service.begin();
         const std::string line = "serving " + listOf(service.mailboxNames()) + " in " + base::runDirPath();
         std::cerr << service.name() << ": " << line << std::endl;
         rushlog_log(logCategory, (service.name() + " " + line).c_str());

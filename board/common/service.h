@@ -39,6 +39,9 @@ public:
     /// `mailbox` is now the one of that name.
     virtual void attach(const std::string& mailboxName, MailboxId mailbox) = 0;
 
+    /// All mailboxes are attached; messages and notices come from here on.
+    virtual void begin() {}
+
     /// A message that arrived at one of the attached mailboxes.
     virtual void receive(const Received& received) = 0;
     /// A watched mailbox is gone.

@@ -323,6 +323,92 @@ TEST_F(BoardProcessTest, boardctlTellsHowItEndedByItsStatus)
     }
 }
 
+TEST_F(BoardProcessTest, faultsAreRaisedCeasedAndListed)
+{
+    startBrhd();
+    Client client(mnet_create_mailbox("client", 0));
+    ask(client, m_bri, 0x170772D, "00000064 00000064 0801", 0x170772E);
+    EXPECT_EQ(ask(client, m_bri, 0x1707753, "00000005 00000001", 0x1707754), "0000000500000064");
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        const char* out;
+        const char* err;
+    } steps[] = {
+        {{"list"}, 0, "no active faults\n", ""},
+        {{"raise", "HW_FAULT"}, 0, "HW_FAULT (0) raised, case 0\n", ""},
+        {{"raise", "0x7", "--case", "3", "--fan", "K 1", "--parent", "P 2", "--slot", "4"},
+         0,
+         "EXTERNAL_FAN_FAILED (7) raised, case 3\n",
+         ""},
+        {{"list"},
+         0,
+         "HW_FAULT (0), case 0\nEXTERNAL_FAN_FAILED (7), case 3, fan K 1, parent P 2, slot 4\n",
+         ""},
+        {{"cease", "0"}, 0, "HW_FAULT (0) ceased, case 0\n", ""},
+        {{"cease", "HW_FAULT"}, 4, "", "boardctl: HW_FAULT (0) is not active\n"},
+        {{"list", "--json"},
+         0,
+         R"([{"case":3,"fan":"K 1","id":7,"name":"EXTERNAL_FAN_FAILED","parent":"P 2","slot":4}])"
+         "\n",
+         ""},
+        {{"raise", "NOTHING"}, 2, "", "\"NOTHING\" is no fault; there are HW_FAULT, "},
+        {{"raise"}, 2, "", "FAULT is required"},
+        {{"raise", "0", "--case", "-1"}, 2, "", "--case"},
+        {{"raise", "0", "--case", "4294967296"}, 2, "", "--case"},
+        {{"raise", "0", "--slot", "2147483648"}, 2, "", "--slot"},
+        {{"cease"}, 2, "", "FAULT is required"},
+        {{"list", "0"}, 2, "", "0"},
+        {{}, 2, "", "subcommand"},
+        {{"--help"}, 0, "", ""},
+    };
+    for (auto [arguments, expected, out, err] : steps) {
+        arguments.insert(arguments.begin(), "fault");
+        const auto outcome = boardctl(arguments);
+        EXPECT_EQ(outcome.status, expected) << outcome.out << outcome.err;
+        EXPECT_THAT(outcome.out, testing::StartsWith(out));
+        EXPECT_THAT(outcome.err, HasSubstr(err));
+    }
+    EXPECT_EQ(client.receive(0x1707759), "000000050000006408001000");
+    EXPECT_EQ(client.receive(0x1707759), "0000000500000064080710031a0c0a034b203112035020321804");
+    EXPECT_EQ(client.receive(0x170775A), "00000005000000640800");
+    EXPECT_THAT(boardctl({"status", "brhd"}).out,
+                HasSubstr("    active fault EXTERNAL_FAN_FAILED (7), case 3, fan K 1, parent P 2, slot 4\n"
+                          "    fault subscriber: connection 1\n"));
+}
+
+TEST_F(BoardProcessTest, aKilledOneLeavesItsFaultsToItsSuccessor)
+{
+    startBrhd();
+    Client client(mnet_create_mailbox("client", 0));
+    Client dying(mnet_create_mailbox("dying", 0));
+    for (Client* subscriber : {&client, &dying}) {
+        const auto confirm = ask(*subscriber, m_bri, 0x170772D, "00000064 00000064 0801", 0x170772E);
+        const std::string connection = confirm.substr(8, 8);
+        EXPECT_EQ(ask(*subscriber, m_bri, 0x1707753, "00000005" + connection, 0x1707754), "0000000500000064");
+    }
+    for (const char* fault : {"HW_FAULT", "EXCEPTIONAL_TEMPERATURE_TOO_HIGH"}) {
+        EXPECT_EQ(boardctl({"fault", "raise", fault}).status, 0);
+    }
+    EXPECT_EQ(client.receive(0x1707759), "000000050000006408001000");
+    EXPECT_EQ(client.receive(0x1707759), "000000050000006408051000");
+    EXPECT_EQ(status("brhd")["bri"]["faultMemory"]["clients"], 2);
+
+    watch(m_bri);
+    m_brhd->kill();
+    EXPECT_TRUE(isLost(m_bri));
+    dying.close(); // while nobody is there to hear of it
+    startBrhd();
+    EXPECT_TRUE(waitUntil([this] { return status("brhd")["bri"]["faultMemory"]["clients"] == 1; }))
+        << status("brhd").dump(2);
+    EXPECT_EQ(boardctl({"fault", "cease", "HW_FAULT"}).status, 0);
+    ask(client, m_bri, 0x170772D, "00000064 00000064 0801", 0x170772E);
+    EXPECT_EQ(ask(client, m_bri, 0x1707753, "00000006 00000001", 0x1707754), "0000000600000064");
+    EXPECT_EQ(client.receive(0x170775A), "00000006000000640800");
+    EXPECT_EQ(client.receive(0x170775A), "00000006000000640805");
+    EXPECT_EQ(client.receive(0x1707759), "000000060000006408051000");
+}
+
 TEST_F(BoardProcessTest, anAnswerThatDoesNotComeIsStatusThree)
 {
     startBrhd();

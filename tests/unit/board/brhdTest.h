@@ -15,13 +15,34 @@ constexpr MailboxId bmmiMailbox = 0x11;
 constexpr MailboxId client = 0x20;
 constexpr MailboxId stranger = 0x30;
 
+/// What outlives brhd, in a string.
+class FakeStateStore : public StateStore {
+public:
+    std::string place() const override { return "the store"; }
+    Loaded load() override { return {text, loadError}; }
+
+    [[nodiscard]] std::string save(const std::string& saved) override
+    {
+        ++saves;
+        if (saveError.empty()) {
+            text = saved;
+        }
+        return saveError;
+    }
+
+    std::string text;
+    std::string loadError;
+    std::string saveError;
+    int saves = 0;
+};
+
 class BrhdTest : public testing::Test {
 protected:
     BrhdTest() : BrhdTest(Brhd::Config{}) {}
 
     explicit BrhdTest(Brhd::Config config)
         : m_brhd(
-              std::move(config), [this] { return m_time; }, m_outbox)
+              std::move(config), [this] { return m_time; }, m_store, m_outbox)
     {
         m_brhd.attach("BriServer", briMailbox);
         m_brhd.attach("BmmiServer", bmmiMailbox);
@@ -67,6 +88,7 @@ protected:
     }
 
     std::int64_t m_time = 1'000'000;
+    FakeStateStore m_store;
     FakeOutbox m_outbox;
     Brhd m_brhd;
 };

@@ -149,8 +149,7 @@ TEST_F(BriServerTest, aDroppedAnswerComesFromAServedRequest)
 TEST_F(BriServerTest, someRequestsAreCountedAndLeftUnanswered)
 {
     const std::pair<const char*, const char*> requests[] = {{"0170773c", "bri::GetProductInfoReq"},
-                                                            {"0170773f", "bri::GetContainerPidReq"},
-                                                            {"01707753", "bri::SubscribeFaultsReq"}};
+                                                            {"0170773f", "bri::GetContainerPidReq"}};
     for (const auto& [number, kind] : requests) {
         receive(briMailbox, client, std::string(number) + "00000002 00000001");
         EXPECT_THAT(m_outbox.takeSent(), IsEmpty());

@@ -27,7 +27,31 @@ TEST_F(StatusTextTest, showsWhatBrhdHolds)
     EXPECT_THAT(text, HasSubstr("MMI user 1: connection 1, NORMAL\n"));
     EXPECT_THAT(text, HasSubstr("planned: delay bri::SetUtcTimeReq, next 1, 7 ms\n"));
     EXPECT_THAT(text, HasSubstr("bri::RegisterUtcTimeSourceReq"));
+    EXPECT_THAT(text, Not(HasSubstr("fault")));
     EXPECT_THAT(text, Not(HasSubstr("bri::UnregisterUtcTimeSourceReq"))) << "none came";
+}
+
+TEST_F(StatusTextTest, showsFaultsAndWhoIsToldOfThem)
+{
+    const auto fault = [this](nlohmann::json request) {
+        request["command"] = "fault";
+        return serveControl(m_brhd, request);
+    };
+    EXPECT_EQ(faultsText(fault({{"action", "list"}}).data), "no active faults\n");
+    receive(briMailbox, client, "0170772d 00000064 00000064 0801");
+    receive(briMailbox, client, "01707753 00000001 00000001");
+    fault({{"action", "raise"}, {"id", "0"}, {"case", 317}});
+    m_store.saveError = "No space left on device";
+    fault({{"action", "raise"}, {"id", "7"}, {"fan", "K 1"}, {"parent", "P 2"}, {"slot", 3}});
+    EXPECT_EQ(faultsText(fault({{"action", "list"}}).data),
+              "HW_FAULT (0), case 317\n"
+              "EXTERNAL_FAN_FAILED (7), case 0, fan K 1, parent P 2, slot 3\n");
+    const std::string text = brhdStatusText(m_brhd.status());
+    EXPECT_THAT(text, HasSubstr("    active fault HW_FAULT (0), case 317\n"
+                                "    active fault EXTERNAL_FAN_FAILED (7), case 0, fan K 1, parent P 2, "
+                                "slot 3\n"
+                                "    fault subscriber: connection 1\n"
+                                "    fault memory: the store cannot be written: No space left on device\n"));
 }
 
 TEST_F(StatusTextTest, showsWhatLegacydHolds)
@@ -51,6 +75,7 @@ TEST_F(StatusTextTest, missingMembersLeaveGaps)
         EXPECT_THAT(brhdStatusText(status), HasSubstr("process -"));
         EXPECT_THAT(legacydStatusText(status), HasSubstr("process -"));
         EXPECT_NO_THROW(kindsText(status));
+        EXPECT_NO_THROW(faultsText(status));
     }
 }
 

@@ -1,0 +1,103 @@
+#include "stateFile.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <runDir.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace merlow::board {
+
+namespace {
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor()
+    {
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return m_fd; }
+    bool isOpen() const { return m_fd >= 0; }
+
+private:
+    int m_fd;
+};
+
+std::string reason()
+{
+    return std::generic_category().message(errno);
+}
+
+bool writeAll(int fd, const std::string& text)
+{
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t written = write(fd, text.data() + done, text.size() - done);
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        done += written > 0 ? static_cast<std::size_t>(written) : 0;
+    }
+    return true;
+}
+
+} // namespace
+
+StateFile::StateFile(std::string name) : m_name(std::move(name)) {}
+
+std::string StateFile::place() const
+{
+    return base::runDirPath() + "/" + m_name;
+}
+
+StateStore::Loaded StateFile::load()
+{
+    const Descriptor folder(base::openRunSubdir(""));
+    const Descriptor file(
+        folder.isOpen() ? openat(folder.get(), m_name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW) : -1);
+    if (!file.isOpen()) {
+        return {"", errno == ENOENT ? "" : reason()};
+    }
+    Loaded loaded;
+    std::array<char, 4096> chunk;
+    for (;;) {
+        const ssize_t length = read(file.get(), chunk.data(), chunk.size());
+        if (length < 0 && errno == EINTR) {
+            continue;
+        }
+        if (length < 0) {
+            return {"", reason()};
+        }
+        if (length == 0) {
+            return loaded;
+        }
+        loaded.text.append(chunk.data(), static_cast<std::size_t>(length));
+    }
+}
+
+std::string StateFile::save(const std::string& text)
+{
+    const std::string fresh = m_name + ".new";
+    const Descriptor folder(base::openRunSubdir(""));
+    if (!folder.isOpen()) {
+        return reason();
+    }
+    const Descriptor file(openat(folder.get(), fresh.c_str(),
+                                 O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+    if (!file.isOpen() || base::setFileAccess(file.get()) != 0 || !writeAll(file.get(), text) ||
+        fsync(file.get()) != 0 || renameat(folder.get(), fresh.c_str(), folder.get(), m_name.c_str()) != 0) {
+        return reason();
+    }
+    return "";
+}
+
+} // namespace merlow::board
