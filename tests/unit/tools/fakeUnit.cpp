@@ -91,6 +91,11 @@ void FakeUnit::serve(mnet_mbox_id_t mailbox)
             mailbox = m_control;
         }
         for (const Reply& reply : m_answers[msg->msgNo]) {
+            if (reply.number == leave) {
+                mnet_delete_mailbox(mailbox);
+                mailbox = m_control;
+                break;
+            }
             const auto bytes = bytesOf(reply.hex);
             auto answer = allocMsg(sizeof(mnet_msg) + bytes.size(), reply.number);
             std::copy(bytes.begin(), bytes.end(),

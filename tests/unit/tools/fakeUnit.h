@@ -49,6 +49,8 @@ public:
 
     /// A number whose arrival makes the public mailbox go.
     static constexpr std::uint32_t goAway = 0x7000001;
+    /// The number of a reply that is not sent: the public mailbox goes instead.
+    static constexpr std::uint32_t leave = 0x7000004;
 
 private:
     void serve(mnet_mbox_id_t mailbox);

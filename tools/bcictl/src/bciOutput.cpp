@@ -1,5 +1,6 @@
 #include "bciOutput.h"
 
+#include "faultSignals.h"
 #include "hex.h"
 
 namespace merlow::bcictl {
@@ -9,13 +10,13 @@ namespace {
 using tools::Fields;
 using tools::signalName;
 
-std::string textOf(const TarnNodeCommonAddressInfoS& references)
+} // namespace
+
+std::string referencesText(const TarnNodeCommonAddressInfoS& references)
 {
     return "clientRef " + std::to_string(references.clientRef) + ", serverRef " +
            std::to_string(references.serverRef);
 }
-
-} // namespace
 
 Fields withReferences(const TarnNodeCommonAddressInfoS& references, const Fields& more)
 {
@@ -31,7 +32,7 @@ std::string describeSignal(const tools::Signal& signal)
     if (size < 12) {
         return text + ", too short for its references\n" + tools::hexView(signal.bytes);
     }
-    text += ", " + textOf(signal.addressInfo());
+    text += ", " + referencesText(signal.addressInfo());
     if (!signal.fields().empty()) {
         text += "\n" + tools::hexView(signal.fields());
     }
@@ -49,12 +50,16 @@ void tellConnected(tools::Output& output, const TarnNodeCommonAddressInfoS& refe
 {
     output.event("connected",
                  output.names(TARN_BC_CONN_ESTABLISH_REQ, TARN_BC_CONN_ESTABLISH_CFM) + "connected, " +
-                     textOf(references),
+                     referencesText(references),
                  withReferences(references, Fields::object()));
 }
 
 void tellIndication(tools::Output& output, const tools::Signal& signal)
 {
+    if (const auto event = decodeFault(signal)) {
+        tellFaultEvent(output, *event);
+        return;
+    }
     Fields fields{{"signal", signalName(signal.number())}};
     fields.update(fieldsOf(signal));
     output.event("indication", "indication " + describeSignal(signal), fields);

@@ -8,6 +8,9 @@
 
 namespace merlow::bcictl {
 
+/// "clientRef 1, serverRef 300".
+std::string referencesText(const TarnNodeCommonAddressInfoS& references);
+
 /// The references and then `more`, as members of a JSON object.
 tools::Fields withReferences(const TarnNodeCommonAddressInfoS& references, const tools::Fields& more);
 
@@ -19,6 +22,7 @@ std::string describeSignal(const tools::Signal& signal);
 tools::Fields fieldsOf(const tools::Signal& signal);
 
 void tellConnected(tools::Output& output, const TarnNodeCommonAddressInfoS& references);
+/// A fault by what it says, any other signal by its bytes.
 void tellIndication(tools::Output& output, const tools::Signal& signal);
 
 } // namespace merlow::bcictl

@@ -12,6 +12,9 @@ std::unique_ptr<Command> makeAudit();
 std::unique_ptr<Command> makeEnable();
 std::unique_ptr<Command> makeDisable();
 
+// faultCommands.cpp
+std::unique_ptr<Command> makeFaults();
+
 // timeCommands.cpp
 std::unique_ptr<Command> makeUtc();
 

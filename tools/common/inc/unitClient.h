@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 
 namespace merlow::tools {
@@ -38,7 +39,14 @@ public:
     /// Opens the mailbox and finds the unit.
     [[nodiscard]] std::optional<Failure> open();
 
-    void onIndication(std::function<void(const Signal&)> handler) { m_onIndication = std::move(handler); }
+    using IndicationHandler = std::function<void(const Signal&)>;
+
+    /// Gives the handler before this one.
+    IndicationHandler onIndication(IndicationHandler handler)
+    {
+        return std::exchange(m_onIndication, std::move(handler));
+    }
+    [[nodiscard]] bool hasIndicationHandler() const { return m_onIndication != nullptr; }
 
     /// Readable when `drain` has something to do; -1 before `open`.
     [[nodiscard]] int fd() const;
@@ -70,7 +78,7 @@ private:
 
     const char* m_unitName;
     std::chrono::milliseconds m_timeout;
-    std::function<void(const Signal&)> m_onIndication;
+    IndicationHandler m_onIndication;
     mnet_mbox_id_t m_mailbox = MNET_MBOX_NONE;
     mnet_mbox_id_t m_unit = MNET_MBOX_NONE;
     bool m_ownsLibrary = false;

@@ -39,6 +39,9 @@ public:
     /// "SENT -> ANSWER: " when signals are to be named, else nothing.
     [[nodiscard]] std::string names(std::uint32_t sent, std::uint32_t answer) const;
 
+    /// "SIGNAL: " when signals are to be named, else nothing.
+    [[nodiscard]] std::string names(std::uint32_t signal) const;
+
 private:
     void printObject(const Fields& object);
 

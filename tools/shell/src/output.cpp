@@ -106,4 +106,9 @@ std::string Output::names(std::uint32_t sent, std::uint32_t answer) const
     return signalName(sent) + " -> " + (answer != 0 ? signalName(answer) : "nothing") + ": ";
 }
 
+std::string Output::names(std::uint32_t signal) const
+{
+    return m_style.verbose ? signalName(signal) + ": " : std::string();
+}
+
 } // namespace merlow::tools
