@@ -227,6 +227,24 @@ TEST_F(FaultTest, aServerThatDiesIsToldAllAnew)
     expectFaults("no active faults\n");
 }
 
+TEST_F(FaultTest, withPowerDropSupervisionThePowerSupplyFaultIsSuppressed)
+{
+    m_unit.merlowd().kill();
+    ASSERT_TRUE(waitUntil([this] {
+        return m_unit.status("brhd").value("/bri/faultMemory/clients"_json_pointer, -1) == 0;
+    })) << m_unit.status("brhd").dump(2);
+    m_unit.startMerlowd({"--power-drop-supervision"});
+    ASSERT_TRUE(isToldOfFaults());
+
+    fault({"raise", "EXTERNAL_POWER_SUPPLY_FAULT"});
+    fault({"raise", "EXTERNAL_FAN_DEGRADED"}); // once it is told, the server has taken the first one too
+    expectOneFault("active 0x0704 FAN_DEGRADED, case 0, \"RU External Fan Degraded\"");
+    EXPECT_THAT(m_unit.boardctl({"fault", "list"}).out, HasSubstr("EXTERNAL_POWER_SUPPLY_FAULT"));
+    fault({"cease", "EXTERNAL_POWER_SUPPLY_FAULT"});
+    fault({"cease", "EXTERNAL_FAN_DEGRADED"});
+    expectFaults("no active faults\n");
+}
+
 TEST_F(FaultTest, aSubscriberThatDiesLeavesTheOthersTheirFaults)
 {
     Client client(mnet_create_mailbox("du", 0));

@@ -27,9 +27,9 @@ void Unit::startBrhd()
     m_brhd = std::make_unique<Process>("brhd", std::vector<std::string>{}, m_environment);
 }
 
-void Unit::startMerlowd()
+void Unit::startMerlowd(const std::vector<std::string>& arguments)
 {
-    m_merlowd = std::make_unique<Process>("merlowd", std::vector<std::string>{}, m_environment);
+    m_merlowd = std::make_unique<Process>("merlowd", arguments, m_environment);
 }
 
 bool Unit::letsClientsIn() const

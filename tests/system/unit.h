@@ -21,7 +21,7 @@ public:
 
     void startLegacyd();
     void startBrhd();
-    void startMerlowd();
+    void startMerlowd(const std::vector<std::string>& arguments = {});
 
     [[nodiscard]] Process& legacyd() { return *m_legacyd; }
     [[nodiscard]] Process& brhd() { return *m_brhd; }

@@ -21,39 +21,39 @@ enum class Treatment {
 constexpr std::uint16_t NO_PARTNER = 0;
 
 struct FaultRow {
-    std::uint16_t faultId;
     const char* name; ///< null: none
+    std::uint16_t faultId;
+    std::uint16_t partner; ///< of two partners, the one that came first is shown
     Priority priority;
     Treatment treatment;
-    std::uint16_t partner; ///< of two partners, the one that came first is shown
 };
 
-#define NAMED(id) id, #id
+#define NAMED(id) #id, id
 /// Every id that is more than a plain fault of the board outside the hierarchy.
 constexpr FaultRow FAULT_ROWS[] = {
-    {NAMED(TARN_CONST_FH_FAULT_ID_HW_FAULT), Priority::HARDWARE, Treatment::VisualThenBasic,
-     TARN_CONST_FH_FAULT_ID_HWF_FOR_EVALUATION},
-    {NAMED(TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_HIGH), Priority::TEMPERATURE, Treatment::Basic,
-     TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_LOW},
-    {NAMED(TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_LOW), Priority::TEMPERATURE, Treatment::Basic,
-     TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_HIGH},
-    {NAMED(TARN_CONST_FH_FAULT_ID_POWER_FAILURE), Priority::OUTSIDE, Treatment::Basic, NO_PARTNER},
-    {NAMED(TARN_CONST_FH_FAULT_ID_HWF_FOR_EVALUATION), Priority::HARDWARE, Treatment::VisualThenBasic,
-     TARN_CONST_FH_FAULT_ID_HW_FAULT},
-    {TARN_CONST_FH_FAULT_ID_SW_ERROR, nullptr, Priority::OUTSIDE, Treatment::Software, NO_PARTNER},
-    {0x0502, nullptr, Priority::DEGRADED, Treatment::Basic, NO_PARTNER},
-    {0x0521, nullptr, Priority::DEGRADED, Treatment::VisualThenBasic, NO_PARTNER},
-    {0x0522, nullptr, Priority::OUTSIDE, Treatment::Software, NO_PARTNER},
-    {0x0703, nullptr, Priority::MINOR, Treatment::Basic, NO_PARTNER},
-    {NAMED(TARN_CONST_FH_FAULT_ID_FAN_DEGRADED), Priority::OUTSIDE, Treatment::Basic, NO_PARTNER},
-    {NAMED(TARN_CONST_FH_FAULT_ID_FAN_FAILED), Priority::OUTSIDE, Treatment::Basic, NO_PARTNER},
-    {NAMED(TARN_CONST_FH_FAULT_ID_FAN_DISCONNECTED), Priority::OUTSIDE, Treatment::Basic, NO_PARTNER},
-    {0x0710, nullptr, Priority::OUTSIDE, Treatment::PowerLow, NO_PARTNER},
-    {0x0711, nullptr, Priority::OUTSIDE, Treatment::PowerLow, NO_PARTNER},
+    {NAMED(TARN_CONST_FH_FAULT_ID_HW_FAULT), TARN_CONST_FH_FAULT_ID_HWF_FOR_EVALUATION, Priority::HARDWARE,
+     Treatment::VisualThenBasic},
+    {NAMED(TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_HIGH),
+     TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_LOW, Priority::TEMPERATURE, Treatment::Basic},
+    {NAMED(TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_LOW),
+     TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_HIGH, Priority::TEMPERATURE, Treatment::Basic},
+    {NAMED(TARN_CONST_FH_FAULT_ID_POWER_FAILURE), NO_PARTNER, Priority::OUTSIDE, Treatment::Basic},
+    {NAMED(TARN_CONST_FH_FAULT_ID_HWF_FOR_EVALUATION), TARN_CONST_FH_FAULT_ID_HW_FAULT, Priority::HARDWARE,
+     Treatment::VisualThenBasic},
+    {nullptr, TARN_CONST_FH_FAULT_ID_SW_ERROR, NO_PARTNER, Priority::OUTSIDE, Treatment::Software},
+    {nullptr, 0x0502, NO_PARTNER, Priority::DEGRADED, Treatment::Basic},
+    {nullptr, 0x0521, NO_PARTNER, Priority::DEGRADED, Treatment::VisualThenBasic},
+    {nullptr, 0x0522, NO_PARTNER, Priority::OUTSIDE, Treatment::Software},
+    {nullptr, 0x0703, NO_PARTNER, Priority::MINOR, Treatment::Basic},
+    {NAMED(TARN_CONST_FH_FAULT_ID_FAN_DEGRADED), NO_PARTNER, Priority::OUTSIDE, Treatment::Basic},
+    {NAMED(TARN_CONST_FH_FAULT_ID_FAN_FAILED), NO_PARTNER, Priority::OUTSIDE, Treatment::Basic},
+    {NAMED(TARN_CONST_FH_FAULT_ID_FAN_DISCONNECTED), NO_PARTNER, Priority::OUTSIDE, Treatment::Basic},
+    {nullptr, 0x0710, NO_PARTNER, Priority::OUTSIDE, Treatment::PowerLow},
+    {nullptr, 0x0711, NO_PARTNER, Priority::OUTSIDE, Treatment::PowerLow},
 };
 #undef NAMED
 
-constexpr FaultRow PLAIN_FAULT{0, nullptr, Priority::OUTSIDE, Treatment::Basic, NO_PARTNER};
+constexpr FaultRow PLAIN_FAULT{nullptr, 0, NO_PARTNER, Priority::OUTSIDE, Treatment::Basic};
 
 const FaultRow& rowOf(unsigned short faultId)
 {
