@@ -8,7 +8,7 @@ namespace bmmi = boardresourcehandler::bmmi;
 namespace {
 
 constexpr unsigned int BMMI_SERVER_NOTIFY = 0x17075BD;
-constexpr unsigned int SUPPORTED_PROTOCOL_REVISION = 1;
+constexpr unsigned int BMMI_PROTOCOL_REVISION = 1;
 
 } // namespace
 
@@ -56,7 +56,7 @@ void MerlowBmmi::handleBmmiServerLocate(const std::shared_ptr<mnet_msg>& /*msg*/
     }
     SCRY_OBJ_TRACE(5, "BMMI Server has come online : sending request to establish connection");
     bmmi::ConnEstablishReq bmmiReq;
-    bmmiReq.add_supported_protocol_revisions(SUPPORTED_PROTOCOL_REVISION);
+    bmmiReq.add_supported_protocol_revisions(BMMI_PROTOCOL_REVISION);
     bmmiClient.sendConnEstablishReq(bmmiReq);
 }
 

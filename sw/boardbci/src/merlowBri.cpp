@@ -8,7 +8,7 @@ namespace bri = boardresourcehandler::bri;
 namespace {
 
 constexpr unsigned int BRI_SERVER_NOTIFY = 0x17075AD;
-constexpr unsigned int SUPPORTED_PROTOCOL_REVISION = 1;
+constexpr unsigned int BRI_PROTOCOL_REVISION = 1;
 
 /// The second field goes first: clients have always seen it so.
 TemperatureLevelMeasurement::Params toTemperatureParams(const bri::GetCapabilitiesCfm& cfm)
@@ -135,7 +135,7 @@ void MerlowBri::handleBriServerLocate(const std::shared_ptr<mnet_msg>& /*msg*/)
     }
     SCRY_OBJ_TRACE(5, "BRI Server has come online : sending request to establish connection");
     bri::ConnEstablishReq briReq;
-    briReq.add_supported_protocol_revisions(SUPPORTED_PROTOCOL_REVISION);
+    briReq.add_supported_protocol_revisions(BRI_PROTOCOL_REVISION);
     briClient.sendConnEstablishReq(briReq);
 }
 

@@ -16,7 +16,7 @@ using testing::SizeIs;
 using Result = ControlAnswer::Result;
 
 constexpr MailboxId legacyMailbox = 0x40;
-constexpr MailboxId client = 0x20;
+constexpr MailboxId legacyClient = 0x20;
 
 std::string hexText(const std::string& text)
 {
@@ -77,7 +77,7 @@ protected:
 
 TEST_F(LegacyServerTest, confirmsWithAReferenceOfTheRequestedRange)
 {
-    EXPECT_EQ(ask(client, "01658000 00000007 0000012c 0003 0000"), "01658001 00000007 0000012c");
+    EXPECT_EQ(ask(legacyClient, "01658000 00000007 0000012c 0003 0000"), "01658001 00000007 0000012c");
     EXPECT_EQ(ask(0x21, "01658000 fffffffe 00000186 0001 0000"), "01658001 fffffffe 0000012d");
     EXPECT_EQ(connect(0x22, 100), "100");
     EXPECT_EQ(connect(0x23, 199), "101");
@@ -89,36 +89,36 @@ TEST_F(LegacyServerTest, confirmsWithAReferenceOfTheRequestedRange)
 
 TEST_F(LegacyServerTest, theTwoUnsetBytesMayBeMissing)
 {
-    EXPECT_EQ(ask(client, "01658000 00000007 0000012c 0003"), "01658001 00000007 0000012c");
+    EXPECT_EQ(ask(legacyClient, "01658000 00000007 0000012c 0003"), "01658001 00000007 0000012c");
 }
 
 TEST_F(LegacyServerTest, aRepeatedRequestIsConfirmedWithTheSameReference)
 {
-    EXPECT_EQ(connect(client, 300), "300");
+    EXPECT_EQ(connect(legacyClient, 300), "300");
     EXPECT_EQ(connect(0x21, 300), "301");
-    EXPECT_EQ(connect(client, 300), "300");
-    EXPECT_EQ(connect(client, 355), "300");
+    EXPECT_EQ(connect(legacyClient, 300), "300");
+    EXPECT_EQ(connect(legacyClient, 355), "300");
     EXPECT_THAT(m_server.status()["connections"], SizeIs(2));
 }
 
 TEST_F(LegacyServerTest, aRequestForAnotherRangeMovesTheConnection)
 {
-    EXPECT_EQ(connect(client, 300), "300");
-    EXPECT_EQ(connect(client, 100), "100");
+    EXPECT_EQ(connect(legacyClient, 300), "300");
+    EXPECT_EQ(connect(legacyClient, 100), "100");
     EXPECT_THAT(m_server.status()["connections"], SizeIs(1));
 }
 
 TEST_F(LegacyServerTest, referencesTakeTurns)
 {
     for (std::uint32_t turn = 0; turn < 250; ++turn) {
-        EXPECT_EQ(connect(client, 300), std::to_string(300 + turn % 100));
-        m_server.mailboxGone(client);
+        EXPECT_EQ(connect(legacyClient, 300), std::to_string(300 + turn % 100));
+        m_server.mailboxGone(legacyClient);
     }
 }
 
 TEST_F(LegacyServerTest, aReferenceInUseIsSkipped)
 {
-    EXPECT_EQ(connect(client, 300), "300");
+    EXPECT_EQ(connect(legacyClient, 300), "300");
     for (std::uint32_t turn = 1; turn < 100; ++turn) {
         EXPECT_EQ(connect(0x21, 300), std::to_string(300 + turn));
         m_server.mailboxGone(0x21);
@@ -131,8 +131,8 @@ TEST_F(LegacyServerTest, aFullRangeRejects)
     for (MailboxId mailbox = 1000; mailbox < 1100; ++mailbox) {
         connect(mailbox, 400);
     }
-    EXPECT_EQ(connect(client, 400), reject(400, "Already at maximum client capacity"));
-    EXPECT_EQ(connect(client, 300), "300");
+    EXPECT_EQ(connect(legacyClient, 400), reject(400, "Already at maximum client capacity"));
+    EXPECT_EQ(connect(legacyClient, 300), "300");
     EXPECT_EQ(connect(1050, 400), "450") << "who holds one can ask again";
     m_server.mailboxGone(1070);
     EXPECT_EQ(connect(0x21, 400), "470");
@@ -142,44 +142,44 @@ TEST_F(LegacyServerTest, otherRangesAreNotSupported)
 {
     for (const std::uint32_t serverRef :
          {0u, 1u, 99u, 200u, 299u, 500u, 0x7FFFFFFFu, 0xFFFFFFFFu, 0x80000064u}) {
-        EXPECT_EQ(connect(client, serverRef), reject(serverRef, "RAT not supported"));
+        EXPECT_EQ(connect(legacyClient, serverRef), reject(serverRef, "RAT not supported"));
     }
-    EXPECT_EQ(connect(client, 200, "0000"), reject(200, "RAT not supported"));
+    EXPECT_EQ(connect(legacyClient, 200, "0000"), reject(200, "RAT not supported"));
     EXPECT_THAT(m_server.status()["connections"], IsEmpty());
 }
 
 TEST_F(LegacyServerTest, otherRevisionsAreNotSupported)
 {
     for (const char* revision : {"0000", "0004", "0100", "ffff"}) {
-        EXPECT_EQ(connect(client, 300, revision), reject(300, "Protocol not supported"));
+        EXPECT_EQ(connect(legacyClient, 300, revision), reject(300, "Protocol not supported"));
     }
     for (const char* revision : {"0001", "0002", "0003"}) {
-        EXPECT_EQ(connect(client, 300, revision), "300");
+        EXPECT_EQ(connect(legacyClient, 300, revision), "300");
     }
 }
 
 TEST_F(LegacyServerTest, theRejectHasItsLayout)
 {
-    const std::string answer = ask(client, "01658000 00000009 00000001 0003 0000");
+    const std::string answer = ask(legacyClient, "01658000 00000009 00000001 0003 0000");
     EXPECT_TRUE(answer.starts_with("01658002 00000009 00000001 00030000 00010000 52415420 6e6f7420 7375"));
     EXPECT_EQ(messageFrom(answer).size(), 132u);
 }
 
 TEST_F(LegacyServerTest, aConnectionEndsWithItsMailbox)
 {
-    connect(client, 300);
+    connect(legacyClient, 300);
     m_server.mailboxGone(0x99);
     EXPECT_THAT(m_server.status()["connections"], SizeIs(1));
-    m_server.mailboxGone(client);
+    m_server.mailboxGone(legacyClient);
     EXPECT_THAT(m_server.status()["connections"], IsEmpty());
-    m_server.mailboxGone(client);
-    EXPECT_EQ(connect(client, 300), "301");
+    m_server.mailboxGone(legacyClient);
+    EXPECT_EQ(connect(legacyClient, 300), "301");
 }
 
 TEST_F(LegacyServerTest, whatCannotBeWatchedIsNotConnected)
 {
     m_outbox.canWatch = false;
-    EXPECT_EQ(connect(client, 300), reject(300, "Already at maximum client capacity"));
+    EXPECT_EQ(connect(legacyClient, 300), reject(300, "Already at maximum client capacity"));
     EXPECT_THAT(m_server.status()["connections"], IsEmpty());
 }
 
@@ -187,7 +187,7 @@ TEST_F(LegacyServerTest, requestsThatAreTooShortAreDropped)
 {
     const Bytes whole = messageFrom("01658000 00000007 0000012c 0003");
     for (std::size_t size = 4; size < whole.size(); ++size) {
-        receive(client, BytesView(whole).first(size));
+        receive(legacyClient, BytesView(whole).first(size));
         EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
         EXPECT_THAT(m_outbox.takeAbnormal(), ElementsAre(HasSubstr(std::to_string(size) + " bytes of 14")));
     }
@@ -197,7 +197,7 @@ TEST_F(LegacyServerTest, requestsThatAreTooShortAreDropped)
 TEST_F(LegacyServerTest, connectionAnswersAreNeverEchoed)
 {
     for (const char* number : {"01658001", "01658002"}) {
-        receive(client, messageFrom(std::string(number) + "00000007 0000012c"));
+        receive(legacyClient, messageFrom(std::string(number) + "00000007 0000012c"));
         EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
         EXPECT_THAT(m_outbox.takeAbnormal(), ElementsAre(HasSubstr("connection answer 0x")));
     }
@@ -207,13 +207,13 @@ TEST_F(LegacyServerTest, anyOtherSignalGoesBackUnchanged)
 {
     const Bytes longest = messageFrom("0165ffff 00000007 0000012c 01020304 05");
     for (std::size_t size = 4; size <= longest.size(); ++size) {
-        receive(client, BytesView(longest).first(size));
+        receive(legacyClient, BytesView(longest).first(size));
         EXPECT_EQ(m_outbox.takeSent(),
-                  (std::vector<Sent>{{legacyMailbox, client, textOf(BytesView(longest).first(size))}}));
+                  (std::vector<Sent>{{legacyMailbox, legacyClient, textOf(BytesView(longest).first(size))}}));
     }
     EXPECT_EQ(m_outbox.sentBack, 14) << "without a copy";
-    EXPECT_EQ(ask(client, "01658003 00"), "01658003 00");
-    EXPECT_EQ(ask(client, "01657fff 00"), "01657fff 00");
+    EXPECT_EQ(ask(legacyClient, "01658003 00"), "01658003 00");
+    EXPECT_EQ(ask(legacyClient, "01657fff 00"), "01657fff 00");
 }
 
 TEST_F(LegacyServerTest, connectionsAreRejectedOnDemand)
@@ -226,25 +226,26 @@ TEST_F(LegacyServerTest, connectionsAreRejectedOnDemand)
                        {"cause", std::string(200, 'x')}})
                   .result,
               Result::done);
-    EXPECT_EQ(connect(client, 300), reject(300, "Already at maximum client capacity"));
-    EXPECT_EQ(connect(client, 300), reject(300, std::string(109, 'x'))) << "cut, and terminated";
-    EXPECT_EQ(connect(client, 300), "300");
+    EXPECT_EQ(connect(legacyClient, 300), reject(300, "Already at maximum client capacity"));
+    EXPECT_EQ(connect(legacyClient, 300), reject(300, std::string(109, 'x'))) << "cut, and terminated";
+    EXPECT_EQ(connect(legacyClient, 300), "300");
 }
 
 TEST_F(LegacyServerTest, answersAreDelayedAndDropped)
 {
     control({{"command", "plan"}, {"action", "delay"}, {"kind", "legacy::Connect"}, {"ms", 30}});
-    receive(client, messageFrom("01658000 00000007 0000012c 0003 0000"));
+    receive(legacyClient, messageFrom("01658000 00000007 0000012c 0003 0000"));
     EXPECT_EQ(m_outbox.takeSent(),
-              (std::vector<Sent>{{legacyMailbox, client, "01658001 00000007 0000012c", 30}}));
+              (std::vector<Sent>{{legacyMailbox, legacyClient, "01658001 00000007 0000012c", 30}}));
 
     control({{"command", "plan"}, {"action", "delay"}, {"kind", "legacy::0x165FFFF"}, {"ms", 40}});
     control({{"command", "plan"}, {"action", "drop"}, {"kind", "legacy::23461887"}}); // 0x165ffff again
-    receive(client, messageFrom("0165ffff 01020304 05"));
-    EXPECT_EQ(m_outbox.takeSent(), (std::vector<Sent>{{legacyMailbox, client, "0165ffff 01020304 05", 40}}));
-    receive(client, messageFrom("0165ffff 01020304 05"));
+    receive(legacyClient, messageFrom("0165ffff 01020304 05"));
+    EXPECT_EQ(m_outbox.takeSent(),
+              (std::vector<Sent>{{legacyMailbox, legacyClient, "0165ffff 01020304 05", 40}}));
+    receive(legacyClient, messageFrom("0165ffff 01020304 05"));
     EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
-    EXPECT_EQ(ask(client, "0165ffff 01020304 05"), "0165ffff 01020304 05");
+    EXPECT_EQ(ask(legacyClient, "0165ffff 01020304 05"), "0165ffff 01020304 05");
     EXPECT_EQ(m_server.status()["dropped"], 1);
     EXPECT_EQ(m_server.status()["delayed"], 2);
 }
@@ -266,11 +267,12 @@ TEST_F(LegacyServerTest, aRuleAnswersInPlaceOfTheEcho)
     const nlohmann::json rule{
         {"command", "answer"}, {"signal", 0x165FFF0}, {"number", 0x165FFF1}, {"fields", "0102 ff"}};
     EXPECT_EQ(control(rule).result, Result::done);
-    EXPECT_EQ(ask(client, "0165fff0 00000007 0000012c aa"), "0165fff1 00000007 0000012c 0102ff");
-    EXPECT_EQ(ask(client, "0165fff0 000007"), "0165fff1 00000000 00000000 0102ff") << "missing ones are 0";
-    EXPECT_EQ(ask(client, "0165fff1 00000007"), "0165fff1 00000007");
+    EXPECT_EQ(ask(legacyClient, "0165fff0 00000007 0000012c aa"), "0165fff1 00000007 0000012c 0102ff");
+    EXPECT_EQ(ask(legacyClient, "0165fff0 000007"), "0165fff1 00000000 00000000 0102ff")
+        << "missing ones are 0";
+    EXPECT_EQ(ask(legacyClient, "0165fff1 00000007"), "0165fff1 00000007");
     EXPECT_EQ(m_server.clear().text, "legacyd cleared 0 plans and 1 rule");
-    EXPECT_EQ(ask(client, "0165fff0 000007"), "0165fff0 000007");
+    EXPECT_EQ(ask(legacyClient, "0165fff0 000007"), "0165fff0 000007");
 }
 
 TEST_F(LegacyServerTest, rulesThatMakeNoSenseAreRefused)
@@ -290,7 +292,7 @@ TEST_F(LegacyServerTest, rulesThatMakeNoSenseAreRefused)
 
 TEST_F(LegacyServerTest, losingItReopensItsMailbox)
 {
-    connect(client, 300);
+    connect(legacyClient, 300);
     EXPECT_EQ(m_server.lose("legacy", std::nullopt).result, Result::done);
     EXPECT_THAT(m_outbox.reopened, ElementsAre(legacyMailbox));
     EXPECT_THAT(m_server.status()["connections"], IsEmpty());
@@ -301,7 +303,7 @@ TEST_F(LegacyServerTest, losingItReopensItsMailbox)
 
 TEST_F(LegacyServerTest, oneConnectionCanBeLost)
 {
-    connect(client, 300);
+    connect(legacyClient, 300);
     EXPECT_EQ(m_server.lose("legacy", 301).result, Result::notFound);
     EXPECT_EQ(m_server.lose("legacy", 300).result, Result::done);
     EXPECT_THAT(m_server.status()["connections"], IsEmpty());
@@ -310,9 +312,9 @@ TEST_F(LegacyServerTest, oneConnectionCanBeLost)
 TEST_F(LegacyServerTest, countsSignalsOfABoundedNumberOfNumbers)
 {
     for (std::uint32_t number = 1; number <= 300; ++number) {
-        ask(client, hex32(number));
+        ask(legacyClient, hex32(number));
     }
-    ask(client, hex32(1));
+    ask(legacyClient, hex32(1));
     const auto status = m_server.status();
     EXPECT_EQ(status["received"]["legacy::0x1"], 2);
     EXPECT_THAT(status["received"], SizeIs(256 + 1)) << "and the connection requests";

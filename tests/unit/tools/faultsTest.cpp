@@ -218,11 +218,14 @@ class FaultsInSessionTest : public SessionTest {};
 
 TEST_F(FaultsInSessionTest, faultsAreToldAsTheyCome)
 {
-    startUnit({{0x165800A, {confirm, tooHigh}}, {0x1658400, {fanFailed, auditCfm, fanCeased}}});
-    EXPECT_EQ(session("audit\naudit\nquit\n"), tools::ExitStatus::done);
+    startUnit({{0x165800A, {confirm, tooHigh}},
+               {0x1658400, {fanFailed, auditCfm, fanCeased}},
+               {0x1658403, {{0x1658404, references}}}});
+    EXPECT_EQ(session("audit\naudit\nenable\nquit\n"), tools::ExitStatus::done);
     EXPECT_THAT(m_out.str(),
                 MatchesRegex(std::string() + time + " raised 0x0705 [^\n]*\nstate [^\n]*\n" + time +
-                             " ceased 0x0705 [^\n]*\n" + time + " raised 0x0705 [^\n]*\nstate [^\n]*\n.*"));
+                             " ceased 0x0705 [^\n]*\n" + time + " raised 0x0705 [^\n]*\nstate [^\n]*\n" +
+                             time + " ceased 0x0705 [^\n]*\noperation enabled\n"));
 }
 
 TEST_F(FaultsInSessionTest, theListIsCompleteAndWhatComesLaterIsToldAgain)

@@ -116,13 +116,13 @@ TEST_F(MerlowBmmiTest, aServerFoundByAConnectedClientIsNotAskedAgain)
     EXPECT_TRUE(m_board.bmmi().nothingReceived());
 }
 
-struct RejectRow {
+struct BmmiRejectRow {
     const char* name;
     const char* body;
     const char* reason;
 };
 
-class MerlowBmmiRejectTest : public MerlowBmmiTest, public testing::WithParamInterface<RejectRow> {};
+class MerlowBmmiRejectTest : public MerlowBmmiTest, public testing::WithParamInterface<BmmiRejectRow> {};
 
 TEST_P(MerlowBmmiRejectTest, rejectIsTracedAndNotRetried)
 {
@@ -136,11 +136,11 @@ TEST_P(MerlowBmmiRejectTest, rejectIsTracedAndNotRetried)
 }
 
 INSTANTIATE_TEST_SUITE_P(all, MerlowBmmiRejectTest,
-                         testing::Values(RejectRow{"revision", "0801", "NO_SUPPORTED_PROTOCOL_REVISION"},
-                                         RejectRow{"connections", "0802",
-                                                   "MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"},
-                                         RejectRow{"none", "", "reason not set by server"},
-                                         RejectRow{"unknown", "0809", "reason not set by server"}),
+                         testing::Values(BmmiRejectRow{"revision", "0801", "NO_SUPPORTED_PROTOCOL_REVISION"},
+                                         BmmiRejectRow{"connections", "0802",
+                                                       "MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"},
+                                         BmmiRejectRow{"none", "", "reason not set by server"},
+                                         BmmiRejectRow{"unknown", "0809", "reason not set by server"}),
                          [](const auto& row) { return row.param.name; });
 
 // Capabilities

@@ -125,13 +125,13 @@ TEST_F(MerlowBriTest, aServerFoundByAConnectedClientIsNotAskedAgain)
     EXPECT_TRUE(m_board.bri().nothingReceived());
 }
 
-struct RejectRow {
+struct BriRejectRow {
     const char* name;
     const char* body;
     const char* trace;
 };
 
-class MerlowBriRejectTest : public MerlowBriTest, public testing::WithParamInterface<RejectRow> {};
+class MerlowBriRejectTest : public MerlowBriTest, public testing::WithParamInterface<BriRejectRow> {};
 
 TEST_P(MerlowBriRejectTest, rejectIsTracedAndNotRetried)
 {
@@ -147,14 +147,14 @@ TEST_P(MerlowBriRejectTest, rejectIsTracedAndNotRetried)
 INSTANTIATE_TEST_SUITE_P(
     all, MerlowBriRejectTest,
     testing::Values(
-        RejectRow{
+        BriRejectRow{
             "revision", "0801",
             "ABN: Merlow connection to the BRI Server has been rejected: NO_SUPPORTED_PROTOCOL_REVISION"},
-        RejectRow{
+        BriRejectRow{
             "connections", "0802",
             "ABN: Merlow connection to the BRI Server has been rejected: MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"},
-        RejectRow{"none", "", "ABN: bri::ConnEstablishRej provided no reason"},
-        RejectRow{"unknown", "0809", "ABN: bri::ConnEstablishRej provided no reason"}),
+        BriRejectRow{"none", "", "ABN: bri::ConnEstablishRej provided no reason"},
+        BriRejectRow{"unknown", "0809", "ABN: bri::ConnEstablishRej provided no reason"}),
     [](const auto& row) { return row.param.name; });
 
 TEST_F(MerlowBriTest, unreadableRejectIsTraced)
