@@ -3,6 +3,7 @@
 #include "bcSession.h"
 #include "brhClient.h"
 #include "faultManagerIf.h"
+#include "swmClient.h"
 
 #include <atomic>
 #include <cstdint>
@@ -43,6 +44,7 @@ public:
 
     [[nodiscard]] BrhClient& getBriClient() { return m_briClient; }
     [[nodiscard]] BrhClient& getBmmiClient() { return m_bmmiClient; }
+    [[nodiscard]] SWMClient& getSwmiClient() { return m_swmiClient; }
     [[nodiscard]] Merlow::FaultManagerIf& getFaultManager() { return m_faultManager; }
 
     /// Automatic boot mode: the environment variable `SYS_MODE` was "AUBOOT" when this object was made.
@@ -70,6 +72,7 @@ private:
     std::vector<std::unique_ptr<BcSession>> m_sessions;
     BrhClient m_briClient;
     BrhClient m_bmmiClient;
+    SWMClient m_swmiClient;
     bool m_isAuboot;
     std::vector<std::uint16_t> m_protocolRevs; ///< highest first
     Merlow::FaultManagerIf& m_faultManager;

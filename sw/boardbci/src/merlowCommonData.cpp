@@ -102,6 +102,7 @@ void MerlowCommonData::destroyClients()
 {
     m_briClient.destroy();
     m_bmmiClient.destroy();
+    m_swmiClient.destroy();
 }
 
 void MerlowCommonData::cleanUp()

@@ -17,6 +17,8 @@ public:
 
     /// Calls callbacks until nothing is readable. Fails the test when that does not come to an end.
     void pumpUntilIdle();
+    /// Calls the callback of the first readable descriptor; false when none is.
+    bool callOneReadable();
     /// The next `times` addFd give -1.
     void failAddFd(unsigned int times = 1) { m_failAddFd = times; }
     void setRunResult(int result) { m_runResult = result; }
@@ -38,7 +40,6 @@ private:
         unsigned int events;
         std::function<void(int, unsigned int)> callback;
     };
-    bool callOneReadable();
 
     std::vector<Entry> m_entries;
     unsigned int m_failAddFd = 0;

@@ -1,4 +1,5 @@
 #include "coreFixture.h"
+#include "fakeSway.h"
 #include "faultManager.h"
 #include "merlowUtil.h"
 
@@ -131,6 +132,17 @@ TEST_F(MerlowCommonDataTest, countsThePowerDropFaultSwitch)
     data().setPdsFaultsEnabled(false);
     data().setPdsFaultsEnabled(true);
     EXPECT_TRUE(data().isPdsFaultsEnabled()) << "a surplus false leaves the count at 0";
+}
+
+TEST_F(MerlowCommonDataTest, cleanUpClosesTheConnectionToTheSwmServer)
+{
+    auto& sway = support::FakeSway::instance();
+    sway.reset();
+    sway.listen("ux:SWMServer");
+    ASSERT_EQ(data().getSwmiClient().connEstablishReq({}, 1, "ux:SWMServer", {1}), 0U);
+    EXPECT_EQ(sway.openConnections(), 1U);
+    data().cleanUp();
+    EXPECT_EQ(sway.openConnections(), 0U);
 }
 
 TEST_F(MerlowCommonDataTest, cleanUpDeletesBothMailboxesAndAllSessionsAndFreesTheReferences)
