@@ -197,11 +197,12 @@ TEST_F(FaultTest, aKilledBoardLosesNothingAndNothingCountsTwice)
 
 TEST_F(FaultTest, faultsOfABoardThatDiesWhileItTellsAreToldOnce)
 {
-    for (int round = 0; round < 5; ++round) {
+    fault({"raise", "EXTERNAL_FAN_DEGRADED"});
+    for (int round = 0; round < 8; ++round) {
         Process raising("boardctl", {"fault", "raise", "EXTERNAL_FAN_DEGRADED", "--timeout", "0.3"},
                         m_unit.environment());
         // Anywhere from before the request to behind the answer.
-        (void)waitUntil([&] { return !raising.running(); }, milliseconds(round * 2));
+        (void)waitUntil([&] { return !raising.running(); }, milliseconds(round * 3));
         m_unit.brhd().kill();
         raising.wait();
         m_unit.startBrhd();
