@@ -29,6 +29,9 @@ public:
 
     /// The calling thread's instance.
     [[nodiscard]] static MnetMessageSubscriptionCustom& getInstance();
+    /// The calling thread's instance, or null: for those who only take handlers off, which may be after the
+    /// thread that the handlers were on.
+    [[nodiscard]] static MnetMessageSubscriptionCustom* findInstance();
     /// Destroys the calling thread's instance, if there is one.
     static void reset();
 

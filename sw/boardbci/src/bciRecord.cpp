@@ -4,7 +4,7 @@
 
 namespace Bci {
 
-void traceShortSignal(const mnet_msg& msg, std::uint32_t number, std::size_t size)
+void traceShortSignal(const mnet_msg& msg, std::uint32_t number, std::uint64_t size)
 {
     const BciSignal* signal = findBciSignal(number);
     SCRY_TRACE(4, "ABN: " << (signal != nullptr ? signal->name : "signal") << " (0x" << std::hex << number

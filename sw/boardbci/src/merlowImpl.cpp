@@ -1,6 +1,7 @@
 #include "merlowImpl.h"
 
 #include "briFaultHandler.h"
+#include "ccfi.h"
 #include "eventLoopIf.h"
 #include "merlowBmmi.h"
 #include "merlowBri.h"
@@ -35,6 +36,7 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowMmiHandling>(commonData));
     components.push_back(std::make_unique<MerlowFaultHandling>(commonData));
     components.push_back(std::make_unique<BriFaultHandler>(commonData));
+    components.push_back(std::make_unique<Merlow::Ccfi::Ccfi>(commonData));
     return components;
 }
 

@@ -37,9 +37,8 @@ void throwOn(int error)
 
 MnetMessageSubscriptionCustom& MnetMessageSubscriptionCustom::getInstance()
 {
-    pthread_once(&s_instanceKeyOnce, createInstanceKey);
+    auto* instance = findInstance();
     throwOn(s_instanceKeyResult);
-    auto* instance = static_cast<MnetMessageSubscriptionCustom*>(pthread_getspecific(s_instanceKey));
     if (instance == nullptr) {
         std::unique_ptr<MnetMessageSubscriptionCustom> created(new MnetMessageSubscriptionCustom);
         throwOn(pthread_setspecific(s_instanceKey, created.get()));
@@ -48,11 +47,17 @@ MnetMessageSubscriptionCustom& MnetMessageSubscriptionCustom::getInstance()
     return *instance;
 }
 
-void MnetMessageSubscriptionCustom::reset()
+MnetMessageSubscriptionCustom* MnetMessageSubscriptionCustom::findInstance()
 {
     pthread_once(&s_instanceKeyOnce, createInstanceKey);
-    if (s_instanceKeyResult == 0) {
-        auto* instance = static_cast<MnetMessageSubscriptionCustom*>(pthread_getspecific(s_instanceKey));
+    return s_instanceKeyResult == 0
+               ? static_cast<MnetMessageSubscriptionCustom*>(pthread_getspecific(s_instanceKey))
+               : nullptr;
+}
+
+void MnetMessageSubscriptionCustom::reset()
+{
+    if (auto* instance = findInstance()) {
         pthread_setspecific(s_instanceKey, nullptr);
         delete instance;
     }

@@ -1,4 +1,4 @@
-/// How records of BCI become messages and messages become records.
+/// How records of BCI and CCFI become messages and messages become records.
 ///
 /// A record is a plain struct whose members follow the wire in natural alignment. Its `BciRecord` says what
 /// the compiler cannot know: its number, where the last field ends, and which members are wider than a byte.
@@ -59,12 +59,15 @@ template <class T> void swapOrder(T& field)
 
 template <class R> void swapRecord(R& record)
 {
-    swapOrder(record.addressInfo);
+    if constexpr (requires { record.addressInfo; }) {
+        swapOrder(record.addressInfo);
+    }
     std::apply([&record](auto... field) { (swapOrder(record.*field), ...); }, BciRecord<R>::fields);
 }
 
-/// "ABN: NAME from mbox: 0xSENDER is too short: 8 bytes, not 12. Ignoring it." at level 4.
-void traceShortSignal(const mnet_msg& msg, std::uint32_t number, std::size_t size);
+/// "ABN: NAME (0xNUMBER) from mbox: 0xSENDER is too short: 8 of 12 bytes. Ignoring it." at level 4. `size` is
+/// what the signal should have; what it announces itself may be more than any message can have.
+void traceShortSignal(const mnet_msg& msg, std::uint32_t number, std::uint64_t size);
 
 /// The field of type T at `offset`, in host order; 0 when the message ends before the field does.
 template <class T> [[nodiscard]] T fieldOrZero(const mnet_msg& msg, std::size_t offset)

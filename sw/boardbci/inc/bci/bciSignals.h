@@ -1,4 +1,5 @@
-/// The signals of BCI: number, name and size in bytes of each, in one table.
+/// The signals of BCI and of CCFI: number, name and size in bytes of each, in one table. A signal with a list
+/// or a text of free length at its end has the size that it has without.
 #pragma once
 
 #include <array>
@@ -32,7 +33,15 @@
     ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_RECOVERY_TIME_CFM,  0x165A002,  12)    \
     ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_RECOVERY_TIME_REQ,  0x165A004,  12)    \
     ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_CFM, 0x165A104,  12)    \
-    ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_REQ, 0x165A107,  12)
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_REQ, 0x165A107,  12)    \
+    ROW(CCFI_BC_CONN_ESTABLISH_REQ,                       0x17C0201,  16)    \
+    ROW(CCFI_BC_CONN_ESTABLISH_CFM,                       0x17C0202,  16)    \
+    ROW(CCFI_BC_CONN_ESTABLISH_REJ,                       0x17C0203, 128)    \
+    ROW(CCFI_BC_FAULT_FWD,                                0x17C0204, 132)    \
+    ROW(CCFI_BC_FAULTCEASE_FWD,                           0x17C0205,  14)    \
+    ROW(CCFI_BC_CONN_CLOSE_REQ,                           0x17C0206,  12)    \
+    ROW(CCFI_BC_CONN_CLOSE_CFM,                           0x17C0207,  12)    \
+    ROW(CCFI_MERLOW_MNET_MONITOR_IND,                     0x17C0209,   8)
 // clang-format on
 
 enum BciSignalNumber : std::uint32_t {

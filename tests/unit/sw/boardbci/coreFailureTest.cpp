@@ -1,10 +1,13 @@
-/// Every number that the core knows, at each length from the number alone to its full size, from a client, a
-/// stranger and the legacy server, before and after publication: nothing is read behind the end, nothing
-/// leaks, and the server goes on.
+/// Every number that the core knows, at each length from the number alone to beyond its full size, with
+/// zeros, ones and random bytes, from a client, a stranger and the legacy server, before and after
+/// publication: nothing is read behind the end, nothing leaks, and the server goes on.
 #include "bci/bciSignals.h"
+#include "ccfi.h"
 #include "coreFixture.h"
 #include "merlowFaultHandling.h"
 #include "merlowState.h"
+
+#include <random>
 
 namespace {
 
@@ -44,12 +47,18 @@ std::vector<Case> allCases()
 
 class CoreFailureTest : public CoreTest, public ::testing::WithParamInterface<Case> {
 protected:
-    /// Sends the signal cut at each length, its fields filled with `fill`.
-    void sendAtEachLength(const Peer& peer, mnet_mbox_id_t to, std::uint8_t fill)
+    enum class Fill { zeros, ones, random };
+
+    /// Sends the signal at each length, up to a word more than it has.
+    void sendAtEachLength(const Peer& peer, mnet_mbox_id_t to, Fill fill)
     {
         // A reject takes the clone that it was sent to away.
-        for (std::size_t length = 4; length <= GetParam().size && mnet().exists(to); ++length) {
-            support::Bytes bytes(length, fill);
+        for (std::size_t length = 4; length <= GetParam().size + 4 && mnet().exists(to); ++length) {
+            support::Bytes bytes(length, fill == Fill::ones ? 0xFF : 0);
+            if (fill == Fill::random) {
+                std::generate(bytes.begin(), bytes.end(),
+                              [this] { return static_cast<std::uint8_t>(m_random()); });
+            }
             std::memcpy(bytes.data(), &GetParam().number, 4);
             peer.sendBytes(bytes, to);
         }
@@ -59,19 +68,22 @@ protected:
         while (!peer.receive().hex.empty()) {
         }
     }
+
+    std::mt19937 m_random{GetParam().number};
 };
 
 TEST_P(CoreFailureTest, leavesTheServerWhole)
 {
     MerlowState state(data());
     MerlowFaultHandling faults(data());
+    Merlow::Ccfi::Ccfi ccfi(data());
     publish();
-    ASSERT_TRUE(state.init() && faults.init());
+    ASSERT_TRUE(state.init() && faults.init() && ccfi.init());
     const Peer witness = confirmedClient();
     const auto cloneOfWitness = m_lastClone;
     const Peer client = confirmedClient();
     const Peer stranger;
-    for (const std::uint8_t fill : {std::uint8_t{0x00}, std::uint8_t{0xFF}}) {
+    for (const Fill fill : {Fill::zeros, Fill::ones, Fill::random}) {
         switch (GetParam().sender) {
         case Sender::client:
             sendAtEachLength(client, publicMbox(), fill);
@@ -110,10 +122,11 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
 {
     MerlowState state(data());
     MerlowFaultHandling faults(data());
+    Merlow::Ccfi::Ccfi ccfi(data());
     startUp();
-    ASSERT_TRUE(state.init() && faults.init());
+    ASSERT_TRUE(state.init() && faults.init() && ccfi.init());
     const Peer stranger;
-    sendAtEachLength(stranger, privateMbox(), 0xFF);
+    sendAtEachLength(stranger, privateMbox(), Fill::ones);
     EXPECT_EQ(stranger.receive().hex, "");
     EXPECT_EQ(data().getNumClientSessions(), 0U);
     EXPECT_EQ(mnet().heldMessages(), 0U);
