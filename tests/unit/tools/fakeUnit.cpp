@@ -41,11 +41,11 @@ RunFolder::~RunFolder()
     std::filesystem::remove_all(m_path);
 }
 
-FakeUnit::FakeUnit(Answers answers) : m_answers(std::move(answers))
+FakeUnit::FakeUnit(Answers answers, const char* name) : m_answers(std::move(answers))
 {
     std::promise<void> ready;
-    m_thread = std::thread([this, &ready] {
-        const mnet_mbox_id_t mailbox = mnet_create_mailbox("Merlow", 0);
+    m_thread = std::thread([this, name, &ready] {
+        const mnet_mbox_id_t mailbox = mnet_create_mailbox(name, 0);
         m_control = mnet_clone_mailbox(mailbox, nullptr);
         ready.set_value();
         serve(mailbox);
@@ -82,9 +82,10 @@ void FakeUnit::serve(mnet_mbox_id_t mailbox)
             return;
         }
         const auto* const start = reinterpret_cast<const std::uint8_t*>(msg.get());
+        const auto request = toHex(std::span(start, mnet_size(msg.get())).subspan(sizeof(mnet_msg)));
         {
             const std::lock_guard lock(m_mutex);
-            m_received[msg->msgNo] = toHex(std::span(start, mnet_size(msg.get())).subspan(sizeof(mnet_msg)));
+            m_received[msg->msgNo] = request;
         }
         if (msg->msgNo == goAway) {
             mnet_delete_mailbox(mailbox);
@@ -96,7 +97,8 @@ void FakeUnit::serve(mnet_mbox_id_t mailbox)
                 mailbox = m_control;
                 break;
             }
-            const auto bytes = bytesOf(reply.hex);
+            const auto bytes =
+                bytesOf(reply.hex.starts_with('=') ? request.substr(0, 8) + reply.hex.substr(1) : reply.hex);
             auto answer = allocMsg(sizeof(mnet_msg) + bytes.size(), reply.number);
             std::copy(bytes.begin(), bytes.end(),
                       reinterpret_cast<std::uint8_t*>(answer.get()) + sizeof(mnet_msg));

@@ -1,5 +1,5 @@
-/// A unit as clients see it: a thread with the public mailbox and fixed answers, in a run-time folder of the
-/// test's own.
+/// A unit as clients see it: a thread with the mailbox that they look for and fixed answers, in a run-time
+/// folder of the test's own.
 #pragma once
 
 #include <cstdint>
@@ -34,12 +34,13 @@ class FakeUnit {
 public:
     struct Reply {
         std::uint32_t number;
-        std::string hex;
+        std::string hex; ///< a '=' in front stands for the word that follows the request's number
     };
     using Answers = std::map<std::uint32_t, std::vector<Reply>>;
 
     /// `answers`: what goes back for each number that comes in, in this order.
-    explicit FakeUnit(Answers answers);
+    /// `name`: the mailbox that clients look for.
+    explicit FakeUnit(Answers answers, const char* name = "Merlow");
     ~FakeUnit();
     FakeUnit(const FakeUnit&) = delete;
     FakeUnit& operator=(const FakeUnit&) = delete;
@@ -47,7 +48,7 @@ public:
     /// What came with `number` last, behind the number, as hexadecimal digits; empty for nothing.
     [[nodiscard]] std::string received(std::uint32_t number) const;
 
-    /// A number whose arrival makes the public mailbox go.
+    /// A number whose arrival makes that mailbox go.
     static constexpr std::uint32_t goAway = 0x7000001;
     /// The number of a reply that is not sent: the public mailbox goes instead.
     static constexpr std::uint32_t leave = 0x7000004;
@@ -58,7 +59,7 @@ private:
     Answers m_answers;
     mutable std::mutex m_mutex;
     std::map<std::uint32_t, std::string> m_received;
-    mnet_mbox_id_t m_control = MNET_MBOX_NONE; // outlives the public mailbox, for the stop
+    mnet_mbox_id_t m_control = MNET_MBOX_NONE; // outlives the other mailbox, for the stop
     std::thread m_thread;
 };
 

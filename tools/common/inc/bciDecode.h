@@ -54,7 +54,10 @@ std::string textOf(std::span<const std::uint8_t> array);
 /// The name of a signal, or its number in hexadecimal, "0x1658fff", when it has none.
 std::string signalName(std::uint32_t number);
 
-/// A number (decimal, or hexadecimal after "0x") or a signal's name; nothing for anything else.
+/// A number: decimal, or hexadecimal after "0x"; nothing for anything else.
+std::optional<std::uint32_t> parseNumber(std::string_view text);
+
+/// A number as above or a signal's name; nothing for anything else.
 std::optional<std::uint32_t> parseSignalNumber(std::string_view text);
 
 } // namespace merlow::tools

@@ -97,6 +97,11 @@ std::optional<std::uint32_t> parseSignalNumber(std::string_view text)
             return row.number;
         }
     }
+    return parseNumber(text);
+}
+
+std::optional<std::uint32_t> parseNumber(std::string_view text)
+{
     int base = 10;
     if (text.starts_with("0x") || text.starts_with("0X")) {
         text.remove_prefix(2);

@@ -1,0 +1,14 @@
+// ccfictl: forwards faults to the unit, for people and scripts.
+
+#include "ccfictl.h"
+
+#include <clocale>
+#include <csignal>
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    (void)std::setlocale(LC_CTYPE, "");
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    return merlow::ccfictl::runProgram(argc, argv, std::cout, std::cerr);
+}
