@@ -47,6 +47,11 @@ Outcome Unit::bcictl(const std::vector<std::string>& arguments, const std::strin
     return runProgram("bcictl", arguments, m_environment, input);
 }
 
+Outcome Unit::ccfictl(const std::vector<std::string>& arguments) const
+{
+    return runProgram("ccfictl", arguments, m_environment);
+}
+
 Outcome Unit::boardctl(const std::vector<std::string>& arguments) const
 {
     return runProgram("boardctl", arguments, m_environment);

@@ -36,6 +36,7 @@ public:
 
     [[nodiscard]] Outcome bcictl(const std::vector<std::string>& arguments,
                                  const std::string& input = {}) const;
+    [[nodiscard]] Outcome ccfictl(const std::vector<std::string>& arguments) const;
     [[nodiscard]] Outcome boardctl(const std::vector<std::string>& arguments) const;
 
     /// What `boardctl status --json` says of "brhd" or "legacyd"; null when it does not answer.
