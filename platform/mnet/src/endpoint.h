@@ -201,6 +201,8 @@ private:
     bool removeWatcherHere(mnet_mbox_id_t target, std::uint16_t watcher, mnet_monitor_id_t monitor);
     void dropWatchersOf(std::uint16_t number);
     void noticeToPeer(std::uint16_t number, mnet_mbox_id_t lost, mnet_monitor_id_t monitor);
+    void rememberDeath(std::uint16_t number);
+    [[nodiscard]] bool hasJustDied(std::uint16_t number) const;
     bool answerLocate(std::list<Locate>::iterator pending);
     void answerLocates(const std::string* fileName);
     void watchNames();
@@ -254,6 +256,8 @@ private:
     MessageQueue m_asked;   ///< requests to watch that have left, until `fireGone`
     bool m_keeping = false; ///< the live file says that messages of mailboxes that are gone are kept here
     std::list<Locate> m_locates;
+    std::map<std::uint16_t, Clock::time_point>
+        m_justDied;            ///< endpoints, for as long as their names may linger
     bool m_looksAgain = false; ///< for names, when the timer says so: the watch alone does not find them all
 };
 

@@ -313,6 +313,7 @@ void Endpoint::peerLost(std::uint16_t number)
         fire(id);
     }
     m_peers.erase(number);
+    rememberDeath(number);
 }
 
 bool Endpoint::keepsMessages() const

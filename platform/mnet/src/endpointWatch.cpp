@@ -24,6 +24,9 @@ constexpr std::size_t maxMonitors = 65536;
 /// or when there was no descriptor to look with.
 constexpr auto pollInterval = std::chrono::milliseconds(50);
 
+/// How long the name of a process that has died can seem to be held.
+constexpr auto nameLinger = std::chrono::seconds(1);
+
 /// Goes on through `mnet_exit` and the next `mnet_init`: an old id never hits a new monitor.
 std::atomic<mnet_monitor_id_t> g_nextMonitor{1};
 
@@ -233,11 +236,30 @@ bool Endpoint::locate(const std::string& name, BlockPtr message, mnet_mbox_id_t 
     return true;
 }
 
+/// The kernel ends the connections of a process that dies a moment before it drops the locks on its names.
+/// Whoever hears of the end and looks at once for a successor must not find the dead one.
+void Endpoint::rememberDeath(std::uint16_t number)
+{
+    const auto now = Clock::now();
+    std::erase_if(m_justDied, [now](const auto& death) { return death.second + nameLinger < now; });
+    m_justDied[number] = now;
+}
+
+bool Endpoint::hasJustDied(std::uint16_t number) const
+{
+    const auto death = m_justDied.find(number);
+    return death != m_justDied.end() && Clock::now() <= death->second + nameLinger;
+}
+
 bool Endpoint::answerLocate(std::list<Locate>::iterator pending)
 {
     mnet_mbox_id_t found = MNET_MBOX_NONE;
     if (!lookUpName(m_process->folder().names(), pending->fileName, found)) {
         lookAgain();
+    }
+    if (found != MNET_MBOX_NONE && hasJustDied(endpointOf(found))) {
+        lookAgain();
+        return false;
     }
     if (found == MNET_MBOX_NONE) {
         return false;

@@ -1,6 +1,7 @@
 /// Notices of mailboxes that are deleted and of processes that die.
 #include "mnetFixture.h"
 
+#include <sys/syscall.h>
 #include <vector>
 
 namespace mnet::test {
@@ -340,6 +341,51 @@ TEST_F(MonitorTest, anEndedMonitorNeverDelivers)
     EXPECT_EQ(mnet_delete_mailbox(third), 0);
     EXPECT_EQ(mnet_current_mbox(), clone);
     EXPECT_FALSE(receive(0));
+}
+
+/// A process that keeps of its parent's open files only those that hold names.
+void keepNamesOnly()
+{
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+        if (target.find("/mnet/") != std::string::npos && target.find("/names/") == std::string::npos) {
+            close(std::stoi(entry.path().filename()));
+        } else if (target.starts_with("socket:") || target.starts_with("anon_inode:")) {
+            close(std::stoi(entry.path().filename()));
+        }
+    }
+}
+
+TEST_F(MonitorTest, whoHasDiedIsNotFoundThoughItsNameStillSeemsHeld)
+{
+    Gate there;
+    Gate end;
+    start();
+    Child peer([&] {
+        start("peer");
+        // The library does not hear of this one, so it can't let go of the name.
+        if (syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0) == 0) {
+            keepNamesOnly();
+            there.open();
+            end.pass();
+            _exit(0);
+        }
+        receive();
+    });
+    ASSERT_TRUE(there.pass());
+    const mnet_mbox_id_t other = find("peer");
+    ASSERT_NE(mnet_monitor(other, nullptr), MNET_MBOX_NONE);
+    peer.kill();
+    EXPECT_EQ(receive().sender(), other);
+    ASSERT_EQ(mnet_locate_async("peer", nullptr, mnet_current_mbox()), 0);
+    EXPECT_FALSE(receive(100));
+    end.open();
+    Child successor([] { echo("peer"); });
+    const Message found = receive();
+    EXPECT_TRUE(found.isNotice());
+    EXPECT_NE(found.sender(), other);
+    successor.kill();
 }
 
 } // namespace

@@ -141,6 +141,10 @@ TEST_F(ServerLifeTest, aForcedStopReturnsAtOnceAndAFurtherStartWorks)
 
 TEST_F(ServerLifeTest, theMailboxesOfAForcedStopStayUntilTheServerIsDestroyed)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP()
+        << "the sanitizer overlooks the locks of a thread that was cancelled in a call it intercepts";
+#endif
     EXPECT_EQ(runHost([] {
                   auto impl = std::make_unique<MerlowImpl>();
                   if (impl->start() != 0 || !isUp() || impl->stop(true) != 0) {
@@ -157,6 +161,10 @@ TEST_F(ServerLifeTest, theMailboxesOfAForcedStopStayUntilTheServerIsDestroyed)
 
 TEST_F(ServerLifeTest, aForcedStopOfABusyServerIsNoHarm)
 {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP()
+        << "the sanitizer overlooks the locks of a thread that was cancelled in a call it intercepts";
+#endif
     EXPECT_EQ(runHost([] {
                   auto impl = std::make_unique<MerlowImpl>();
                   if (impl->start() != 0) {
