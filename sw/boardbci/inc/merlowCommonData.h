@@ -3,6 +3,7 @@
 #include "bcSession.h"
 #include "brhClient.h"
 #include "faultManagerIf.h"
+#include "productInfo.h"
 #include "swmClient.h"
 
 #include <atomic>
@@ -47,6 +48,12 @@ public:
     [[nodiscard]] SWMClient& getSwmiClient() { return m_swmiClient; }
     [[nodiscard]] Merlow::FaultManagerIf& getFaultManager() { return m_faultManager; }
 
+    /// What was told of the unit and its container last; kept while this object lives.
+    [[nodiscard]] const ProductInfo& getProductInfoCache() const { return m_productInfo; }
+    void setProductInfoCache(const ProductInfo& info) { m_productInfo = info; }
+    [[nodiscard]] const ContainerInfo& getContainerInfoCache() const { return m_containerInfo; }
+    void setContainerInfoCache(const ContainerInfo& info) { m_containerInfo = info; }
+
     /// Automatic boot mode: the environment variable `SYS_MODE` was "AUBOOT" when this object was made.
     [[nodiscard]] bool isAuboot() const { return m_isAuboot; }
     [[nodiscard]] bool isSupportedProtocolRev(unsigned short protocolRev) const;
@@ -76,6 +83,8 @@ private:
     bool m_isAuboot;
     std::vector<std::uint16_t> m_protocolRevs; ///< highest first
     Merlow::FaultManagerIf& m_faultManager;
+    ProductInfo m_productInfo;
+    ContainerInfo m_containerInfo;
     std::uint32_t m_sessionNumber{0};
     std::atomic<std::uint32_t> m_pdsFaultsEnabled{0}; ///< a host thread may set it
 };

@@ -8,6 +8,7 @@
 #include "merlowCommonData.h"
 #include "merlowFaultHandling.h"
 #include "merlowMmiHandling.h"
+#include "merlowPid.h"
 #include "merlowState.h"
 #include "merlowTime.h"
 #include "merlowTrace.h"
@@ -29,6 +30,7 @@ constexpr unsigned int FIRST_CLIENT_REF = 100;
 MerlowImpl::Components createComponents(MerlowCommonData& commonData)
 {
     MerlowImpl::Components components;
+    components.push_back(std::make_unique<MerlowPid>(commonData));
     components.push_back(std::make_unique<MerlowState>(commonData));
     components.push_back(std::make_unique<MerlowTime>(commonData));
     components.push_back(std::make_unique<MerlowBri>(commonData));

@@ -19,6 +19,18 @@
     ROW(TARN_BC_SELECT_MMI_REQ,                           0x1658012,  16)    \
     ROW(TARN_BC_SELECT_MMI_CFM,                           0x1658013,  12)    \
     ROW(TARN_BC_SELECT_MMI_REJ,                           0x1658014, 128)    \
+    ROW(TARN_BC_GET_HW_PID_REQ,                           0x1658200,  12)    \
+    ROW(TARN_BC_GET_HW_PID_CFM,                           0x1658201,  92)    \
+    ROW(TARN_BC_GET_HW_PID_REJ,                           0x1658202, 128)    \
+    ROW(TARN_BC_GET_CONTAINER_PID_REQ,                    0x1658203,  12)    \
+    ROW(TARN_BC_GET_CONTAINER_PID_CFM,                    0x1658204, 100)    \
+    ROW(TARN_BC_GET_CONTAINER_PID_REJ,                    0x1658205, 128)    \
+    ROW(TARN_BC_GET_MARKET_NAME_PID_REQ,                  0x1658206,  12)    \
+    ROW(TARN_BC_GET_MARKET_NAME_PID_CFM,                  0x1658207, 148)    \
+    ROW(TARN_BC_GET_MARKET_NAME_PID_REJ,                  0x1658208, 128)    \
+    ROW(TARN_BC_GET_EXTENDED_MARKET_NAME_REQ,             0x1658209,  12)    \
+    ROW(TARN_BC_GET_EXTENDED_MARKET_NAME_CFM,             0x165820A,  80)    \
+    ROW(TARN_BC_GET_EXTENDED_MARKET_NAME_REJ,             0x165820B, 128)    \
     ROW(TARN_BC_AUDIT_REQ,                                0x1658400,  12)    \
     ROW(TARN_BC_AUDIT_CFM,                                0x1658401,  16)    \
     ROW(TARN_BC_ENABLE_OPERATION_REQ,                     0x1658403,  12)    \

@@ -5,6 +5,7 @@
 #include "ccfi.h"
 #include "coreFixture.h"
 #include "merlowFaultHandling.h"
+#include "merlowPid.h"
 #include "merlowState.h"
 
 #include <random>
@@ -77,8 +78,9 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     MerlowState state(data());
     MerlowFaultHandling faults(data());
     Merlow::Ccfi::Ccfi ccfi(data());
+    MerlowPid pid(data());
     publish();
-    ASSERT_TRUE(state.init() && faults.init() && ccfi.init());
+    ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init());
     const Peer witness = confirmedClient();
     const auto cloneOfWitness = m_lastClone;
     const Peer client = confirmedClient();
@@ -123,8 +125,9 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
     MerlowState state(data());
     MerlowFaultHandling faults(data());
     Merlow::Ccfi::Ccfi ccfi(data());
+    MerlowPid pid(data());
     startUp();
-    ASSERT_TRUE(state.init() && faults.init() && ccfi.init());
+    ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init());
     const Peer stranger;
     sendAtEachLength(stranger, privateMbox(), Fill::ones);
     EXPECT_EQ(stranger.receive().hex, "");
