@@ -47,4 +47,29 @@ bri::GetCapabilitiesCfm builtInBriCapabilities()
     return capabilities;
 }
 
+bri::GetProductInfoCfm builtInProduct()
+{
+    bri::GetProductInfoCfm product;
+    product.set_production_date("20240131");
+    product.set_product_name("MRU 4415");
+    product.set_product_number("MRC 441 5/1");
+    product.set_product_revision("R1A");
+    product.set_manufacturer("Merlow");
+    product.set_serial_number("M000000001");
+    product.set_extended_market_name("Merlow Reference Unit 4415");
+    return product;
+}
+
+bri::GetContainerPidCfm builtInContainer()
+{
+    bri::GetContainerPidCfm container;
+    container.set_production_date("20240115");
+    container.set_container_name("MRU Cabinet 2");
+    container.set_product_number("MRB 200 2/1");
+    container.set_product_revision("R2B");
+    container.set_manufacturer("Merlow");
+    container.set_serial_number("C000000001");
+    return container;
+}
+
 } // namespace merlow::board

@@ -83,9 +83,6 @@ void BrhServer::serve(Row& row, const BrhConnection& connection, const BrhFrame&
                                   << frame.body.size() << " bytes does not parse");
         return;
     }
-    if (!row.handle) {
-        return;
-    }
     const auto plan = m_plans.take(row.kind);
     const bool refuse = plan && plan->action == AnswerPlan::Action::refuse;
     const BrhAnswer answer = refuse ? refusalOf(row, plan->cause) : row.handle(connection, *request);
@@ -270,9 +267,7 @@ std::vector<AnswerKind> BrhServer::kinds() const
 {
     std::vector<AnswerKind> kinds;
     for (const auto& [number, row] : m_rows) {
-        if (row.handle || row.establishes) {
-            kinds.push_back(kindOf(row));
-        }
+        kinds.push_back(kindOf(row));
     }
     return kinds;
 }
@@ -280,7 +275,7 @@ std::vector<AnswerKind> BrhServer::kinds() const
 std::optional<AnswerKind> BrhServer::findKind(const std::string& name) const
 {
     for (const auto& [number, row] : m_rows) {
-        if (row.kind == name && (row.handle || row.establishes)) {
+        if (row.kind == name) {
             return kindOf(row);
         }
     }

@@ -92,8 +92,6 @@ protected:
     /// The same for a request that cannot be rejected.
     template <class Request, class Server>
     void onRequest(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&));
-    /// A request that clients send and that is left unanswered.
-    template <class Request> void leaveUnanswered();
     /// The messages by which connections are established.
     template <class Request, class Confirm, class Reject> void onConnEstablish();
 
@@ -118,7 +116,7 @@ private:
         const google::protobuf::Message* reject = nullptr;  ///< null when there is none
         std::uint32_t rejectNumber = 0;
         bool establishes = false;
-        /// Empty when the request is left unanswered.
+        /// Empty for the one that establishes a connection.
         std::function<BrhAnswer(const BrhConnection&, const google::protobuf::Message&)> handle;
         Counters counters;
     };
@@ -186,11 +184,6 @@ BrhServer::Row& BrhServer::addRow(BrhAnswer (Server::*handler)(const BrhConnecti
         return (static_cast<Server*>(this)->*handler)(connection, static_cast<const Request&>(request));
     };
     return row;
-}
-
-template <class Request> void BrhServer::leaveUnanswered()
-{
-    addRow(Request::default_instance(), Request::MESSAGE_NUMBER);
 }
 
 template <class Request, class Confirm, class Reject> void BrhServer::onConnEstablish()

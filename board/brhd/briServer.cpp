@@ -40,14 +40,26 @@ BriServer::BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock
         &BriServer::handleUnregisterUtcTimeSourceReq);
     onRequest<bri::SetUtcTimeReq, bri::SetUtcTimeRej>(&BriServer::handleSetUtcTimeReq);
     onRequest<bri::SubscribeFaultsReq>(&BriServer::handleSubscribeFaultsReq);
-    leaveUnanswered<bri::GetProductInfoReq>();
-    leaveUnanswered<bri::GetContainerPidReq>();
+    onRequest<bri::GetProductInfoReq, bri::GetProductInfoRej>(&BriServer::handleGetProductInfoReq);
+    onRequest<bri::GetContainerPidReq, bri::GetContainerPidRej>(&BriServer::handleGetContainerPidReq);
 }
 
 BrhAnswer BriServer::handleGetCapabilitiesReq(const Connection& /*connection*/,
                                               const bri::GetCapabilitiesReq& /*req*/)
 {
     return confirmWith(builtInBriCapabilities());
+}
+
+BrhAnswer BriServer::handleGetProductInfoReq(const Connection& /*connection*/,
+                                             const bri::GetProductInfoReq& /*req*/)
+{
+    return confirmWith(builtInProduct());
+}
+
+BrhAnswer BriServer::handleGetContainerPidReq(const Connection& /*connection*/,
+                                              const bri::GetContainerPidReq& /*req*/)
+{
+    return confirmWith(builtInContainer());
 }
 
 BrhAnswer BriServer::handleRegisterUtcTimeSourceReq(const Connection& connection,

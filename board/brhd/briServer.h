@@ -1,4 +1,4 @@
-/// The BRI server of the reference board: capabilities, UTC time and faults.
+/// The BRI server of the reference board: capabilities, product and container data, UTC time and faults.
 #pragma once
 
 #include "boardClock.h"
@@ -9,9 +9,6 @@
 
 namespace merlow::board {
 
-/// Product data and container data are asked for by clients that cannot take an answer yet: a frame that a
-/// client does not know would pass on as if it came from a client of its own. These requests are counted and
-/// left unanswered.
 class BriServer : public BrhServer {
 public:
     BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox,
@@ -27,6 +24,10 @@ private:
 
     BrhAnswer handleGetCapabilitiesReq(const Connection& connection,
                                        const boardresourcehandler::bri::GetCapabilitiesReq& req);
+    BrhAnswer handleGetProductInfoReq(const Connection& connection,
+                                      const boardresourcehandler::bri::GetProductInfoReq& req);
+    BrhAnswer handleGetContainerPidReq(const Connection& connection,
+                                       const boardresourcehandler::bri::GetContainerPidReq& req);
     BrhAnswer handleRegisterUtcTimeSourceReq(const Connection& connection,
                                              const boardresourcehandler::bri::RegisterUtcTimeSourceReq& req);
     BrhAnswer

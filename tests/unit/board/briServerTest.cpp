@@ -146,17 +146,45 @@ TEST_F(BriServerTest, aDroppedAnswerComesFromAServedRequest)
     EXPECT_THAT(statusAt("/bri/timeSources"), SizeIs(1));
 }
 
-TEST_F(BriServerTest, someRequestsAreCountedAndLeftUnanswered)
+TEST_F(BriServerTest, tellsWhatTheUnitAndItsContainerAre)
 {
-    const std::pair<const char*, const char*> requests[] = {{"0170773c", "bri::GetProductInfoReq"},
-                                                            {"0170773f", "bri::GetContainerPidReq"}};
-    for (const auto& [number, kind] : requests) {
-        receive(briMailbox, client, std::string(number) + "00000002 00000001");
-        EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
-        EXPECT_THAT(m_outbox.takeAbnormal(), IsEmpty());
-        EXPECT_EQ(statusAt("/bri/received")[kind], 1);
-        EXPECT_EQ(plan("drop", kind).result, ControlAnswer::Result::usage);
-    }
+    std::string answer = ask("0170773c 00000005 00000001");
+    std::erase(answer, ' ');
+    EXPECT_EQ(answer, "0170773d"
+                      "00000005"
+                      "00000064"
+                      "0a083230323430313331" // "20240131"
+                      "12084d52552034343135" // "MRU 4415"
+                      "1a0b4d5243203434312035"
+                      "2f31"                                                       // "MRC 441 5/1"
+                      "2203523141"                                                 // "R1A"
+                      "2a064d65726c6f77"                                           // "Merlow"
+                      "320a4d303030303030303031"                                   // "M000000001"
+                      "3a1a4d65726c6f77205265666572656e636520556e69742034343135"); // "Merlow Reference ..."
+    answer = ask("0170773f 00000006 00000001");
+    std::erase(answer, ' ');
+    EXPECT_EQ(answer, "01707740"
+                      "00000006"
+                      "00000064"
+                      "0a083230323430313135"           // "20240115"
+                      "120d4d525520436162696e65742032" // "MRU Cabinet 2"
+                      "1a0b4d5242203230302032"
+                      "2f31"                       // "MRB 200 2/1"
+                      "2203523242"                 // "R2B"
+                      "2a064d65726c6f77"           // "Merlow"
+                      "320a43303030303030303031"); // "C000000001"
+}
+
+TEST_F(BriServerTest, productAndContainerDataAreRefusedAndDroppedOnDemand)
+{
+    plan("refuse", "bri::GetProductInfoReq");
+    EXPECT_EQ(ask("0170773c 00000005 00000001"), "0170773e 00000005 00000064");
+    plan("refuse", "bri::GetContainerPidReq");
+    EXPECT_EQ(ask("0170773f 00000005 00000001"), "01707741 00000005 00000064");
+    plan("drop", "bri::GetProductInfoReq");
+    receive(briMailbox, client, "0170773c 00000005 00000001");
+    EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
+    EXPECT_TRUE(ask("0170773c 00000005 00000001").starts_with("0170773d"));
 }
 
 TEST_F(BriServerTest, theOtherServersFramesAreUnknown)
