@@ -15,6 +15,9 @@ std::unique_ptr<Command> makeDisable();
 // faultCommands.cpp
 std::unique_ptr<Command> makeFaults();
 
+// pidCommands.cpp
+std::unique_ptr<Command> makePid();
+
 // timeCommands.cpp
 std::unique_ptr<Command> makeUtc();
 
