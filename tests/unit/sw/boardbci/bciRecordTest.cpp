@@ -1,4 +1,5 @@
 #include "bci/bciMmi.h"
+#include "bci/bciSoftware.h"
 #include "bci/bciState.h"
 #include "bci/bciTime.h"
 #include "coreFixture.h"
@@ -136,6 +137,50 @@ TEST_F(BciRecordTest, aReadRecordIsInHostOrder)
     const auto select = readSignal<TarnBcSelectMmiReqS>(*message("01658012 00000001 00000064 00000001"));
     ASSERT_TRUE(select);
     EXPECT_EQ(select->mmiMode, 1U);
+}
+
+TEST_F(BciRecordTest, theSignalsOfTheSoftwareStoreHaveTheirFieldsInPlace)
+{
+    auto acquired = answerTo<TarnBcAcquireResourceCfmS>({.clientRef = 1, .serverRef = 2});
+    acquired.resource = 0x0102;
+    EXPECT_EQ(wireOf(acquired), "01659801 00000001 00000002 01020000");
+    auto rej = answerTo<TarnBcReleaseResourceRejS>({.clientRef = 1, .serverRef = 2});
+    rej.resource = 0x0102;
+    rej.errorCode = 1;
+    rej.errorDescription[0] = 'A';
+    rej.errorDescription[109] = 'Z';
+    const std::string hex = wireOf(rej);
+    EXPECT_EQ(hex.substr(0, 54), "01659805 00000001 00000002 01020000 00010000 41000000 ");
+    EXPECT_EQ(hex.substr(hex.size() - 17), "00000000 005a0000");
+    EXPECT_EQ(hex.size(), 2 * 132U + 32);
+
+    auto ready = answerTo<TarnBcLmcInitCfmS>({.clientRef = 1, .serverRef = 2});
+    ready.loadStatus = TarnBcLmcInitCfmS::RUNNING;
+    EXPECT_EQ(wireOf(ready), "01658804 00000001 00000002 00020000");
+    auto ack = answerTo<TarnBcLmcDataAckS>({.clientRef = 1, .serverRef = 2});
+    ack.lmSeqNr = 0xABCD;
+    EXPECT_EQ(wireOf(ack), "01658807 00000001 00000002 abcd0000");
+    auto end = answerTo<TarnBcLmcEndCfmS>({.clientRef = 1, .serverRef = 2});
+    end.result = TarnBcLmcEndCfmS::FAILED;
+    EXPECT_EQ(wireOf(end), "01658809 00000001 00000002 00010000");
+    auto piece = answerTo<TarnBcSwCompListDataS>({.clientRef = 1, .serverRef = 2});
+    piece.end = 1;
+    piece.length = 0x0102;
+    EXPECT_EQ(wireOf(piece), "01658811 00000001 00000002 00000001 00000102");
+    auto running = answerTo<TarnBcGetRunningLmcCfmS>({.clientRef = 1, .serverRef = 2});
+    running.runningSoftware[0] = 'A';
+    running.runningSoftware[35] = 'Z';
+    EXPECT_EQ(wireOf(running), "01658814 00000001 00000002 41000000 00000000 00000000 00000000 00000000 "
+                               "00000000 00000000 00000000 0000005a");
+
+    const auto block =
+        readSignal<TarnBcLmcDataS>(*message("01658806 00000007 fffffffe abcd0000 00000003 010203"));
+    ASSERT_TRUE(block);
+    EXPECT_EQ(block->lmSeqNr, 0xABCD);
+    EXPECT_EQ(block->size, 3U);
+    const auto taken = readSignal<TarnBcSwCompListAckS>(*message("01658812 00000007 fffffffe 01020304"));
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(taken->abort, 0x01020304U);
 }
 
 TEST_F(BciRecordTest, whatFollowsTheRecordIsNotLookedAt)
