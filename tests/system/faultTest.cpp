@@ -158,8 +158,8 @@ TEST_F(FaultTest, aTemperatureFaultHidesAHardwareFaultAndGivesItBack)
 
 TEST_F(FaultTest, aLostFanHostComesAndGoes)
 {
-    fault({"raise", "EXTERNAL_FAN_HOST_DISCONNECTED", "--fan", "KFA 1", "--parent", "KRC 2"});
-    expectOneFault("active 0x0706 FAN_DISCONNECTED, case 0, \"Contact lost with unit (KRC 2) hosting the fan "
+    fault({"raise", "EXTERNAL_FAN_HOST_DISCONNECTED", "--fan", "KFA 1", "--parent", "QDA 2"});
+    expectOneFault("active 0x0706 FAN_DISCONNECTED, case 0, \"Contact lost with unit (QDA 2) hosting the fan "
                    "(KFA 1) and external alarm ports\"");
     fault({"cease", "EXTERNAL_FAN_HOST_DISCONNECTED"});
     expectFaults("no active faults\n");
@@ -169,7 +169,7 @@ TEST_F(FaultTest, aKilledBoardLosesNothingAndNothingCountsTwice)
 {
     fault({"raise", "EXTERNAL_FAN_DEGRADED", "--case", "1"});
     fault({"raise", "EXTERNAL_FAN_FAILED", "--case", "2"});
-    fault({"raise", "EXTERNAL_FAN_HOST_DISCONNECTED", "--parent", "KRC 2"});
+    fault({"raise", "EXTERNAL_FAN_HOST_DISCONNECTED", "--parent", "QDA 2"});
     const auto before = m_unit.boardctl({"fault", "list"}).out;
     for (int round = 0; round < 3; ++round) {
         m_unit.brhd().kill();

@@ -24,12 +24,12 @@ const std::string abcModule = "4d45524c4f574c4d" // MERLOWLM
                               "00000001"
                               "0000000000000003"
                               "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"
-                              "43585031322f330000000000000000000000000000000000000000" // CXP12/3
+                              "51585231322f330000000000000000000000000000000000000000" // QXR12/3
                               "00"
                               "52314100000000000000000000000000" // R1A
                               "616263";
 
-const SoftwareId abcId{"CXP12/3", "R1A"};
+const SoftwareId abcId{"QXR12/3", "R1A"};
 
 Header abcHeader()
 {
@@ -62,19 +62,19 @@ TEST(LoadModuleTest, theDigestIsTakenPieceByPiece)
 
 TEST(LoadModuleTest, identitiesHaveTwoPartsOfFewCharacters)
 {
-    EXPECT_EQ(softwareIdFrom("CXP12/3_R1A"), abcId);
-    EXPECT_EQ(toText(abcId), "CXP12/3_R1A");
+    EXPECT_EQ(softwareIdFrom("QXR12/3_R1A"), abcId);
+    EXPECT_EQ(toText(abcId), "QXR12/3_R1A");
     const std::string longest = std::string(19, 'A') + "_" + std::string(15, '1');
     EXPECT_TRUE(softwareIdFrom(longest)) << longest.size();
     EXPECT_TRUE(softwareIdFrom(std::string(27, 'A') + "_R123456"));
     for (const std::string& text :
-         {std::string(), std::string("_"), std::string("CXP"), std::string("CXP_"), std::string("_R1A"),
-          std::string("CXP_R1/A"), std::string("C P_R1A"), std::string("CXP%1_R1A"), std::string("CXP<_R1A"),
-          std::string("CXP_R_1"), std::string("CXP\0_R1A", 8), "A" + longest, std::string(28, 'A') + "_R1A",
+         {std::string(), std::string("_"), std::string("QXR"), std::string("QXR_"), std::string("_R1A"),
+          std::string("QXR_R1/A"), std::string("C P_R1A"), std::string("QXR%1_R1A"), std::string("QXR<_R1A"),
+          std::string("QXR_R_1"), std::string("QXR\0_R1A", 8), "A" + longest, std::string(28, 'A') + "_R1A",
           "A_" + std::string(16, '1')}) {
         EXPECT_FALSE(softwareIdFrom(text)) << text;
     }
-    EXPECT_THROW(encode({{"CXP 1", "R1A"}, 0, {}}), std::invalid_argument);
+    EXPECT_THROW(encode({{"QXR 1", "R1A"}, 0, {}}), std::invalid_argument);
 }
 
 struct BrokenModuleRow {
@@ -95,8 +95,8 @@ const BrokenModuleRow brokenModules[] = {
     {"lengthTooLarge", 12, 0xff, 99, "it ends after 3 of 18374686479671623683 bytes of content"},
     {"lengthTooSmall", 19, 2, 99, "it goes on after its 2 bytes of content"},
     {"digest", 51, 0xae, 99, "its SHA-256 is not that of its header"},
-    {"otherNumber", 58, '4', 99, "it is CXP12/4_R1A, not CXP12/3_R1A"},
-    {"otherRevision", 82, 'B', 99, "it is CXP12/3_R1B, not CXP12/3_R1A"},
+    {"otherNumber", 58, '4', 99, "it is QXR12/4_R1A, not QXR12/3_R1A"},
+    {"otherRevision", 82, 'B', 99, "it is QXR12/3_R1B, not QXR12/3_R1A"},
     {"emptyNumber", 52, 0, 99, "its header has no valid product number and revision"},
     {"behindTheNumber", 79, 'x', 99, "its header has no valid product number and revision"},
     {"endlessRevision", 95, 'x', 99, "its header has no valid product number and revision"},

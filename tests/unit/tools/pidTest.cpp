@@ -22,26 +22,26 @@ const PidCommandRow pidRows[] = {
      0x1658200,
      0x1658202,
      {0x1658201, references + "323032343031333100 eeeeee"
-                              "4b52552037001b5b00 00000000 eeeeee"
-                              "4b52432031313820303031 2f3200 eeeeeeeeeeeeeeeeeeeeee eeeeee"
+                              "4b51552037001b5b00 00000000 eeeeee"
+                              "5144412031313820303031 2f3200 eeeeeeeeeeeeeeeeeeeeee eeeeee"
                               "523242 00eeeeeeee"
                               "534e303030343200 eeeeeeeeeeee eeee"},
-     "product KRU 7, number KRC 118 001/2, revision R2B, serial number SN00042, produced 20240131\n",
-     R"("productName":"KRU 7","productNumber":"KRC 118 001/2","productRevision":"R2B",)"
+     "product KQU 7, number QDA 118 001/2, revision R2B, serial number SN00042, produced 20240131\n",
+     R"("productName":"KQU 7","productNumber":"QDA 118 001/2","productRevision":"R2B",)"
      R"("serialNumber":"SN00042","productionDate":"20240131"})"
      "\n"},
     {"market",
      0x1658206,
      0x1658208,
      {0x1658207, references + "323032343031333100 eeeeee"
-                              "4b5255203700 eeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeee eeeeee"
+                              "4b5155203700 eeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeee eeeeee"
                               "4f7574646f6f7200 eeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeeee eeeeee"
-                              "4b52432031313820303031 2f3200 eeeeeeeeeeeeeeeeeeeeee eeeeee"
+                              "5144412031313820303031 2f3200 eeeeeeeeeeeeeeeeeeeeee eeeeee"
                               "523242 00eeeeeeee"
                               "534e303030343200 eeeeeeeeeeee eeee"},
-     "product KRU 7, extended market name Outdoor, number KRC 118 001/2, revision R2B, serial number "
+     "product KQU 7, extended market name Outdoor, number QDA 118 001/2, revision R2B, serial number "
      "SN00042, produced 20240131\n",
-     R"("productName":"KRU 7","extendedMarketName":"Outdoor","productNumber":"KRC 118 001/2",)"
+     R"("productName":"KQU 7","extendedMarketName":"Outdoor","productNumber":"QDA 118 001/2",)"
      R"("productRevision":"R2B","serialNumber":"SN00042","productionDate":"20240131"})"
      "\n"},
     {"extended",
@@ -56,11 +56,11 @@ const PidCommandRow pidRows[] = {
      0x1658205,
      {0x1658204, references + "323032343031333100 eeeeee"
                               "434142203300 eeeeeeeeeeeeeeeeeeeeeeeeeeeeee eeeeee"
-                              "4b52432031313820303031 2f3200 eeeeeeeeeeeeeeeeeeeeee eeeeee"
+                              "5144412031313820303031 2f3200 eeeeeeeeeeeeeeeeeeeeee eeeeee"
                               "523242 00eeeeeeee"
                               "534e303030343200 eeeeeeeeeeee eeee"},
-     "container CAB 3, number KRC 118 001/2, revision R2B, serial number SN00042, produced 20240131\n",
-     R"("containerName":"CAB 3","productNumber":"KRC 118 001/2","productRevision":"R2B",)"
+     "container CAB 3, number QDA 118 001/2, revision R2B, serial number SN00042, produced 20240131\n",
+     R"("containerName":"CAB 3","productNumber":"QDA 118 001/2","productRevision":"R2B",)"
      R"("serialNumber":"SN00042","productionDate":"20240131"})"
      "\n"},
 };

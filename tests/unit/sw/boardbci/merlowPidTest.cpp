@@ -33,24 +33,24 @@ const PidService pidServices[] = {
     {"hwPid", "01658200", 0x1658200, "0170773c", 0x170773D, 0x170773E, "GetProductInfo",
      "01658201 00000007 0000012c"
      " 32303234 30313331 00000000"                                     // 12: "20240131"
-     " 4b525520 37000000 00000000 00000000"                            // 24: "KRU 7"
-     " 4b524320 31313820 3030312f 32000000 00000000 00000000 00000000" // 40: "KRC 118 001/2"
+     " 4b515520 37000000 00000000 00000000"                            // 24: "KQU 7"
+     " 51444120 31313820 3030312f 32000000 00000000 00000000 00000000" // 40: "QDA 118 001/2"
      " 52324200 00000000"                                              // 68: "R2B"
      " 534e3030 30343200 00000000 00000000",                           // 76: "SN00042"
      "01658202", "ABN: No BC session found for mailbox ID: 0x", ". Ignoring TARN_BC_GET_HW_PID_REQ."},
     {"marketName", "01658206", 0x1658206, "0170773c", 0x170773D, 0x170773E, "GetProductInfo",
      "01658207 00000007 0000012c"
      " 32303234 30313331 00000000"
-     " 4b525520 37000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000" // 24: "KRU 7"
-     " 4b525520 37204f75 74646f6f 72000000 00000000 00000000 00000000 00000000 00000000" // 60: "KRU 7
+     " 4b515520 37000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000" // 24: "KQU 7"
+     " 4b515520 37204f75 74646f6f 72000000 00000000 00000000 00000000 00000000 00000000" // 60: "KQU 7
                                                                                          // Outdoor"
-     " 4b524320 31313820 3030312f 32000000 00000000 00000000 00000000"                   // 96
+     " 51444120 31313820 3030312f 32000000 00000000 00000000 00000000"                   // 96
      " 52324200 00000000"                                                                // 124
      " 534e3030 30343200 00000000 00000000",                                             // 132
      "01658208", "ABN: Merlow has no session for mailbox 0x", ". Ignoring TARN_BC_GET_MARKET_NAME_PID_REQ."},
     {"extendedMarketName", "01658209", 0x1658209, "0170773c", 0x170773D, 0x170773E, "GetProductInfo",
      "0165820a 00000007 0000012c"
-     " 4b525520 37204f75 74646f6f 72000000 00000000 00000000 00000000 00000000 00000000"
+     " 4b515520 37204f75 74646f6f 72000000 00000000 00000000 00000000 00000000 00000000"
      " 00000000 00000000 00000000 00000000 00000000 00000000 00000000 00000000",
      "0165820b", "ABN: Merlow has no session for mailbox 0x",
      ". Ignoring TARN_BC_GET_EXTENDED_MARKET_NAME_REQ."},
@@ -58,7 +58,7 @@ const PidService pidServices[] = {
      "01658204 00000007 0000012c"
      " 32303234 30313331 00000000"
      " 43414220 33000000 00000000 00000000 00000000 00000000"          // 24: "CAB 3"
-     " 4b524320 31313820 3030312f 32000000 00000000 00000000 00000000" // 48
+     " 51444120 31313820 3030312f 32000000 00000000 00000000 00000000" // 48
      " 52324200 00000000"                                              // 76
      " 534e3030 30343200 00000000 00000000",                           // 84
      "01658205", "ABN: Merlow has no session for mailbox 0x", ". Ignoring TARN_BC_GET_CONTAINER_PID_REQ."},
@@ -68,12 +68,12 @@ bri::GetProductInfoCfm wholeProduct()
 {
     bri::GetProductInfoCfm cfm;
     cfm.set_production_date("20240131");
-    cfm.set_product_name("KRU 7");
-    cfm.set_product_number("KRC 118 001/2");
+    cfm.set_product_name("KQU 7");
+    cfm.set_product_number("QDA 118 001/2");
     cfm.set_product_revision("R2B");
     cfm.set_manufacturer("nobody is told");
     cfm.set_serial_number("SN00042");
-    cfm.set_extended_market_name("KRU 7 Outdoor");
+    cfm.set_extended_market_name("KQU 7 Outdoor");
     return cfm;
 }
 
@@ -82,7 +82,7 @@ bri::GetContainerPidCfm wholeContainer()
     bri::GetContainerPidCfm cfm;
     cfm.set_production_date("20240131");
     cfm.set_container_name("CAB 3");
-    cfm.set_product_number("KRC 118 001/2");
+    cfm.set_product_number("QDA 118 001/2");
     cfm.set_product_revision("R2B");
     cfm.set_manufacturer("nobody is told");
     cfm.set_serial_number("SN00042");
@@ -90,9 +90,9 @@ bri::GetContainerPidCfm wholeContainer()
 }
 
 /// Both caches as the whole answers leave them.
-const ProductInfo wholeProductInfo{"20240131", "KRU 7", "KRC 118 001/2", "R2B", "SN00042", "KRU 7 Outdoor",
+const ProductInfo wholeProductInfo{"20240131", "KQU 7", "QDA 118 001/2", "R2B", "SN00042", "KQU 7 Outdoor",
                                    true,       true};
-const ContainerInfo wholeContainerInfo{"20240131", "CAB 3", "KRC 118 001/2", "R2B", "SN00042", true};
+const ContainerInfo wholeContainerInfo{"20240131", "CAB 3", "QDA 118 001/2", "R2B", "SN00042", true};
 
 std::string hexMailbox(mnet_mbox_id_t mailbox)
 {
@@ -431,7 +431,7 @@ TEST_F(MerlowPidTest, withoutTheSeventhFieldTheMarketNamesAskAgain)
     cfm.clear_extended_market_name();
     tell(wholeProduct());
     tell(cfm);
-    EXPECT_EQ(product().extendedMarketName, "KRU 7 Outdoor") << "the older text stays";
+    EXPECT_EQ(product().extendedMarketName, "KQU 7 Outdoor") << "the older text stays";
     EXPECT_FALSE(product().hasExtendedMarketName);
 
     const auto client = m_board.connectClient();
@@ -449,12 +449,12 @@ TEST_F(MerlowPidTest, withoutTheSeventhFieldTheMarketNamesAskAgain)
 TEST_F(MerlowPidTest, withTheSeventhFieldAloneTheExtendedNameIsServed)
 {
     bri::GetProductInfoCfm cfm;
-    cfm.set_extended_market_name("KRU 7 Outdoor");
+    cfm.set_extended_market_name("KQU 7 Outdoor");
     const auto client = m_board.connectClient();
     EXPECT_EQ(ask(client, "01658209"), "");
     m_board.bri().answer(m_board.bri().expect<bri::GetProductInfoReq>(), cfm);
     EXPECT_EQ(client.receivedHex(), pidServices[2].confirm);
-    EXPECT_EQ(product(), (ProductInfo{"", "", "", "", "", "KRU 7 Outdoor", false, true}));
+    EXPECT_EQ(product(), (ProductInfo{"", "", "", "", "", "KQU 7 Outdoor", false, true}));
     EXPECT_EQ(ask(client, "01658200"), "") << "asks BRI";
     m_board.bri().expect<bri::GetProductInfoReq>();
     EXPECT_EQ(ask(client, "01658206"), "") << "asks BRI";

@@ -347,7 +347,7 @@ struct RequestRow {
 
 const std::vector<RequestRow>& requestRows()
 {
-    static const std::string software = "CXP1_R2";
+    static const std::string software = "QXR1_R2";
     static const std::vector<RequestRow> rows = {
         {"getCapabilities", [](SWMClient& c) { return c.getCapabilitiesReq(0x01020304); },
          "00000004 01020304"},
@@ -357,24 +357,24 @@ const std::vector<RequestRow>& requestRows()
          "0000000b 00000009 0805"},
         {"releaseTicketZero", [](SWMClient& c) { return c.releaseResourceReq(9, 0); },
          "0000000b 00000009 0800"},
-        {"pushLoadInitPointer", [](SWMClient& c) { return c.pushLoadInitReq(9, 5, "CXP1_R2"); },
-         "0000000e 00000009 0805120743585031 5f5232"},
+        {"pushLoadInitPointer", [](SWMClient& c) { return c.pushLoadInitReq(9, 5, "QXR1_R2"); },
+         "0000000e 00000009 0805120751585231 5f5232"},
         {"pushLoadInitNull", [](SWMClient& c) { return c.pushLoadInitReq(9, 5, nullptr); },
          "0000000e 00000009 0805"},
         {"pushLoadInitEmpty", [](SWMClient& c) { return c.pushLoadInitReq(9, 5, ""); },
          "0000000e 00000009 08051200"},
         {"pushLoadInitString", [](SWMClient& c) { return c.pushLoadInitReq(9, 5, software); },
-         "0000000e 00000009 08051207435850315f5232"},
+         "0000000e 00000009 08051207515852315f5232"},
         {"pushLoadData", [](SWMClient& c) { return c.pushLoadData(9, 5, 65535, "\x01\x02\xff", 3); },
          "00000011 00000009 080512030102ff18ffff03"},
         {"pushLoadDataEmpty", [](SWMClient& c) { return c.pushLoadData(9, 5, 0, nullptr, 0); },
          "00000011 00000009 080512001800"},
         {"pushLoadEnd", [](SWMClient& c) { return c.pushLoadEndReq(9, 5); }, "00000013 00000009 0805"},
-        {"deletePointer", [](SWMClient& c) { return c.deleteReq(9, 5, "CXP1_R2"); },
-         "0000001d 00000009 08051207435850315f5232"},
+        {"deletePointer", [](SWMClient& c) { return c.deleteReq(9, 5, "QXR1_R2"); },
+         "0000001d 00000009 08051207515852315f5232"},
         {"deleteNull", [](SWMClient& c) { return c.deleteReq(9, 5, nullptr); }, "0000001d 00000009 0805"},
         {"deleteString", [](SWMClient& c) { return c.deleteReq(9, 5, software); },
-         "0000001d 00000009 08051207435850315f5232"},
+         "0000001d 00000009 08051207515852315f5232"},
         {"getSwProductInv", [](SWMClient& c) { return c.getSwProductInvReq(9, 0xFFFFFFFF); },
          "00000020 00000009 08ffffffff0f"},
         {"swCompList", [](SWMClient& c) { return c.swCompListReq(9, 5); }, "00000023 00000009 0805"},
