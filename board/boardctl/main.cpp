@@ -138,6 +138,9 @@ void addCommands(CLI::App& app, Options& options)
 
     addFault(app, options);
 
+    CLI::App* describe = app.add_subcommand("describe", "Print the board description that is in force");
+    describe->add_flag("--json", options.json, "As one JSON object, in the form of the file");
+
     CLI::App* clear = app.add_subcommand("clear", "Undo all plans and answers");
     addTarget(*clear, options);
 }
@@ -205,6 +208,9 @@ Order orderOf(const CLI::App& command, const Options& options)
                  {"number", options.number},
                  {"fields", options.fields}}};
     }
+    if (name == "describe") {
+        return {{brhd}, {{"command", "describe"}}};
+    }
     if (name == "refuse" || name == "delay" || name == "drop") {
         return planOf(command, options);
     }
@@ -232,6 +238,8 @@ int report(const Target& target, const Reply& reply, const std::string& command)
                                                      : legacydStatusText(answer.data));
     } else if (command == "kinds") {
         std::cout << kindsText(answer.data);
+    } else if (command == "describe") {
+        std::cout << descriptionText(answer.text, answer.data);
     } else if (command == "fault" && answer.data.is_array()) {
         std::cout << faultsText(answer.data);
     } else {

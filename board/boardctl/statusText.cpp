@@ -106,6 +106,30 @@ void writeFrames(std::ostream& out, const json& server)
         << " with a wrong reference\n";
 }
 
+/// "lower -330, upper 550" for an object, "1, 2" for a list of numbers, "-" for nothing.
+std::string valueText(const json& value)
+{
+    std::string text;
+    const char* separator = value.is_array() && !value.empty() && value.front().is_object() ? "; " : ", ";
+    if (value.is_object() || value.is_array()) {
+        for (const auto& [key, inner] : value.items()) {
+            text += (text.empty() ? "" : separator) + (value.is_object() ? key + " " : "") + valueText(inner);
+        }
+        return text.empty() ? "none" : text;
+    }
+    if (value.is_null()) {
+        return "-";
+    }
+    return value.is_string() ? value.get<std::string>() : value.dump();
+}
+
+void writeKey(std::ostream& out, const std::string& key, const json& value)
+{
+    constexpr std::size_t keyWidth = 30;
+    writePadded(out, "  " + key, keyWidth, false);
+    out << " " << valueText(value) << "\n";
+}
+
 void writeFault(std::ostream& out, const json& fault)
 {
     out << textOf(fault, "name") << " (" << textOf(fault, "id") << "), case " << textOf(fault, "case");
@@ -209,6 +233,22 @@ std::string faultsText(const json& faults)
         writeFault(out, fault);
     }
     return faults.empty() ? "no active faults\n" : out.str();
+}
+
+std::string descriptionText(const std::string& origin, const json& description)
+{
+    std::ostringstream out;
+    out << origin << "\n";
+    for (const auto& [key, value] : description.items()) {
+        if (!value.is_object()) {
+            writeKey(out, key, value);
+            continue;
+        }
+        for (const auto& [member, inner] : value.items()) {
+            writeKey(out, key + "." + member, inner);
+        }
+    }
+    return out.str();
 }
 
 std::string kindsText(const json& kinds)

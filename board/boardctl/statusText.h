@@ -14,6 +14,9 @@ std::string legacydStatusText(const nlohmann::json& status);
 /// The board's active faults, one a line.
 std::string faultsText(const nlohmann::json& faults);
 
+/// A board description in the form of its file: one key a line. `origin` says where it came from.
+std::string descriptionText(const std::string& origin, const nlohmann::json& description);
+
 /// The kinds that a neighbour answers, one a line.
 std::string kindsText(const nlohmann::json& kinds);
 

@@ -6,8 +6,10 @@ namespace merlow::board {
 
 namespace bmmi = boardresourcehandler::bmmi;
 
-BmmiServer::BmmiServer(BrhServerConfig config, Outbox& outbox, AnswerPlans& plans)
-    : BrhServer("bmmi::", bmmi::ServerMetadata().name(), std::move(config), outbox, plans)
+BmmiServer::BmmiServer(BrhServerConfig config, const BmmiDescription& description, Outbox& outbox,
+                       AnswerPlans& plans)
+    : BrhServer("bmmi::", bmmi::ServerMetadata().name(), std::move(config), outbox, plans),
+      m_description(description)
 {
     onConnEstablish<bmmi::ConnEstablishReq, bmmi::ConnEstablishCfm, bmmi::ConnEstablishRej>();
     onRequest<bmmi::GetCapabilitiesReq, bmmi::GetCapabilitiesRej>(&BmmiServer::handleGetCapabilitiesReq);
@@ -20,9 +22,15 @@ BrhAnswer BmmiServer::handleGetCapabilitiesReq(const Connection& /*connection*/,
                                                const bmmi::GetCapabilitiesReq& /*req*/)
 {
     bmmi::GetCapabilitiesCfm cfm;
-    cfm.mutable_cap_support_unit_fault_indicator();
-    cfm.mutable_cap_here_i_am_support();
-    cfm.mutable_cap_common_mmi();
+    if (m_description.supportUnitFaultIndicator) {
+        cfm.mutable_cap_support_unit_fault_indicator();
+    }
+    if (m_description.hereIAm) {
+        cfm.mutable_cap_here_i_am_support();
+    }
+    if (m_description.commonMmi) {
+        cfm.mutable_cap_common_mmi();
+    }
     return confirmWith(std::move(cfm));
 }
 

@@ -1,6 +1,7 @@
 /// The BMMI server of the reference board: capabilities and MMI users.
 #pragma once
 
+#include "boardDescription.h"
 #include "brhServer.h"
 #include "refTable.h"
 
@@ -10,7 +11,8 @@ namespace merlow::board {
 
 class BmmiServer : public BrhServer {
 public:
-    BmmiServer(BrhServerConfig config, Outbox& outbox, AnswerPlans& plans);
+    BmmiServer(BrhServerConfig config, const BmmiDescription& description, Outbox& outbox,
+               AnswerPlans& plans);
 
     nlohmann::json status() const override;
 
@@ -27,6 +29,7 @@ private:
 
     void connectionEnded(const Connection& connection) override;
 
+    const BmmiDescription m_description;
     RefTable<Priority> m_users; ///< by user id
 };
 

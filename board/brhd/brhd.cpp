@@ -7,8 +7,9 @@ namespace merlow::board {
 using Result = ControlAnswer::Result;
 
 Brhd::Brhd(Config config, BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox)
-    : m_outbox(outbox), m_bri(std::move(config.bri), std::move(systemClock), store, outbox, m_plans),
-      m_bmmi(std::move(config.bmmi), outbox, m_plans)
+    : m_board(std::move(config.board)), m_outbox(outbox),
+      m_bri(std::move(config.bri), m_board.description, std::move(systemClock), store, outbox, m_plans),
+      m_bmmi(std::move(config.bmmi), m_board.description.bmmi, outbox, m_plans)
 {
 }
 
@@ -102,10 +103,18 @@ ControlAnswer Brhd::clear()
     return {Result::done, "brhd cleared " + countOf(m_plans.clear(), "plan"), {}};
 }
 
+ControlAnswer Brhd::describe() const
+{
+    return {Result::done, m_board.origin(), toJson(m_board.description)};
+}
+
 ControlAnswer Brhd::control(const std::string& command, const nlohmann::json& request)
 {
     if (command == "fault") {
         return m_bri.faults().control(request);
+    }
+    if (command == "describe") {
+        return describe();
     }
     return {Result::usage, "brhd has no command \"" + command + "\"", {}};
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "bmmiServer.h"
+#include "boardDescription.h"
 #include "briServer.h"
 #include "service.h"
 
@@ -12,6 +13,7 @@ public:
     struct Config {
         BrhServerConfig bri;
         BrhServerConfig bmmi;
+        LoadedBoard board{};
     };
 
     /// `store` is where the board's faults outlive the process.
@@ -35,8 +37,10 @@ public:
     ControlAnswer control(const std::string& command, const nlohmann::json& request) override;
 
 private:
+    ControlAnswer describe() const;
     BrhServer* serverNamed(const std::string& name);
 
+    const LoadedBoard m_board;
     Outbox& m_outbox;
     AnswerPlans m_plans;
     BriServer m_bri;

@@ -1,6 +1,6 @@
 #include "briServer.h"
 
-#include "boardDescription.h"
+#include "briDescription.h"
 
 #include <utility>
 
@@ -21,9 +21,10 @@ std::optional<TimeAccuracy> accuracyOf(const bri::RegisterUtcTimeSourceReq& req)
 
 } // namespace
 
-BriServer::BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock, StateStore& store,
-                     Outbox& outbox, AnswerPlans& plans)
-    : BrhServer("bri::", bri::BriServerMetadata().name(), std::move(config), outbox, plans),
+BriServer::BriServer(BrhServerConfig config, const BoardDescription& board,
+                     BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox,
+                     AnswerPlans& plans)
+    : BrhServer("bri::", bri::BriServerMetadata().name(), std::move(config), outbox, plans), m_board(board),
       m_clock(std::move(systemClock)),
       m_faults(store, outbox,
                [this](const Connection& connection, std::uint32_t procedureRef, std::uint32_t number,
@@ -47,19 +48,19 @@ BriServer::BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock
 BrhAnswer BriServer::handleGetCapabilitiesReq(const Connection& /*connection*/,
                                               const bri::GetCapabilitiesReq& /*req*/)
 {
-    return confirmWith(builtInBriCapabilities());
+    return confirmWith(briCapabilitiesOf(m_board));
 }
 
 BrhAnswer BriServer::handleGetProductInfoReq(const Connection& /*connection*/,
                                              const bri::GetProductInfoReq& /*req*/)
 {
-    return confirmWith(builtInProduct());
+    return confirmWith(productOf(m_board.product));
 }
 
 BrhAnswer BriServer::handleGetContainerPidReq(const Connection& /*connection*/,
                                               const bri::GetContainerPidReq& /*req*/)
 {
-    return confirmWith(builtInContainer());
+    return confirmWith(containerOf(m_board.container));
 }
 
 BrhAnswer BriServer::handleRegisterUtcTimeSourceReq(const Connection& connection,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "boardClock.h"
+#include "boardDescription.h"
 #include "boardFaults.h"
 #include "brhServer.h"
 
@@ -11,8 +12,9 @@ namespace merlow::board {
 
 class BriServer : public BrhServer {
 public:
-    BriServer(BrhServerConfig config, BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox,
-              AnswerPlans& plans);
+    /// `board` lives longer.
+    BriServer(BrhServerConfig config, const BoardDescription& board, BoardClock::SystemClock systemClock,
+              StateStore& store, Outbox& outbox, AnswerPlans& plans);
 
     BoardFaults& faults() { return m_faults; }
     void clientGone(MailboxId mailbox) override;
@@ -40,6 +42,7 @@ private:
 
     void connectionEnded(const Connection& connection) override;
 
+    const BoardDescription& m_board;
     BoardClock m_clock;
     BoardFaults m_faults;
 };

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <limits>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -39,10 +40,11 @@ void addOptions(CLI::App& app, Options& options)
         ->capture_default_str();
 }
 
-merlow::board::Brhd::Config configOf(const Options& options)
+merlow::board::Brhd::Config configOf(const Options& options, merlow::board::LoadedBoard board)
 {
     return {{{options.briRevisions.begin(), options.briRevisions.end()}, options.maxConnections},
-            {{options.bmmiRevisions.begin(), options.bmmiRevisions.end()}, options.maxConnections}};
+            {{options.bmmiRevisions.begin(), options.bmmiRevisions.end()}, options.maxConnections},
+            std::move(board)};
 }
 
 } // namespace
@@ -58,8 +60,12 @@ int main(int argc, char** argv)
         return *status;
     }
     merlow::base::useRunDir(options.runDir);
+    auto board = merlow::board::loadBoardDescription();
+    if (!board.error.empty()) {
+        return merlow::board::failToStart("brhd", board.error);
+    }
     merlow::board::Host host;
     merlow::board::StateFile store("brhd.state");
-    merlow::board::Brhd brhd(configOf(options), systemTime, store, host);
+    merlow::board::Brhd brhd(configOf(options, std::move(board)), systemTime, store, host);
     return host.run(brhd);
 }

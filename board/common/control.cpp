@@ -21,15 +21,6 @@ constexpr std::array<std::pair<Result, const char*>, 4> resultNames{{
     {Result::notFound, "notFound"},
 }};
 
-std::string listOf(const std::vector<std::string>& names)
-{
-    std::string list;
-    for (const std::string& name : names) {
-        list += (list.empty() ? "" : ", ") + name;
-    }
-    return list;
-}
-
 /// What is wrong with a plan for `kind`, or nothing.
 std::optional<ControlAnswer> objectionTo(const AnswerPlan& plan, const AnswerKind& kind)
 {
@@ -51,7 +42,7 @@ std::optional<ControlAnswer> objectionTo(const AnswerPlan& plan, const AnswerKin
     }
     return ControlAnswer{Result::usage,
                          "\"" + plan.cause + "\" is no cause of " + kind.name + "; it has " +
-                             listOf(kind.causes),
+                             commaList(kind.causes),
                          {}};
 }
 

@@ -55,6 +55,13 @@ std::string listOf(const std::vector<std::string>& names)
 
 } // namespace
 
+int failToStart(const std::string& program, const std::string& text)
+{
+    std::cerr << program << ": " << text << std::endl;
+    rushlog_log(logCategory, (program + " " + text).c_str());
+    return 1;
+}
+
 Host::Host()
 {
     const sigset_t signals = endingSignals();
@@ -134,9 +141,7 @@ bool Host::openDescriptors()
 
 void Host::fail(const std::string& text)
 {
-    m_exitStatus = 1;
-    std::cerr << m_service->name() << ": " << text << std::endl;
-    rushlog_log(logCategory, (m_service->name() + " " + text).c_str());
+    m_exitStatus = failToStart(m_service->name(), text);
 }
 
 /// One message for each wake-up: a second look at the queue would cost more than the loop's own.

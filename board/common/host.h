@@ -18,6 +18,9 @@ struct FreeMessage {
 };
 using MessagePtr = std::unique_ptr<mnet_msg, FreeMessage>;
 
+/// Tells on stderr and in the remote log why `program` cannot work. Gives its exit status, 1.
+int failToStart(const std::string& program, const std::string& text);
+
 /// Runs a service on the calling thread until SIGTERM or SIGINT.
 ///
 /// The control mailbox is the first and stays to the end, so that it is the thread's own one, to which the

@@ -91,6 +91,15 @@ std::string countOf(std::size_t count, const char* noun)
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
+std::string commaList(const std::vector<std::string>& names)
+{
+    std::string list;
+    for (const std::string& name : names) {
+        list += (list.empty() ? "" : ", ") + name;
+    }
+    return list;
+}
+
 std::string hex(std::uint32_t value)
 {
     char digits[8];

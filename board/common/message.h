@@ -40,6 +40,9 @@ void putText(Bytes& bytes, const std::string& text, std::size_t size);
 /// "1 plan", "2 plans".
 std::string countOf(std::size_t count, const char* noun);
 
+/// "a, b, c".
+std::string commaList(const std::vector<std::string>& names);
+
 /// "0x" and the number in small hexadecimal digits.
 std::string hex(std::uint32_t value);
 

@@ -73,5 +73,24 @@ TEST_F(BmmiServerTest, whatAConnectionHeldEndsWithIt)
     EXPECT_THAT(statusAt("/bmmi/users"), IsEmpty());
 }
 
+class BareBmmiTest : public BrhdTest {
+protected:
+    static Brhd::Config bare()
+    {
+        Brhd::Config config;
+        config.board.description.bmmi = {false, true, false};
+        return config;
+    }
+
+    BareBmmiTest() : BrhdTest(bare()) {}
+};
+
+TEST_F(BareBmmiTest, announcesWhatItsDescriptionSays)
+{
+    receive(bmmiMailbox, client, "01707570 00000064 00000064 0801");
+    m_outbox.takeSent();
+    EXPECT_EQ(ask(bmmiMailbox, "0170757d 00000005 00000001"), "0170757e 00000005 00000064 1200");
+}
+
 } // namespace
 } // namespace merlow::board::test

@@ -3,6 +3,7 @@
 #include "process.h"
 
 #include <csignal>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -14,6 +15,7 @@ namespace {
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::StartsWith;
 
 class BoardProcessTest : public testing::Test {
 protected:
@@ -105,6 +107,45 @@ TEST_F(BoardProcessTest, limitsThatAreNoneAreWrongUsage)
         EXPECT_EQ(outcome.status, 2) << option;
         EXPECT_NE(outcome.err.find(std::string(option).substr(0, 8)), std::string::npos) << outcome.err;
     }
+}
+
+TEST_F(BoardProcessTest, theBoardIsWhatItsFileSays)
+{
+    const std::string file = m_dir.path() + "/board.json";
+    m_environment["MERLOW_BOARD_FILE"] = file;
+    std::ofstream(file) << R"({"capabilities": [3], "bri": {"capabilities": ["HW_LOG"], "hotspots": [],
+        "temperatureRanges": []}, "restart": {"ranks": [2]}, "product": {"name": "KPX 7"}})";
+    startBrhd();
+    Client client(mnet_create_mailbox("client", 0));
+    ask(client, m_bri, 0x170772D, "00000064 00000064 0801", 0x170772E);
+    EXPECT_EQ(ask(client, m_bri, 0x1707730, "00000005 00000001", 0x1707731), "000000050000006408012002");
+
+    const auto described = boardctl({"describe"});
+    EXPECT_EQ(described.status, 0);
+    EXPECT_THAT(described.out, StartsWith("the board description in " + file + "\n"));
+    EXPECT_THAT(described.out, HasSubstr("\n  product.name                 KPX 7\n"));
+    const auto json = boardctl({"describe", "--json"});
+    EXPECT_EQ(nlohmann::json::parse(json.out)["bri"]["capabilities"], nlohmann::json({"HW_LOG"}));
+    // What it prints is a file that describes the same board.
+    std::ofstream(file) << json.out;
+    m_brhd->signal(SIGTERM);
+    EXPECT_EQ(m_brhd->wait(), 0);
+    startBrhd();
+    EXPECT_EQ(boardctl({"describe", "--json"}).out, json.out);
+}
+
+TEST_F(BoardProcessTest, aDescriptionWithAMistakeStopsTheStart)
+{
+    const std::string file = m_dir.path() + "/board.json";
+    m_environment["MERLOW_BOARD_FILE"] = file;
+    const auto missing = runProgram("brhd", {}, m_environment);
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err, "brhd: " + file + ": No such file or directory\n");
+    std::ofstream(file) << "{\"capabilities\": [3],\n \"restart\": {\"noticeMs\": -1}}";
+    const auto wrong = runProgram("brhd", {}, m_environment);
+    EXPECT_EQ(wrong.status, 1);
+    EXPECT_EQ(wrong.err,
+              "brhd: " + file + ":2: restart.noticeMs: must be a whole number from 0 to 600000, not -1\n");
 }
 
 TEST_F(BoardProcessTest, aSecondOneFailsAtOnce)

@@ -1,4 +1,6 @@
 #include "brhdTest.h"
+#include "brhFrame.h"
+#include "briDescription.h"
 
 namespace merlow::board::test {
 namespace {
@@ -36,6 +38,51 @@ TEST_F(BriServerTest, announcesAllThatTheBoardHas)
                       "1a07080010d206181e"                   // hot spots 0 at 850, 30
                       "1a07080110b607181e"                   // and 1 at 950, 30
                       "201f");                               // restart ranks
+}
+
+TEST(BriDescriptionTest, namesTheCapabilitiesAsTheSchemaDoes)
+{
+    using Announced = boardresourcehandler::bri::GetCapabilitiesCfm;
+    for (std::size_t value = 0; value < briCapabilityNames.size(); ++value) {
+        EXPECT_EQ(briCapabilityNames[value],
+                  Announced::CapabilityType_Name(static_cast<Announced::CapabilityType>(value)));
+    }
+    EXPECT_EQ(briCapabilityNames.size(), 13u);
+}
+
+struct AnnouncedRow {
+    std::vector<std::uint32_t> capabilities;
+    std::vector<std::uint32_t> ranks;
+    std::string body;
+};
+
+class BriAnnouncementTest : public testing::TestWithParam<AnnouncedRow> {};
+
+TEST_P(BriAnnouncementTest, followsTheDescription)
+{
+    BoardDescription board;
+    board.bri = {GetParam().capabilities, {{-1, 2, 3}}, {}};
+    board.restart.ranks = GetParam().ranks;
+    EXPECT_EQ(textOf(encodeFrame(0x1707731, 5, 0x64, briCapabilitiesOf(board))),
+              textOf(messageFrom("01707731 00000005 00000064" + GetParam().body)));
+}
+
+const std::string theRange = "120f08ffffffffffffffffff0110021803"; // -1 to 2, 3
+
+INSTANTIATE_TEST_SUITE_P(Boards, BriAnnouncementTest,
+                         testing::Values(AnnouncedRow{{12, 0}, {1}, "080c0800" + theRange + "2001"},
+                                         AnnouncedRow{{}, {2, 3}, theRange + "2006"},
+                                         AnnouncedRow{{}, {4}, theRange + "2010"},
+                                         AnnouncedRow{{}, {5}, theRange + "2008"},
+                                         AnnouncedRow{{}, {}, theRange + "2000"}));
+
+TEST(BriDescriptionTest, whatTheBoardDoesNotTellIsAbsent)
+{
+    const ProductData product{"d", std::nullopt, "", "r", std::nullopt, "s", std::nullopt};
+    EXPECT_EQ(textOf(encodeFrame(0x170773D, 5, 0x64, productOf(product))),
+              textOf(messageFrom("0170773d 00000005 00000064 0a0164 1a00 220172 320173")));
+    EXPECT_EQ(textOf(encodeFrame(0x1707740, 5, 0x64, containerOf({{}, "n", {}, {}, "m", {}}))),
+              textOf(messageFrom("01707740 00000005 00000064 12016e 2a016d")));
 }
 
 TEST_F(BriServerTest, everySourceHasItsOwnReference)

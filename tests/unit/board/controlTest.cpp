@@ -155,6 +155,14 @@ TEST_F(ControlTest, plansThatCannotBeAreRefused)
     EXPECT_EQ(plan("drop", "bri::SetUtcTimeReq").result, Result::refused);
 }
 
+TEST_F(ControlTest, theDescriptionInForceIsTold)
+{
+    const auto answer = control({{"command", "describe"}});
+    EXPECT_EQ(answer.result, Result::done);
+    EXPECT_EQ(answer.text, "the built-in board description");
+    EXPECT_EQ(answer.data, toJson(BoardDescription()));
+}
+
 TEST_F(ControlTest, requestsThatMakeNoSenseAreUsage)
 {
     for (const nlohmann::json& request : {nlohmann::json::object(),

@@ -87,5 +87,25 @@ TEST_F(StatusTextTest, kindsShowWhatTheyCarry)
     EXPECT_THAT(text, HasSubstr("bmmi::RegisterMmiUserReq: delay, drop, refuse\n"));
 }
 
+TEST_F(StatusTextTest, aDescriptionHasALineForEachKey)
+{
+    const nlohmann::json description{{"capabilityText", "MERLOW"},
+                                     {"product", {{"name", "MRU"}, {"number", nullptr}}},
+                                     {"bri",
+                                      {{"hotspots", {{{"sensor", 0}, {"threshold", 850}}, {{"sensor", 1}}}},
+                                       {"capabilities", nlohmann::json::array()}}},
+                                     {"restart", {{"ranks", {1, 2}}}},
+                                     {"store", {{"preinstalled", {{"number", "A/1"}, {"revision", "R1"}}}}}};
+    EXPECT_EQ(descriptionText("the board description in b.json", description),
+              "the board description in b.json\n"
+              "  bri.capabilities             none\n"
+              "  bri.hotspots                 sensor 0, threshold 850; sensor 1\n"
+              "  capabilityText               MERLOW\n"
+              "  product.name                 MRU\n"
+              "  product.number               -\n"
+              "  restart.ranks                1, 2\n"
+              "  store.preinstalled           number A/1, revision R1\n");
+}
+
 } // namespace
 } // namespace merlow::board::test
