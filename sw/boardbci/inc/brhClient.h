@@ -123,6 +123,9 @@ public:
     /// The client's session has gone. Its open transactions stay, so that late answers find them, but of all
     /// such transactions only the youngest `maxAbandonedTransactions` are kept.
     void abandonTransactions(std::uint32_t clientMbox);
+    /// A single transaction that no session stands behind, or that an answer without meaning has left open:
+    /// counted among those of lost sessions.
+    void abandonTransaction(unsigned int procedureRef);
     [[nodiscard]] std::size_t getNumTransactions() const { return m_transactions.size(); }
 
     /// The numbers that this object handles itself before it calls the component's handler.
@@ -202,6 +205,8 @@ private:
         }
     }
     void disconnect();
+    void markAbandoned(std::uint32_t procedureRef);
+    void capAbandonedTransactions();
 
     unsigned int sendConnected(const google::protobuf::Message& message, std::uint32_t msgNo,
                                unsigned int procedureRef);
@@ -227,7 +232,7 @@ private:
     std::map<std::uint32_t, ProcedureTransaction> m_transactions;
     bool m_capabilitiesReceived{false};
 
-    // Transactions whose session has gone: by age, the oldest first, and each one's age.
+    // Abandoned transactions: by age, the oldest first, and each one's age.
     std::map<std::uint64_t, std::uint32_t> m_abandoned;
     std::map<std::uint32_t, std::uint64_t> m_abandonedAges;
     std::uint64_t m_nextAbandonedAge{0};

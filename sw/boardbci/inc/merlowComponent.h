@@ -60,6 +60,13 @@ protected:
         client.addHandler(&MnetMessageSubscriptionCustom::getInstance(), M::MESSAGE_NUMBER,
                           [self, handler](const std::shared_ptr<mnet_msg>& msg) { (self->*handler)(msg); });
     }
+    template <class M, class C>
+    void onFrame(BrhClient& client, void (C::*handler)(const std::shared_ptr<mnet_msg>&) const)
+    {
+        const auto* self = static_cast<const C*>(this);
+        client.addHandler(&MnetMessageSubscriptionCustom::getInstance(), M::MESSAGE_NUMBER,
+                          [self, handler](const std::shared_ptr<mnet_msg>& msg) { (self->*handler)(msg); });
+    }
 
     /// Sends the record, given in host order, to the client from the public mailbox.
     template <class R> void sendToClient(mnet_mbox_id_t client, const R& record) const

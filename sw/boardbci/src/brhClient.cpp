@@ -163,11 +163,30 @@ std::optional<BrhClient::ProcedureTransaction> BrhClient::takeTransaction(unsign
 void BrhClient::abandonTransactions(std::uint32_t clientMbox)
 {
     for (const auto& [procedureRef, transaction] : m_transactions) {
-        if (transaction.clientMbox == clientMbox &&
-            m_abandonedAges.emplace(procedureRef, m_nextAbandonedAge).second) {
-            m_abandoned.emplace(m_nextAbandonedAge++, procedureRef);
+        if (transaction.clientMbox == clientMbox) {
+            markAbandoned(procedureRef);
         }
     }
+    capAbandonedTransactions();
+}
+
+void BrhClient::abandonTransaction(unsigned int procedureRef)
+{
+    if (m_transactions.count(procedureRef) != 0) {
+        markAbandoned(procedureRef);
+        capAbandonedTransactions();
+    }
+}
+
+void BrhClient::markAbandoned(std::uint32_t procedureRef)
+{
+    if (m_abandonedAges.emplace(procedureRef, m_nextAbandonedAge).second) {
+        m_abandoned.emplace(m_nextAbandonedAge++, procedureRef);
+    }
+}
+
+void BrhClient::capAbandonedTransactions()
+{
     while (m_abandoned.size() > maxAbandonedTransactions) {
         if (!std::exchange(m_transactionCapTraced, true)) {
             SCRY_TRACE(4, "ABN: More than " << maxAbandonedTransactions

@@ -7,6 +7,8 @@
 #include "merlowBri.h"
 #include "merlowCommonData.h"
 #include "merlowFaultHandling.h"
+#include "merlowHwLog.h"
+#include "merlowLinkSupervision.h"
 #include "merlowMmiHandling.h"
 #include "merlowPid.h"
 #include "merlowState.h"
@@ -32,10 +34,12 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     MerlowImpl::Components components;
     components.push_back(std::make_unique<MerlowPid>(commonData));
     components.push_back(std::make_unique<MerlowState>(commonData));
+    components.push_back(std::make_unique<MerlowLinkSupervision>(commonData));
     components.push_back(std::make_unique<MerlowTime>(commonData));
     components.push_back(std::make_unique<MerlowBri>(commonData));
     components.push_back(std::make_unique<MerlowBmmi>(commonData));
     components.push_back(std::make_unique<MerlowMmiHandling>(commonData));
+    components.push_back(std::make_unique<MerlowHwLog>(commonData));
     components.push_back(std::make_unique<MerlowFaultHandling>(commonData));
     components.push_back(std::make_unique<BriFaultHandler>(commonData));
     components.push_back(std::make_unique<Merlow::Ccfi::Ccfi>(commonData));

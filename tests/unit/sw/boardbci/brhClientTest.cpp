@@ -555,6 +555,24 @@ TEST_F(BrhClientTest, anAnsweredTransactionIsNotAbandonedAnyMore)
     EXPECT_NE(m_bri.searchTransactionProcedure(1), nullptr);
 }
 
+TEST_F(BrhClientTest, aSingleTransactionIsAbandonedOnceAndOnlyWhileItIsThere)
+{
+    m_bri.abandonTransaction(1); // not there
+    for (std::uint32_t ref = 1; ref <= 4096; ++ref) {
+        ASSERT_TRUE(m_bri.addProcedureTransaction(transaction(ref, 50)));
+    }
+    m_bri.abandonTransaction(2);
+    m_bri.abandonTransaction(2);
+    m_bri.abandonTransactions(50);
+    EXPECT_EQ(m_bri.getNumTransactions(), 4096U);
+    ASSERT_TRUE(m_bri.addProcedureTransaction(transaction(5000, 51)));
+    EXPECT_EQ(m_bri.getNumTransactions(), 4097U) << "nothing was abandoned";
+    m_bri.abandonTransaction(5000);
+    EXPECT_EQ(m_bri.getNumTransactions(), 4096U);
+    EXPECT_EQ(m_bri.searchTransactionProcedure(2), nullptr) << "the first that was abandoned";
+    EXPECT_NE(m_bri.searchTransactionProcedure(1), nullptr);
+}
+
 // Capabilities
 
 TEST_F(BrhClientTest, capabilitiesAreAppendedInTheirOrder)

@@ -5,6 +5,8 @@
 #include "ccfi.h"
 #include "coreFixture.h"
 #include "merlowFaultHandling.h"
+#include "merlowHwLog.h"
+#include "merlowLinkSupervision.h"
 #include "merlowPid.h"
 #include "merlowState.h"
 
@@ -79,8 +81,11 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     MerlowFaultHandling faults(data());
     Merlow::Ccfi::Ccfi ccfi(data());
     MerlowPid pid(data());
+    MerlowHwLog hwLog(data());
+    MerlowLinkSupervision linkSupervision(data());
     publish();
-    ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init());
+    ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
+                linkSupervision.init());
     const Peer witness = confirmedClient();
     const auto cloneOfWitness = m_lastClone;
     const Peer client = confirmedClient();
@@ -126,8 +131,11 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
     MerlowFaultHandling faults(data());
     Merlow::Ccfi::Ccfi ccfi(data());
     MerlowPid pid(data());
+    MerlowHwLog hwLog(data());
+    MerlowLinkSupervision linkSupervision(data());
     startUp();
-    ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init());
+    ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
+                linkSupervision.init());
     const Peer stranger;
     sendAtEachLength(stranger, privateMbox(), Fill::ones);
     EXPECT_EQ(stranger.receive().hex, "");
