@@ -48,7 +48,7 @@ TEST(BciDecodeTest, aRecordIsReadWhenItIsWhole)
     EXPECT_FALSE(decode<TarnBcAuditCfmS>(signalOf(0x1658401, "00000001 0000012c 00")));
 }
 
-TEST(BciDecodeTest, rejectsHaveTwoLayouts)
+TEST(BciDecodeTest, rejectsHaveThreeLayouts)
 {
     const auto common = decodeReject(
         signalOf(0x1658014, "00000001 0000012c 0001 0000 4e6f 00" + repeated("ff", 107) + "0000"));
@@ -61,6 +61,14 @@ TEST(BciDecodeTest, rejectsHaveTwoLayouts)
     ASSERT_TRUE(connect);
     EXPECT_EQ(connect->errorCode, 5);
     EXPECT_EQ(connect->errorDescription, "No");
+
+    for (const std::uint32_t number : {0x1659802U, 0x1659805U}) {
+        const auto resource = decodeReject(
+            signalOf(number, "00000001 0000012c 0003 ffff 0001 ffff 4e6f 00" + repeated("ff", 107) + "0000"));
+        ASSERT_TRUE(resource);
+        EXPECT_EQ(resource->errorCode, 1);
+        EXPECT_EQ(resource->errorDescription, "No");
+    }
 }
 
 TEST(BciDecodeTest, aTextWithoutEndStopsAtItsArray)

@@ -25,6 +25,10 @@ TEST_F(BcictlTest, wrongUsageIsStatusTwoAndSendsNothing)
         {"utc", "soon"},
         {"utc", "-1"},
         {"utc", "4294967296"},
+        {"running", "more"},
+        {"select"},
+        {"components", "more"},
+        {"acquire", "more"},
         {"faults", "more"},
         {"faults", "--kind"},
         {"faults", "--kind", "odd"},
@@ -56,8 +60,9 @@ TEST_F(BcictlTest, helpAndVersionAreStatusZero)
 {
     EXPECT_EQ(run({"--help"}), 0);
     for (const char* word :
-         {"audit", "enable", "disable", "faults", "utc", "mmi", "raw", "session", "--server-ref",
-          "--client-ref", "--rev", "--timeout", "--run-dir", "--json", "Exit status"}) {
+         {"audit",        "enable",       "disable", "running",   "load",      "select", "components",
+          "acquire",      "release",      "faults",  "utc",       "mmi",       "raw",    "session",
+          "--server-ref", "--client-ref", "--rev",   "--timeout", "--run-dir", "--json", "Exit status"}) {
         EXPECT_THAT(m_out.str(), HasSubstr(word));
     }
     EXPECT_EQ(run({"utc", "--help"}), 0);
@@ -289,6 +294,25 @@ TEST_F(SessionTest, aLineWithoutEndEndsTheInput)
     }
     writer.join();
     close(ends[0]);
+}
+
+TEST(TransientTest, isForTerminalsAloneAndGivesWay)
+{
+    std::ostringstream out;
+    std::ostringstream err;
+    Output plain(out, err, {.program = "p"});
+    plain.transient("10%");
+    Output json(out, err, {.program = "p", .json = true, .terminal = true});
+    json.transient("10%");
+    EXPECT_EQ(out.str(), "");
+    Output terminal(out, err, {.program = "p", .terminal = true});
+    terminal.transient("10%");
+    terminal.transient("20%");
+    EXPECT_EQ(out.str(), "\r10%\x1b[K\r20%\x1b[K");
+    terminal.done(0, 0, "done", {});
+    EXPECT_EQ(out.str(), "\r10%\x1b[K\r20%\x1b[K\r\x1b[Kdone\n");
+    terminal.done(0, 0, "more", {});
+    EXPECT_THAT(out.str(), testing::EndsWith("done\nmore\n"));
 }
 
 } // namespace

@@ -17,6 +17,14 @@ namespace {
 
 constexpr std::uint32_t stopNumber = 0x7000000;
 
+std::string answerTo(const std::string& request, const std::string& hex)
+{
+    if (hex.starts_with('=')) {
+        return request.substr(0, 8) + hex.substr(1);
+    }
+    return hex.starts_with('@') ? request.substr(0, 20) + hex.substr(1) : hex;
+}
+
 } // namespace
 
 std::vector<std::uint8_t> bytesOf(const std::string& hex)
@@ -97,8 +105,7 @@ void FakeUnit::serve(mnet_mbox_id_t mailbox)
                 mailbox = m_control;
                 break;
             }
-            const auto bytes =
-                bytesOf(reply.hex.starts_with('=') ? request.substr(0, 8) + reply.hex.substr(1) : reply.hex);
+            const auto bytes = bytesOf(answerTo(request, reply.hex));
             auto answer = allocMsg(sizeof(mnet_msg) + bytes.size(), reply.number);
             std::copy(bytes.begin(), bytes.end(),
                       reinterpret_cast<std::uint8_t*>(answer.get()) + sizeof(mnet_msg));

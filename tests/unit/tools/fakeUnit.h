@@ -34,7 +34,9 @@ class FakeUnit {
 public:
     struct Reply {
         std::uint32_t number;
-        std::string hex; ///< a '=' in front stands for the word that follows the request's number
+        /// A '=' in front stands for the word that follows the request's number, a '@' for the references and
+        /// the two bytes behind them.
+        std::string hex;
     };
     using Answers = std::map<std::uint32_t, std::vector<Reply>>;
 

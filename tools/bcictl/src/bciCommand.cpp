@@ -1,6 +1,7 @@
 #include "bciCommand.h"
 
 #include "groups.h"
+#include "lineSource.h"
 
 #include <array>
 
@@ -13,6 +14,11 @@ constexpr std::array commands{
     CommandRow{"enable", "Move the session to OPERATIONAL", makeEnable},
     CommandRow{"disable", "Move the session to DISABLED; only a new session leaves it", makeDisable},
     CommandRow{"pid", "Read what the unit and its container are", makePid},
+    CommandRow{"running", "Read the load module that the unit runs", makeRunning},
+    CommandRow{"select", "Select the load module for the next restart", makeSelect},
+    CommandRow{"components", "Read the list of software components", makeComponents},
+    CommandRow{"acquire", "Hold the software store; a session goes on with it", makeAcquire},
+    CommandRow{"release", "Give the software store back, in a session", makeRelease},
     CommandRow{"faults", "List the unit's active faults, or follow them", makeFaults},
     CommandRow{"utc", "Hand the board a UTC time", makeUtc},
     CommandRow{"mmi", "Select the MMI mode; 1 is the one that exists", makeMmi},
@@ -20,6 +26,23 @@ constexpr std::array commands{
 };
 
 } // namespace
+
+tools::ExitStatus stayConnected(tools::BciClient& client, Output& output)
+{
+    if (client.hasIndicationHandler()) {
+        return tools::ExitStatus::done;
+    }
+    client.onIndication([&output](const tools::Signal& signal) { tellIndication(output, signal); });
+    const auto serve = [&client] {
+        client.drain();
+        return !client.isLost();
+    };
+    bool isReadable = false;
+    while (serve() && tools::waitServing(-1, {client.fd(), serve}, isReadable)) {
+    }
+    output.failed(0, {tools::ExitStatus::noUnit, "the unit went away", {}});
+    return tools::ExitStatus::noUnit;
+}
 
 tools::CommandTable<tools::BciClient> commandTable()
 {

@@ -3,7 +3,6 @@
 #include "groups.h"
 
 #include "faultSignals.h"
-#include "lineSource.h"
 
 #include "bci/bciFaults.h"
 #include "bci/bciState.h"
@@ -83,7 +82,7 @@ private:
     {
         const auto status = subscribe<Req, Cfm>(
             client, output, "subscribed; the unit sends no faults for this kind of subscription");
-        return status == ExitStatus::done && m_follows ? stay(client, output) : status;
+        return status == ExitStatus::done && m_follows ? stayConnected(client, output) : status;
     }
 
     template <class Req, class Cfm>
@@ -98,25 +97,7 @@ private:
     {
         const auto status = subscribe<TarnBcSubscribeFaultsReqS, TarnBcSubscribeFaultsCfmS>(
             client, output, "subscribed to faults");
-        return status == ExitStatus::done ? stay(client, output) : status;
-    }
-
-    /// Until the unit goes, or a signal ends the process. Not in a session, which tells what comes by itself.
-    static ExitStatus stay(BciClient& client, Output& output)
-    {
-        if (client.hasIndicationHandler()) {
-            return ExitStatus::done;
-        }
-        client.onIndication([&output](const Signal& signal) { tellIndication(output, signal); });
-        const auto serve = [&client] {
-            client.drain();
-            return !client.isLost();
-        };
-        bool isReadable = false;
-        while (serve() && tools::waitServing(-1, {client.fd(), serve}, isReadable)) {
-        }
-        output.failed(0, {ExitStatus::noUnit, "the unit went away", {}});
-        return ExitStatus::noUnit;
+        return status == ExitStatus::done ? stayConnected(client, output) : status;
     }
 
     /// What is active comes right behind the confirm, so all of it is there when something asked for later is

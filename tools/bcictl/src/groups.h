@@ -18,6 +18,13 @@ std::unique_ptr<Command> makeFaults();
 // pidCommands.cpp
 std::unique_ptr<Command> makePid();
 
+// softwareCommands.cpp
+std::unique_ptr<Command> makeRunning();
+std::unique_ptr<Command> makeSelect();
+std::unique_ptr<Command> makeComponents();
+std::unique_ptr<Command> makeAcquire();
+std::unique_ptr<Command> makeRelease();
+
 // timeCommands.cpp
 std::unique_ptr<Command> makeUtc();
 

@@ -31,9 +31,20 @@ public:
     /// when that is empty. A reject is a failure that carries its code and text.
     [[nodiscard]] Answer request(MnetMsgPtr msg, std::initializer_list<std::uint32_t> answers);
 
+    /// One of several requests that are under way at the same time: sends `msg`, and each answer is awaited.
+    using UnitClient::post;
+    /// The next signal with one of the numbers `answers` and the client's references; `request` is what a
+    /// failure names.
+    [[nodiscard]] Answer awaitAnswer(std::uint32_t request, std::initializer_list<std::uint32_t> answers);
+
+    /// Whether this client has acquired the software store, which it does once at a time.
+    [[nodiscard]] bool holdsStore() const { return m_holdsStore; }
+    void setHoldsStore(bool holds) { m_holdsStore = holds; }
+
 private:
     std::uint16_t m_protocolRev;
     TarnNodeCommonAddressInfoS m_references;
+    bool m_holdsStore = false;
 };
 
 /// The record with its number and the client's references, fields zero.

@@ -58,13 +58,20 @@ public:
     [[nodiscard]] bool isLost() const { return m_isLost; }
 
 protected:
-    /// Sends `msg` without waiting for anything.
+    using Predicate = std::function<bool(const Signal&)>;
+
+    /// Hands out what has come, then sends `msg`, without waiting for anything.
     [[nodiscard]] std::optional<Failure> send(MnetMsgPtr msg);
 
-    /// Sends `msg` and waits for the signal that `isAnswer` takes. A reject is a failure that carries its
-    /// code and text; so is, unless `isAnyLengthFine`, an answer shorter than its layout.
-    [[nodiscard]] Answer exchange(MnetMsgPtr msg, const std::function<bool(const Signal&)>& isAnswer,
-                                  bool isAnyLengthFine);
+    /// Sends `msg` and nothing else: what has come stays for `await`.
+    [[nodiscard]] std::optional<Failure> post(MnetMsgPtr msg);
+
+    /// Waits for the signal that `isAnswer` takes. A reject is a failure that carries its code and text; so
+    /// is, unless `isAnyLengthFine`, an answer shorter than its layout. `request` is what a failure names.
+    [[nodiscard]] Answer await(std::uint32_t request, const Predicate& isAnswer, bool isAnyLengthFine);
+
+    /// Sends `msg` and awaits its answer.
+    [[nodiscard]] Answer exchange(MnetMsgPtr msg, const Predicate& isAnswer, bool isAnyLengthFine);
 
 private:
     using TimePoint = std::chrono::steady_clock::time_point;

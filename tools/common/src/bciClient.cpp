@@ -41,4 +41,13 @@ BciClient::Answer BciClient::request(MnetMsgPtr msg, std::initializer_list<std::
     return exchange(std::move(msg), isAnswer, answers.size() == 0);
 }
 
+BciClient::Answer BciClient::awaitAnswer(std::uint32_t request, std::initializer_list<std::uint32_t> answers)
+{
+    const auto isAnswer = [this, answers](const Signal& signal) {
+        return std::find(answers.begin(), answers.end(), signal.number()) != answers.end() &&
+               signal.addressInfo() == m_references;
+    };
+    return await(request, isAnswer, false);
+}
+
 } // namespace merlow::tools

@@ -1,5 +1,7 @@
 #include "bciDecode.h"
 
+#include "bci/bciSoftware.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -20,8 +22,10 @@ std::int32_t referenceAt(std::span<const std::uint8_t> bytes, std::size_t offset
     return value;
 }
 
-// All rejects but the connection's share one layout, whatever their number.
+// Those of the connection and of the software store have a word more; all other rejects share one layout,
+// whatever their number.
 using AnyRejectS = TarnBcRejS<TARN_BC_ENABLE_OPERATION_REJ>;
+using AnyResourceRejectS = TarnBcAcquireResourceRejS;
 
 template <class R> std::optional<Rejection> rejectionIn(const Signal& signal)
 {
@@ -63,6 +67,9 @@ std::optional<Rejection> decodeReject(const Signal& reject)
 {
     if (reject.number() == TARN_BC_CONN_ESTABLISH_REJ) {
         return rejectionIn<TarnBcConnEstablishRejS>(reject);
+    }
+    if (reject.number() == TARN_BC_ACQUIRE_RESOURCE_REJ || reject.number() == TARN_BC_RELEASE_RESOURCE_REJ) {
+        return rejectionIn<AnyResourceRejectS>(reject);
     }
     return rejectionIn<AnyRejectS>(reject);
 }

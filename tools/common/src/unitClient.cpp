@@ -116,6 +116,11 @@ std::optional<Failure> UnitClient::send(MnetMsgPtr msg)
     if (m_isLost) {
         return lost();
     }
+    return post(std::move(msg));
+}
+
+std::optional<Failure> UnitClient::post(MnetMsgPtr msg)
+{
     if (!msg) {
         return Failure{ExitStatus::usage, "the signal is longer than a mailbox takes", {}};
     }
@@ -126,14 +131,18 @@ std::optional<Failure> UnitClient::send(MnetMsgPtr msg)
     return std::nullopt;
 }
 
-UnitClient::Answer UnitClient::exchange(MnetMsgPtr msg, const std::function<bool(const Signal&)>& isAnswer,
-                                        bool isAnyLengthFine)
+UnitClient::Answer UnitClient::exchange(MnetMsgPtr msg, const Predicate& isAnswer, bool isAnyLengthFine)
 {
     const std::uint32_t number = msg ? msg->msgNo : 0;
-    const auto until = steady_clock::now() + m_timeout;
     if (auto failure = send(std::move(msg))) {
         return *failure;
     }
+    return await(number, isAnswer, isAnyLengthFine);
+}
+
+UnitClient::Answer UnitClient::await(std::uint32_t request, const Predicate& isAnswer, bool isAnyLengthFine)
+{
+    const auto until = steady_clock::now() + m_timeout;
     while (const auto signal = receiveUntil(until)) {
         if (isAnswer(*signal)) {
             return judge(*signal, isAnyLengthFine);
@@ -145,8 +154,9 @@ UnitClient::Answer UnitClient::exchange(MnetMsgPtr msg, const std::function<bool
     if (m_isLost) {
         return lost();
     }
-    return Failure{
-        ExitStatus::noAnswer, "no answer to " + signalName(number) + " within " + secondsText(m_timeout), {}};
+    return Failure{ExitStatus::noAnswer,
+                   "no answer to " + signalName(request) + " within " + secondsText(m_timeout),
+                   {}};
 }
 
 int UnitClient::fd() const

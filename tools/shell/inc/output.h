@@ -18,7 +18,8 @@ public:
     struct Style {
         const char* program = ""; ///< in front of each failure
         bool json = false;
-        bool verbose = false; ///< signal names in front of each line for people
+        bool verbose = false;  ///< signal names in front of each line for people
+        bool terminal = false; ///< results go to a terminal
     };
 
     Output(std::ostream& out, std::ostream& err, Style style) : m_out(out), m_err(err), m_style(style) {}
@@ -36,6 +37,9 @@ public:
     /// Something that no command asked for.
     void event(const char* name, const std::string& text, const Fields& fields);
 
+    /// A line that what is told next replaces; only for people at a terminal.
+    void transient(const std::string& line);
+
     /// "SENT -> ANSWER: " when signals are to be named, else nothing.
     [[nodiscard]] std::string names(std::uint32_t sent, std::uint32_t answer) const;
 
@@ -44,11 +48,13 @@ public:
 
 private:
     void printObject(const Fields& object);
+    void clearTransient();
 
     std::ostream& m_out;
     std::ostream& m_err;
     Style m_style;
     std::string m_command;
+    bool m_hasTransient = false;
 };
 
 } // namespace merlow::tools

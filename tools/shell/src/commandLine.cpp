@@ -3,6 +3,8 @@
 #include "programOptions.h"
 
 #include <cmath>
+#include <iostream>
+#include <unistd.h>
 
 namespace merlow::tools {
 
@@ -23,6 +25,7 @@ std::optional<int> CommandLine::parse(int argc, const char* const* argv, std::os
     const auto status = base::parseCommandLine(m_app, argc, argv, out, err);
     if (!status) {
         base::useRunDir(m_runDir);
+        m_style.terminal = &out == &std::cout && isatty(STDOUT_FILENO) != 0;
     }
     return status;
 }

@@ -15,6 +15,8 @@ std::string_view nameOf(ExitStatus status)
     return names.at(static_cast<std::size_t>(status));
 }
 
+constexpr char eraseRestOfLine[] = "\x1b[K";
+
 std::string withNewline(const std::string& text)
 {
     return text.ends_with('\n') ? text : text + '\n';
@@ -24,6 +26,7 @@ std::string withNewline(const std::string& text)
 
 void Output::done(std::uint32_t sent, std::uint32_t answer, const std::string& text, const Fields& fields)
 {
+    clearTransient();
     if (!m_style.json) {
         m_out << names(sent, answer) << withNewline(text) << std::flush;
         return;
@@ -38,6 +41,7 @@ void Output::done(std::uint32_t sent, std::uint32_t answer, const std::string& t
 
 void Output::failed(std::uint32_t sent, const Failure& failure)
 {
+    clearTransient();
     if (!m_style.json) {
         m_err << m_style.program << ": " << (m_command.empty() ? "" : m_command + ": ")
               << names(sent, failure.answer) << failure.text;
@@ -66,6 +70,7 @@ void Output::failed(std::uint32_t sent, const Failure& failure)
 
 void Output::misused(const std::string& text)
 {
+    clearTransient();
     if (!m_style.json) {
         m_err << m_style.program << ": " << withNewline(text) << std::flush;
         return;
@@ -84,6 +89,7 @@ void Output::help(const std::string& text)
 
 void Output::event(const char* name, const std::string& text, const Fields& fields)
 {
+    clearTransient();
     if (!m_style.json) {
         m_out << withNewline(text) << std::flush;
         return;
@@ -91,6 +97,22 @@ void Output::event(const char* name, const std::string& text, const Fields& fiel
     Fields object{{"event", name}};
     object.update(fields);
     printObject(object);
+}
+
+void Output::transient(const std::string& line)
+{
+    if (m_style.terminal && !m_style.json) {
+        m_out << '\r' << line << eraseRestOfLine << std::flush;
+        m_hasTransient = true;
+    }
+}
+
+void Output::clearTransient()
+{
+    if (m_hasTransient) {
+        m_out << '\r' << eraseRestOfLine << std::flush;
+        m_hasTransient = false;
+    }
 }
 
 void Output::printObject(const Fields& object)
