@@ -108,7 +108,7 @@ struct StoreDescription {
     std::uint32_t slots = 4;               ///< for modules that are loaded; the preinstalled one has its own
     std::uint32_t blockBytes = 65536;      ///< that the store wants a module to be loaded in
     std::uint32_t moduleBytes = 536870912; ///< the largest module that is taken
-    std::optional<SoftwareIdentity> preinstalled = SoftwareIdentity{"MRS1000011/1", "R1A"};
+    std::optional<SoftwareIdentity> preinstalled = SoftwareIdentity{"QXR7041162/15", "R91KT"};
 
     bool operator==(const StoreDescription&) const = default;
 };
