@@ -187,6 +187,49 @@ TEST_F(ServiceTest, fortyFiveClientsAreServedAtOnce)
     }
 }
 
+TEST_F(ServiceTest, whatTheUnitCanDoIsGatheredFromAllSources)
+{
+    // Of the reference board, without the zeros at their ends: the platform's, BRI's, BMMI's.
+    const std::vector<std::string> expected = {
+        "000300dc",
+        "001800dc",
+        "001d00dc",
+        "002000dc",
+        "002900dc4d45524c4f57",
+        "002a00dc",
+        "000d00dc",
+        "001300dc",
+        "001900dc",
+        "002200dc",
+        "001e00dc000200000226feb60014000003520000001e", // temperature levels
+        "000600dc0002000000000352001e0000000103b6001e", // hot spots
+        "002b00dc",
+        "002d00dc0000001f",
+        "002c00dc",
+        "001700dc",
+        "002600dc",
+        "000700dc",
+    };
+    Client client(mnet_create_mailbox("du", 0));
+    ASSERT_TRUE(client.connect(m_server, -2, 300));
+    ASSERT_EQ(client.send(m_server, 0x1658007, "fffffffe 0000012c"), 0);
+    const auto answer = client.receive(0x1658008);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(client.lastSender(), m_server);
+    ASSERT_GE(answer->size(), 24U);
+    EXPECT_EQ(answer->substr(0, 16), "fffffffe"
+                                     "0000012c");
+    const auto count = std::stoul(answer->substr(16, 4), nullptr, 16);
+    ASSERT_GE(count, expected.size());
+    ASSERT_GE(answer->size(), 24 + 440 * count);
+    // Those of the software server, which this unit may do without, come first.
+    auto record = answer->substr(24 + 440 * (count - expected.size()));
+    for (const std::string& text : expected) {
+        EXPECT_EQ(record.substr(0, 440), text + std::string(440 - text.size(), '0'));
+        record.erase(0, 440);
+    }
+}
+
 /// Every number that the unit handles so far, with its length and the content of one that is well-formed.
 struct Known {
     std::uint32_t number;
@@ -199,7 +242,7 @@ constexpr Known known[] = {
     {0x170757E, 20}, {0x170757F, 12},  {0x1707581, 16}, {0x1707582, 12}, {0x1707584, 12}, {0x1707585, 12},
     {0x170772E, 16}, {0x170772F, 16},  {0x1707731, 40}, {0x1707732, 12}, {0x1707734, 16}, {0x1707735, 12},
     {0x1707737, 12}, {0x1707738, 12},  {0x170773A, 12}, {0x170773B, 12}, {0xDEADBEEF, 4}, {0x1901000, 4},
-    {0x1901001, 4},
+    {0x1901001, 4},  {0x1658007, 12},
 };
 
 TEST_F(ServiceTest, shortAndRandomSignalsFromClientsAndStrangersDoNoHarm)

@@ -5,6 +5,7 @@
 #include "eventLoopIf.h"
 #include "merlowBmmi.h"
 #include "merlowBri.h"
+#include "merlowCapabilities.h"
 #include "merlowCommonData.h"
 #include "merlowFaultHandling.h"
 #include "merlowHwLog.h"
@@ -36,6 +37,7 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowState>(commonData));
     components.push_back(std::make_unique<MerlowLinkSupervision>(commonData));
     components.push_back(std::make_unique<MerlowTime>(commonData));
+    components.push_back(std::make_unique<MerlowCapabilities>(commonData));
     components.push_back(std::make_unique<MerlowBri>(commonData));
     components.push_back(std::make_unique<MerlowBmmi>(commonData));
     components.push_back(std::make_unique<MerlowMmiHandling>(commonData));

@@ -21,7 +21,8 @@ struct FakeBrh {
 
     std::vector<unsigned int> capabilities{3, 24, 26, 28, 35, 36};
     std::string capabilityText = "MERLOW";
-    std::vector<int> capabilityCalls; ///< the server references that were asked for
+    std::vector<int> capabilityCalls;              ///< the server references that were asked for
+    std::vector<CapSupport_en> wantedCapabilities; ///< of the last call
     std::optional<Announcement> announcement;
     unsigned int notifyCalls = 0;
     unsigned int resetCalls = 0;

@@ -23,6 +23,7 @@ void getCapabilitiesV2(std::vector<std::shared_ptr<Capability>>& capabilities, i
 {
     auto& brh = FakeBrh::instance();
     brh.capabilityCalls.push_back(serverRef);
+    brh.wantedCapabilities = wanted;
     for (const auto id : wanted) {
         if (std::find(brh.capabilities.begin(), brh.capabilities.end(), id) == brh.capabilities.end()) {
             continue;

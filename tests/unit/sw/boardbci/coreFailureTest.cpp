@@ -4,6 +4,7 @@
 #include "bci/bciSignals.h"
 #include "ccfi.h"
 #include "coreFixture.h"
+#include "merlowCapabilities.h"
 #include "merlowFaultHandling.h"
 #include "merlowHwLog.h"
 #include "merlowLinkSupervision.h"
@@ -81,11 +82,12 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     MerlowFaultHandling faults(data());
     Merlow::Ccfi::Ccfi ccfi(data());
     MerlowPid pid(data());
+    MerlowCapabilities capabilities(data());
     MerlowHwLog hwLog(data());
     MerlowLinkSupervision linkSupervision(data());
     publish();
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
-                linkSupervision.init());
+                linkSupervision.init() && capabilities.init());
     const Peer witness = confirmedClient();
     const auto cloneOfWitness = m_lastClone;
     const Peer client = confirmedClient();
@@ -131,11 +133,12 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
     MerlowFaultHandling faults(data());
     Merlow::Ccfi::Ccfi ccfi(data());
     MerlowPid pid(data());
+    MerlowCapabilities capabilities(data());
     MerlowHwLog hwLog(data());
     MerlowLinkSupervision linkSupervision(data());
     startUp();
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
-                linkSupervision.init());
+                linkSupervision.init() && capabilities.init());
     const Peer stranger;
     sendAtEachLength(stranger, privateMbox(), Fill::ones);
     EXPECT_EQ(stranger.receive().hex, "");
