@@ -36,6 +36,9 @@ TEST_F(CliTest, eachCommandEndsWithStatusZeroAndSaysWhatCame)
     EXPECT_NE(outcome.out.find("STARTING"), std::string::npos) << outcome.out;
     EXPECT_EQ(m_unit.bcictl({"enable"}).status, 0);
     EXPECT_EQ(m_unit.bcictl({"disable"}).status, 0);
+    outcome = m_unit.bcictl({"capabilities"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_NE(outcome.out.find("\n   41  platform text: \"MERLOW\"\n"), std::string::npos) << outcome.out;
     EXPECT_EQ(m_unit.bcictl({"utc", "now"}).status, 0);
     EXPECT_EQ(m_unit.bcictl({"utc", "1700000000"}).status, 0);
     EXPECT_EQ(m_unit.bcictl({"mmi", "1"}).status, 0);

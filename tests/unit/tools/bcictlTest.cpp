@@ -18,6 +18,7 @@ TEST_F(BcictlTest, wrongUsageIsStatusTwoAndSendsNothing)
         {"nonsense"},
         {"audit", "more"},
         {"audit", "enable"},
+        {"capabilities", "more"},
         {"pid"},
         {"pid", "software"},
         {"pid", "hw", "market"},

@@ -13,6 +13,7 @@ constexpr std::array commands{
     CommandRow{"audit", "Read the session's operational state", makeAudit},
     CommandRow{"enable", "Move the session to OPERATIONAL", makeEnable},
     CommandRow{"disable", "Move the session to DISABLED; only a new session leaves it", makeDisable},
+    CommandRow{"capabilities", "List what the unit can do", makeCapabilities},
     CommandRow{"pid", "Read what the unit and its container are", makePid},
     CommandRow{"running", "Read the load module that the unit runs", makeRunning},
     CommandRow{"select", "Select the load module for the next restart", makeSelect},

@@ -12,6 +12,9 @@ std::unique_ptr<Command> makeAudit();
 std::unique_ptr<Command> makeEnable();
 std::unique_ptr<Command> makeDisable();
 
+// capabilityCommands.cpp
+std::unique_ptr<Command> makeCapabilities();
+
 // faultCommands.cpp
 std::unique_ptr<Command> makeFaults();
 
