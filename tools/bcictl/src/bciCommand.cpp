@@ -16,6 +16,7 @@ constexpr std::array commands{
     CommandRow{"capabilities", "List what the unit can do", makeCapabilities},
     CommandRow{"pid", "Read what the unit and its container are", makePid},
     CommandRow{"running", "Read the load module that the unit runs", makeRunning},
+    CommandRow{"load", "Load a software file onto the unit", makeLoad},
     CommandRow{"select", "Select the load module for the next restart", makeSelect},
     CommandRow{"components", "Read the list of software components", makeComponents},
     CommandRow{"acquire", "Hold the software store; a session goes on with it", makeAcquire},

@@ -28,6 +28,9 @@ std::unique_ptr<Command> makeComponents();
 std::unique_ptr<Command> makeAcquire();
 std::unique_ptr<Command> makeRelease();
 
+// loadCommand.cpp
+std::unique_ptr<Command> makeLoad();
+
 // timeCommands.cpp
 std::unique_ptr<Command> makeUtc();
 

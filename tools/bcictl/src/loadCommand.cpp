@@ -1,0 +1,277 @@
+// Loading software: the store, the start, the blocks with some of them under way, the end.
+
+#include "groups.h"
+
+#include "moduleFile.h"
+#include "progress.h"
+#include "storeLease.h"
+
+#include "bci/bciCapabilities.h"
+#include "bci/bciSoftware.h"
+
+#include <algorithm>
+#include <deque>
+
+namespace merlow::bcictl {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using tools::BciClient;
+using tools::ExitStatus;
+using tools::Failure;
+using tools::Signal;
+
+constexpr std::uint16_t loadingBlocksCapability = 1;
+constexpr std::uint32_t maxBlockSize = 8U << 20U; ///< well below what a mailbox takes
+
+/// The size of blocks that the unit asks for; nothing when it names none that can be used.
+std::optional<std::uint32_t> blockSizeIn(const Signal& capabilities)
+{
+    const auto cfm = tools::decode<TarnBcGetCapabilitiesCfmS>(capabilities);
+    const auto records = std::span(capabilities.bytes).subspan(BciRecord<TarnBcGetCapabilitiesCfmS>::size);
+    constexpr auto recordSize = BciRecord<TarnBcBoardCapabilityS>::size;
+    const auto count = std::min<std::size_t>(cfm->numberOfBoardCapabilities, records.size() / recordSize);
+    for (std::size_t i = 0; i < count; ++i) {
+        TarnBcBoardCapabilityS record;
+        std::memcpy(&record, records.data() + i * recordSize, recordSize);
+        ntoh(record);
+        if (record.capabilityNumber == loadingBlocksCapability) {
+            const auto size = contentOf<TarnBcLoadingBlocksS>(record).blockSize;
+            return size > 0 && size <= maxBlockSize ? std::optional(size) : std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
+/// The blocks that are sent and not acknowledged yet, by their place in the load; on the wire a block has the
+/// low 16 bits of that as its number.
+class BlocksUnderWay {
+public:
+    void add(std::uint64_t block) { m_blocks.push_back(block); }
+    [[nodiscard]] std::size_t count() const { return m_blocks.size(); }
+    [[nodiscard]] std::uint64_t oldest() const { return m_blocks.front(); }
+
+    /// False for a number that is not under way.
+    bool acknowledge(std::uint16_t number)
+    {
+        const auto found = std::find_if(m_blocks.begin(), m_blocks.end(), [number](std::uint64_t block) {
+            return static_cast<std::uint16_t>(block) == number;
+        });
+        if (found == m_blocks.end()) {
+            return false;
+        }
+        m_blocks.erase(found);
+        return true;
+    }
+
+private:
+    std::deque<std::uint64_t> m_blocks;
+};
+
+class Load : public Command {
+public:
+    void addOptions(CLI::App& app) override
+    {
+        app.add_option("FILE", m_path,
+                       "A load module, or any file: then the header of a load module is put in front of it")
+            ->required()
+            ->check(CLI::ExistingFile);
+        app.add_option("--software", m_software, "What it is: product number, '_' and revision")
+            ->required()
+            ->check([](const std::string& text) {
+                return loadmodule::softwareIdFrom(text) ? std::string()
+                                                        : "no product number, '_' and revision: " + text;
+            });
+        app.add_option("--window", m_window, "Blocks that may be under way without an acknowledgement")
+            ->check(CLI::Range(1, 1024))
+            ->capture_default_str();
+    }
+
+    ExitStatus run(BciClient& client, Output& output) override
+    {
+        auto opened = ModuleFile::open(m_path, *loadmodule::softwareIdFrom(m_software));
+        if (const auto* const mistake = std::get_if<std::string>(&opened)) {
+            output.misused(*mistake);
+            return ExitStatus::usage;
+        }
+        auto& file = std::get<ModuleFile>(opened);
+        StoreLease lease(client);
+        std::optional<StepFailure> failure;
+        if ((failure = readBlockSize(client)) || (failure = lease.acquire()) || (failure = start(client))) {
+            return tell(output, *failure);
+        }
+        const auto begin = steady_clock::now();
+        if (m_loadStatus == TarnBcLmcInitCfmS::LOAD_MAY_BEGIN &&
+            ((failure = sendBlocks(client, output, file, begin)) || (failure = end(client)))) {
+            return tell(output, *failure);
+        }
+        const auto elapsed = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
+        if ((failure = lease.release())) {
+            return tell(output, *failure);
+        }
+        return tellResult(client, output, file.size(), elapsed);
+    }
+
+private:
+    std::optional<StepFailure> readBlockSize(BciClient& client)
+    {
+        constexpr char step[] = "reading the capabilities";
+        const auto answer = client.request(::toMessage(tools::requestFrom<TarnBcGetCapabilitiesReqS>(client)),
+                                           {TARN_BC_GET_CAPABILITIES_CFM});
+        if (const auto* const failure = std::get_if<Failure>(&answer)) {
+            return failedStep(step, TARN_BC_GET_CAPABILITIES_REQ, *failure);
+        }
+        const auto size = blockSizeIn(std::get<Signal>(answer));
+        if (!size) {
+            return failedStep(step, TARN_BC_GET_CAPABILITIES_REQ,
+                              {ExitStatus::noAnswer,
+                               "the unit names no size of blocks for loading",
+                               {},
+                               TARN_BC_GET_CAPABILITIES_CFM});
+        }
+        m_blockSize = *size;
+        return std::nullopt;
+    }
+
+    std::optional<StepFailure> start(BciClient& client)
+    {
+        const auto answer =
+            client.request(toMessage(tools::requestFrom<TarnBcLmcInitReqS>(client), m_software),
+                           {TARN_BC_LMC_INIT_CFM, TARN_BC_LMC_INIT_REJ});
+        if (const auto* const failure = std::get_if<Failure>(&answer)) {
+            return failedStep("starting the load", TARN_BC_LMC_INIT_REQ, *failure);
+        }
+        m_loadStatus = tools::decode<TarnBcLmcInitCfmS>(std::get<Signal>(answer))->loadStatus;
+        return std::nullopt;
+    }
+
+    std::optional<StepFailure> sendBlocks(BciClient& client, Output& output, ModuleFile& file,
+                                          steady_clock::time_point begin)
+    {
+        BlocksUnderWay underWay;
+        const auto count = (file.size() + m_blockSize - 1) / m_blockSize;
+        auto nextShown = begin;
+        while (m_blocks < count || underWay.count() > 0) {
+            while (m_blocks < count && underWay.count() < m_window) {
+                if (auto failure = sendBlock(client, file)) {
+                    return failure;
+                }
+                underWay.add(m_blocks++);
+            }
+            if (auto failure = awaitAcknowledgement(client, underWay, count)) {
+                return failure;
+            }
+            if (const auto now = steady_clock::now(); now >= nextShown) {
+                const auto done = std::min((m_blocks - underWay.count()) * m_blockSize, file.size());
+                output.transient(
+                    progressText(done, file.size(), std::chrono::duration_cast<milliseconds>(now - begin)));
+                nextShown = now + milliseconds(100);
+            }
+        }
+        return std::nullopt;
+    }
+
+    [[nodiscard]] std::optional<StepFailure> sendBlock(BciClient& client, ModuleFile& file) const
+    {
+        constexpr auto head = BciRecord<TarnBcLmcDataS>::size;
+        auto data = tools::requestFrom<TarnBcLmcDataS>(client);
+        data.lmSeqNr = static_cast<std::uint16_t>(m_blocks);
+        const auto size = std::min<std::uint64_t>(m_blockSize, file.size() - m_blocks * m_blockSize);
+        data.size = static_cast<std::uint32_t>(size);
+        hton(data);
+        MnetMsgPtr msg = allocMsg(head + size, TARN_BC_LMC_DATA);
+        if (msg) {
+            auto* const bytes = reinterpret_cast<std::byte*>(msg.get());
+            std::memcpy(bytes, &data, head);
+            msg->msgNo = TARN_BC_LMC_DATA;
+            if (!file.read(std::span(bytes + head, size))) {
+                return failedStep("sending the blocks", TARN_BC_LMC_DATA,
+                                  {ExitStatus::usage, m_path + " became shorter, or cannot be read", {}});
+            }
+        }
+        if (auto failure = client.post(std::move(msg))) {
+            return failedStep("sending the blocks", TARN_BC_LMC_DATA, *failure);
+        }
+        return std::nullopt;
+    }
+
+    [[nodiscard]] std::optional<StepFailure> awaitAcknowledgement(BciClient& client, BlocksUnderWay& underWay,
+                                                                  std::uint64_t count) const
+    {
+        for (;;) {
+            const auto answer = client.awaitAnswer(TARN_BC_LMC_DATA, {TARN_BC_LMC_DATA_ACK});
+            if (const auto* const failure = std::get_if<Failure>(&answer)) {
+                Failure told = *failure;
+                told.text = "block " + std::to_string(underWay.oldest()) + " of " + std::to_string(count) +
+                            " was not acknowledged: " + told.text;
+                return StepFailure{TARN_BC_LMC_DATA, told};
+            }
+            if (underWay.acknowledge(tools::decode<TarnBcLmcDataAckS>(std::get<Signal>(answer))->lmSeqNr)) {
+                return std::nullopt;
+            }
+        }
+    }
+
+    static std::optional<StepFailure> end(BciClient& client)
+    {
+        const auto answer = client.request(::toMessage(tools::requestFrom<TarnBcLmcEndReqS>(client)),
+                                           {TARN_BC_LMC_END_CFM, TARN_BC_LMC_END_REJ});
+        if (const auto* const failure = std::get_if<Failure>(&answer)) {
+            return failedStep("ending the load", TARN_BC_LMC_END_REQ, *failure);
+        }
+        if (tools::decode<TarnBcLmcEndCfmS>(std::get<Signal>(answer))->result ==
+            TarnBcLmcEndCfmS::COMPLETED) {
+            return std::nullopt;
+        }
+        return failedStep("ending the load", TARN_BC_LMC_END_REQ,
+                          {ExitStatus::rejected,
+                           "the unit did not take the load module, it is no whole one",
+                           {},
+                           TARN_BC_LMC_END_CFM});
+    }
+
+    ExitStatus tellResult(BciClient& client, Output& output, std::uint64_t size, milliseconds elapsed) const
+    {
+        const bool wasLoaded = m_loadStatus == TarnBcLmcInitCfmS::LOAD_MAY_BEGIN;
+        const auto references =
+            withReferences(client.references(), {{"software", m_software}, {"loadStatus", m_loadStatus}});
+        if (!wasLoaded) {
+            output.done(TARN_BC_LMC_INIT_REQ, TARN_BC_LMC_INIT_CFM,
+                        m_software + (m_loadStatus == TarnBcLmcInitCfmS::RUNNING ? " runs" : " is stored") +
+                            " on the unit already; nothing was loaded",
+                        references);
+            return ExitStatus::done;
+        }
+        auto fields = references;
+        fields.update({{"bytes", size},
+                       {"blocks", m_blocks},
+                       {"blockSize", m_blockSize},
+                       {"milliseconds", elapsed.count()}});
+        char seconds[32];
+        (void)std::snprintf(seconds, sizeof(seconds), "%.1f", static_cast<double>(elapsed.count()) / 1000);
+        output.done(TARN_BC_LMC_END_REQ, TARN_BC_LMC_END_CFM,
+                    "loaded " + m_software + ": " + sizeText(size) + " in " + std::to_string(m_blocks) +
+                        (m_blocks == 1 ? " block, " : " blocks, ") + seconds + " s, " +
+                        rateText(size, elapsed),
+                    fields);
+        return ExitStatus::done;
+    }
+
+    std::string m_path;
+    std::string m_software;
+    std::size_t m_window = 8;
+    std::uint32_t m_blockSize = 0;
+    std::uint64_t m_blocks = 0; ///< that were sent
+    std::uint16_t m_loadStatus = 0;
+};
+
+} // namespace
+
+std::unique_ptr<Command> makeLoad()
+{
+    return std::make_unique<Load>();
+}
+
+} // namespace merlow::bcictl
