@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 /// The base of every service: how the core starts it, tells it of sessions and of the end, and asks whether
@@ -74,6 +75,11 @@ protected:
         sendToClient(client, toMessage(record));
     }
     void sendToClient(mnet_mbox_id_t client, MnetMsgPtr msg) const;
+
+    /// A copy of an open transaction with the BMMI server; nothing, and a trace that says what is ignored,
+    /// when there is none of this reference.
+    [[nodiscard]] std::optional<BrhClient::ProcedureTransaction>
+    findBmmiTransaction(unsigned int procedureRef, const char* ignored) const;
 
     MerlowCommonData& m_commonData;
     std::function<void(BcSession&)> m_sendConnCfm; ///< empty until subscribed

@@ -69,3 +69,15 @@ void MerlowComponent::sendToClient(mnet_mbox_id_t client, MnetMsgPtr msg) const
     // A client that has just gone gets nothing: its notice is on the way.
     sendMsg(std::move(msg), client, m_commonData.getPublicMbox());
 }
+
+std::optional<BrhClient::ProcedureTransaction> MerlowComponent::findBmmiTransaction(unsigned int procedureRef,
+                                                                                    const char* ignored) const
+{
+    const auto* transaction = m_commonData.getBmmiClient().searchTransactionProcedure(procedureRef);
+    if (transaction == nullptr) {
+        SCRY_TRACE(4, "ABN: No BMMI transaction was found for procedureRef: " << procedureRef << ". Ignoring "
+                                                                              << ignored << ".");
+        return std::nullopt;
+    }
+    return *transaction;
+}

@@ -8,13 +8,16 @@
 #include "merlowCapabilities.h"
 #include "merlowCommonData.h"
 #include "merlowFaultHandling.h"
+#include "merlowHereIAm.h"
 #include "merlowHwLog.h"
 #include "merlowLinkSupervision.h"
+#include "merlowMaintState.h"
 #include "merlowMmiHandling.h"
 #include "merlowPid.h"
 #include "merlowState.h"
 #include "merlowTime.h"
 #include "merlowTrace.h"
+#include "merlowVisual.h"
 #include "mnetMessageSubscriptionCustom.h"
 #include "serverThread.h"
 
@@ -38,9 +41,12 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowLinkSupervision>(commonData));
     components.push_back(std::make_unique<MerlowTime>(commonData));
     components.push_back(std::make_unique<MerlowCapabilities>(commonData));
+    components.push_back(std::make_unique<MerlowMaintState>(commonData));
+    components.push_back(std::make_unique<MerlowVisual>(commonData));
     components.push_back(std::make_unique<MerlowBri>(commonData));
     components.push_back(std::make_unique<MerlowBmmi>(commonData));
     components.push_back(std::make_unique<MerlowMmiHandling>(commonData));
+    components.push_back(std::make_unique<MerlowHereIAm>(commonData));
     components.push_back(std::make_unique<MerlowHwLog>(commonData));
     components.push_back(std::make_unique<MerlowFaultHandling>(commonData));
     components.push_back(std::make_unique<BriFaultHandler>(commonData));

@@ -64,12 +64,11 @@ void MerlowMmiHandling::onBcSessionLost(const BcSession& session)
 
 BcSession* MerlowMmiHandling::findRegisteringSession(unsigned int procedureRef, const char* answer) const
 {
-    const auto transaction = m_commonData.getBmmiClient().takeTransaction(procedureRef);
+    const auto transaction = findBmmiTransaction(procedureRef, answer);
     if (!transaction) {
-        SCRY_TRACE(4, "ABN: No BMMI transaction was found for procedureRef: " << procedureRef << ". Ignoring "
-                                                                              << answer << ".");
         return nullptr;
     }
+    m_commonData.getBmmiClient().removeTransactionProcedure(procedureRef);
     BcSession* session = m_commonData.getClientSession(transaction->clientMbox);
     if (session == nullptr) {
         SCRY_TRACE(4, "ABN: No BC session found for mailbox ID: " << transaction->clientMbox << ". Ignoring "

@@ -173,7 +173,7 @@ TEST_F(BoardProcessTest, theFolderIsAnOptionToo)
     const TempDir other;
     const std::string runDir = other.path() + "/a/b";
     Process brhd("brhd", {"--run-dir", runDir}, m_environment);
-    ASSERT_TRUE(waitUntil([&] { return !brhd.err().empty(); }));
+    ASSERT_TRUE(waitUntil([&] { return brhd.err().ends_with("\n"); }));
     EXPECT_EQ(brhd.err(), "brhd: serving BriServer and BmmiServer in " + runDir + "\n");
     EXPECT_EQ(boardctl({"--run-dir", runDir, "status", "brhd"}).status, 0);
     EXPECT_EQ(boardctl({"status", "brhd", "--run-dir", runDir}).status, 0);

@@ -6,10 +6,13 @@
 #include "coreFixture.h"
 #include "merlowCapabilities.h"
 #include "merlowFaultHandling.h"
+#include "merlowHereIAm.h"
 #include "merlowHwLog.h"
 #include "merlowLinkSupervision.h"
+#include "merlowMaintState.h"
 #include "merlowPid.h"
 #include "merlowState.h"
+#include "merlowVisual.h"
 
 #include <random>
 
@@ -85,7 +88,11 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     MerlowCapabilities capabilities(data());
     MerlowHwLog hwLog(data());
     MerlowLinkSupervision linkSupervision(data());
+    MerlowMaintState maintState(data());
+    MerlowVisual visual(data());
+    MerlowHereIAm hereIAm(data());
     publish();
+    ASSERT_TRUE(maintState.init() && visual.init() && hereIAm.init());
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
                 linkSupervision.init() && capabilities.init());
     const Peer witness = confirmedClient();
@@ -136,7 +143,11 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
     MerlowCapabilities capabilities(data());
     MerlowHwLog hwLog(data());
     MerlowLinkSupervision linkSupervision(data());
+    MerlowMaintState maintState(data());
+    MerlowVisual visual(data());
+    MerlowHereIAm hereIAm(data());
     startUp();
+    ASSERT_TRUE(maintState.init() && visual.init() && hereIAm.init());
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
                 linkSupervision.init() && capabilities.init());
     const Peer stranger;
