@@ -20,12 +20,12 @@ using BoardText = std::optional<std::string>;
 /// The unit; defaults are the built-in one's.
 struct ProductData {
     BoardText productionDate = "20240131";
-    BoardText name = "MRU 4415";
-    BoardText number = "MRC 441 5/1";
+    BoardText name = "MLU 3020";
+    BoardText number = "QDA 704 1/1";
     BoardText revision = "R1A";
     BoardText manufacturer = "Merlow";
     BoardText serialNumber = "M000000001";
-    BoardText extendedMarketName = "Merlow Reference Unit 4415";
+    BoardText extendedMarketName = "Merlow Reference Unit 3020";
 
     bool operator==(const ProductData&) const = default;
 };
@@ -33,7 +33,7 @@ struct ProductData {
 /// What the unit sits in.
 struct ContainerData {
     BoardText productionDate = "20240115";
-    BoardText name = "MRU Cabinet 2";
+    BoardText name = "MLU Cabinet 2";
     BoardText number = "MRB 200 2/1";
     BoardText revision = "R2B";
     BoardText manufacturer = "Merlow";

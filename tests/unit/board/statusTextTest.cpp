@@ -90,7 +90,7 @@ TEST_F(StatusTextTest, kindsShowWhatTheyCarry)
 TEST_F(StatusTextTest, aDescriptionHasALineForEachKey)
 {
     const nlohmann::json description{{"capabilityText", "MERLOW"},
-                                     {"product", {{"name", "MRU"}, {"number", nullptr}}},
+                                     {"product", {{"name", "MLU"}, {"number", nullptr}}},
                                      {"bri",
                                       {{"hotspots", {{{"sensor", 0}, {"threshold", 850}}, {{"sensor", 1}}}},
                                        {"capabilities", nlohmann::json::array()}}},
@@ -101,7 +101,7 @@ TEST_F(StatusTextTest, aDescriptionHasALineForEachKey)
               "  bri.capabilities             none\n"
               "  bri.hotspots                 sensor 0, threshold 850; sensor 1\n"
               "  capabilityText               MERLOW\n"
-              "  product.name                 MRU\n"
+              "  product.name                 MLU\n"
               "  product.number               -\n"
               "  restart.ranks                1, 2\n"
               "  store.preinstalled           number A/1, revision R1\n");

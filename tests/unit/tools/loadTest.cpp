@@ -143,11 +143,14 @@ TEST_F(LoadTest, whatIsOnTheUnitAlreadyIsNotLoaded)
 }
 
 struct LoadFailureRow {
+    const char* name;
     std::uint32_t request;
     std::vector<FakeUnit::Reply> replies;
     int status;
     const char* text;
     bool isReleased;
+
+    friend void PrintTo(const LoadFailureRow& row, std::ostream* out) { *out << row.name; }
 };
 
 class LoadFailureTest : public LoadTest, public testing::WithParamInterface<LoadFailureRow> {};
@@ -159,7 +162,8 @@ TEST_P(LoadFailureTest, isToldWithItsStepAndLeavesNothingHeld)
     auto answers = taking("00000040");
     answers[row.request] = row.replies;
     startUnit(answers);
-    EXPECT_EQ(load({"--timeout", "0.3"}), row.status);
+    // One block at a time, so that none is on its way to a unit that goes.
+    EXPECT_EQ(load({"--window", "1", "--timeout", "0.3"}), row.status);
     EXPECT_EQ(m_out.str(), "");
     EXPECT_EQ(m_err.str(), "bcictl: load: " + std::string(row.text) + "\n");
     EXPECT_EQ(m_unit->received(0x1659803), row.isReleased ? "000000010000012d00010000" : "");
@@ -168,57 +172,68 @@ TEST_P(LoadFailureTest, isToldWithItsStepAndLeavesNothingHeld)
 INSTANTIATE_TEST_SUITE_P(
     Rows, LoadFailureTest,
     testing::Values(
-        LoadFailureRow{0x1658007,
+        LoadFailureRow{"noCapabilities",
+                       0x1658007,
                        {},
                        3,
                        "reading the capabilities: no answer to TARN_BC_GET_CAPABILITIES_REQ within 0.3 s",
                        false},
-        LoadFailureRow{0x1658007,
+        LoadFailureRow{"noRecords",
+                       0x1658007,
                        {{0x1658008, references + "0000 0000"}},
                        3,
                        "reading the capabilities: the unit names no size of blocks for loading",
                        false},
-        LoadFailureRow{0x1658007,
+        LoadFailureRow{"noLoadingBlocks",
+                       0x1658007,
                        {{0x1658008, references + "0009 0000" + padded("0007 00dc", 220)}},
                        3,
                        "reading the capabilities: the unit names no size of blocks for loading",
                        false},
-        LoadFailureRow{0x1658007,
+        LoadFailureRow{"blocksOfNoSize",
+                       0x1658007,
                        {{0x1658008, capabilities("00000000")}},
                        3,
                        "reading the capabilities: the unit names no size of blocks for loading",
                        false},
-        LoadFailureRow{0x1658007,
+        LoadFailureRow{"blocksOfTooLargeASize",
+                       0x1658007,
                        {{0x1658008, capabilities("00800001")}},
                        3,
                        "reading the capabilities: the unit names no size of blocks for loading",
                        false},
-        LoadFailureRow{0x1658803,
+        LoadFailureRow{"startRefused",
+                       0x1658803,
                        {{0x1658805, loadRejection("Busy")}},
                        1,
                        "starting the load: rejected, errorCode 1: Busy",
                        true},
-        LoadFailureRow{0x1658806,
+        LoadFailureRow{"noAcknowledgement",
+                       0x1658806,
                        {},
                        3,
                        "block 0 of 2 was not acknowledged: no answer to TARN_BC_LMC_DATA within 0.3 s",
                        true},
-        LoadFailureRow{0x1658806,
+        LoadFailureRow{"acknowledgementOfAnother",
+                       0x1658806,
                        {{0x1658807, references + "0001 0000"}},
                        3,
                        "block 0 of 2 was not acknowledged: no answer to TARN_BC_LMC_DATA within 0.3 s",
                        true},
-        LoadFailureRow{0x1658808,
+        LoadFailureRow{"endRefused",
+                       0x1658808,
                        {{0x165880A, loadRejection("ticket in queue")}},
                        1,
                        "ending the load: rejected, errorCode 1: ticket in queue",
                        true},
-        LoadFailureRow{0x1658808,
+        LoadFailureRow{"notTaken",
+                       0x1658808,
                        {{0x1658809, references + "0001 0000"}},
                        1,
                        "ending the load: the unit did not take the load module, it is no whole one",
                        true},
-        LoadFailureRow{0x1658806,
+        LoadFailureRow{"unitGone",
+                       0x1658806,
                        {{FakeUnit::leave, ""}},
                        4,
                        "block 0 of 2 was not acknowledged: the unit went away",
