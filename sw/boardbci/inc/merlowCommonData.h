@@ -48,6 +48,10 @@ public:
     [[nodiscard]] SWMClient& getSwmiClient() { return m_swmiClient; }
     [[nodiscard]] Merlow::FaultManagerIf& getFaultManager() { return m_faultManager; }
 
+    /// The load module that the board shall start next: product number, '_' and revision; empty means none.
+    [[nodiscard]] const std::string& getSelectLoadModule() const { return m_selectLoadModule; }
+    void setSelectLoadModule(const std::string& software) { m_selectLoadModule = software; }
+
     /// What was told of the unit and its container last; kept while this object lives.
     [[nodiscard]] const ProductInfo& getProductInfoCache() const { return m_productInfo; }
     void setProductInfoCache(const ProductInfo& info) { m_productInfo = info; }
@@ -80,6 +84,7 @@ private:
     BrhClient m_briClient;
     BrhClient m_bmmiClient;
     SWMClient m_swmiClient;
+    std::string m_selectLoadModule;
     bool m_isAuboot;
     std::vector<std::uint16_t> m_protocolRevs; ///< highest first
     Merlow::FaultManagerIf& m_faultManager;

@@ -14,6 +14,7 @@
 #include "merlowMaintState.h"
 #include "merlowMmiHandling.h"
 #include "merlowPid.h"
+#include "merlowRestart.h"
 #include "merlowState.h"
 #include "merlowTime.h"
 #include "merlowTrace.h"
@@ -39,6 +40,7 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowPid>(commonData));
     components.push_back(std::make_unique<MerlowState>(commonData));
     components.push_back(std::make_unique<MerlowLinkSupervision>(commonData));
+    components.push_back(std::make_unique<MerlowRestart>(commonData));
     components.push_back(std::make_unique<MerlowTime>(commonData));
     components.push_back(std::make_unique<MerlowCapabilities>(commonData));
     components.push_back(std::make_unique<MerlowMaintState>(commonData));

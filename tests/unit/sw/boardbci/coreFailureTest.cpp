@@ -11,6 +11,7 @@
 #include "merlowLinkSupervision.h"
 #include "merlowMaintState.h"
 #include "merlowPid.h"
+#include "merlowRestart.h"
 #include "merlowState.h"
 #include "merlowVisual.h"
 
@@ -91,10 +92,11 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     MerlowMaintState maintState(data());
     MerlowVisual visual(data());
     MerlowHereIAm hereIAm(data());
+    MerlowRestart restart(data());
     publish();
     ASSERT_TRUE(maintState.init() && visual.init() && hereIAm.init());
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
-                linkSupervision.init() && capabilities.init());
+                linkSupervision.init() && capabilities.init() && restart.init());
     const Peer witness = confirmedClient();
     const auto cloneOfWitness = m_lastClone;
     const Peer client = confirmedClient();
@@ -146,10 +148,11 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
     MerlowMaintState maintState(data());
     MerlowVisual visual(data());
     MerlowHereIAm hereIAm(data());
+    MerlowRestart restart(data());
     startUp();
     ASSERT_TRUE(maintState.init() && visual.init() && hereIAm.init());
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
-                linkSupervision.init() && capabilities.init());
+                linkSupervision.init() && capabilities.init() && restart.init());
     const Peer stranger;
     sendAtEachLength(stranger, privateMbox(), Fill::ones);
     EXPECT_EQ(stranger.receive().hex, "");
