@@ -245,7 +245,7 @@ std::string descriptionText(const std::string& origin, const json& description)
             continue;
         }
         for (const auto& [member, inner] : value.items()) {
-            writeKey(out, key + "." + member, inner);
+            writeKey(out, std::string(key).append(".").append(member), inner);
         }
     }
     return out.str();

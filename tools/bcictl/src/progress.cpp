@@ -1,6 +1,7 @@
 #include "progress.h"
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 namespace merlow::bcictl {
@@ -42,8 +43,8 @@ std::string progressText(std::uint64_t done, std::uint64_t total, std::chrono::m
     text += number + sizeText(done) + " of " + sizeText(total);
     if (done > 0 && elapsed.count() > 0) {
         const auto left = static_cast<double>(elapsed.count()) / 1000 * (1 - part) / part;
-        const auto seconds = static_cast<unsigned long long>(left + 0.5);
-        (void)std::snprintf(number, sizeof(number), ", %llu:%02llu left", seconds / 60, seconds % 60);
+        const auto seconds = std::llround(left);
+        (void)std::snprintf(number, sizeof(number), ", %lld:%02lld left", seconds / 60, seconds % 60);
         text += ", " + rateText(done, elapsed) + number;
     }
     return text;
