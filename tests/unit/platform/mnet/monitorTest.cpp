@@ -343,15 +343,31 @@ TEST_F(MonitorTest, anEndedMonitorNeverDelivers)
     EXPECT_FALSE(receive(0));
 }
 
+/// What a process has opened in the folder of names of the run-time folder.
+bool isName(const std::string& path)
+{
+    return path.find("/mnet/") != std::string::npos && path.find("/names/") != std::string::npos;
+}
+
 /// A process that keeps of its parent's open files only those that hold names.
 void keepNamesOnly()
 {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
         const std::string target = std::filesystem::read_symlink(entry.path(), gone);
-        if (target.find("/mnet/") != std::string::npos && target.find("/names/") == std::string::npos) {
+        if (target.find("/mnet/") != std::string::npos && !isName(target)) {
             close(std::stoi(entry.path().filename()));
         } else if (target.starts_with("socket:") || target.starts_with("anon_inode:")) {
+            close(std::stoi(entry.path().filename()));
+        }
+    }
+}
+
+void letGoOfNames()
+{
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (isName(std::filesystem::read_symlink(entry.path(), gone))) {
             close(std::stoi(entry.path().filename()));
         }
     }
@@ -361,6 +377,7 @@ TEST_F(MonitorTest, whoHasDiedIsNotFoundThoughItsNameStillSeemsHeld)
 {
     Gate there;
     Gate end;
+    Gate free;
     start();
     Child peer([&] {
         start("peer");
@@ -369,6 +386,8 @@ TEST_F(MonitorTest, whoHasDiedIsNotFoundThoughItsNameStillSeemsHeld)
             keepNamesOnly();
             there.open();
             end.pass();
+            letGoOfNames();
+            free.open();
             _exit(0);
         }
         receive();
@@ -381,6 +400,7 @@ TEST_F(MonitorTest, whoHasDiedIsNotFoundThoughItsNameStillSeemsHeld)
     ASSERT_EQ(mnet_locate_async("peer", nullptr, mnet_current_mbox()), 0);
     EXPECT_FALSE(receive(100));
     end.open();
+    ASSERT_TRUE(free.pass());
     Child successor([] { echo("peer"); });
     const Message found = receive();
     EXPECT_TRUE(found.isNotice());
