@@ -1,26 +1,12 @@
 #include "brhServer.h"
 
+#include "schemaKinds.h"
+
 #include <algorithm>
 #include <google/protobuf/descriptor.h>
 #include <utility>
 
 namespace merlow::board {
-
-namespace {
-
-/// The one enumeration of a reject, which says why; null when it has none.
-const google::protobuf::FieldDescriptor* causeField(const google::protobuf::Message& reject)
-{
-    const auto* descriptor = reject.GetDescriptor();
-    for (int index = 0; index < descriptor->field_count(); ++index) {
-        if (descriptor->field(index)->cpp_type() == google::protobuf::FieldDescriptor::CPPTYPE_ENUM) {
-            return descriptor->field(index);
-        }
-    }
-    return nullptr;
-}
-
-} // namespace
 
 BrhServer::BrhServer(std::string kindPrefix, std::string mailboxName, BrhServerConfig config, Outbox& outbox,
                      AnswerPlans& plans)
@@ -85,7 +71,7 @@ void BrhServer::serve(Row& row, const BrhConnection& connection, const BrhFrame&
     }
     const auto plan = m_plans.take(row.kind);
     const bool refuse = plan && plan->action == AnswerPlan::Action::refuse;
-    const BrhAnswer answer = refuse ? refusalOf(row, plan->cause) : row.handle(connection, *request);
+    const BrhAnswer answer = refuse ? refused(row, plan->cause) : row.handle(connection, *request);
     deliver(row, connection.mailbox,
             encodeFrame(answer.number, frame.procedureRef, connection.clientRef, *answer.message),
             answer.confirms, plan);
@@ -111,7 +97,7 @@ void BrhServer::establish(Row& row, const Received& received, const BrhFrame& fr
 
     std::optional<BrhAnswer> reject;
     if (plan && plan->action == AnswerPlan::Action::refuse) {
-        reject = refusalOf(row, plan->cause);
+        reject = refused(row, plan->cause);
     } else if (const auto objection = objectionTo(standing, revision)) {
         reject = m_makeEstablishRej(*objection);
     } else if (!m_outbox.watch(received.sender)) {
@@ -239,35 +225,16 @@ void BrhServer::endConnection(std::uint32_t ref)
     connectionEnded(ended);
 }
 
-BrhAnswer BrhServer::refusalOf(const Row& row, const std::string& cause)
+BrhAnswer BrhServer::refused(const Row& row, const std::string& cause)
 {
-    std::unique_ptr<google::protobuf::Message> reject(row.reject->New());
-    if (const auto* field = causeField(*reject)) {
-        const auto* values = field->enum_type();
-        const auto* value = cause.empty() ? values->value(0) : values->FindValueByName(cause);
-        reject->GetReflection()->SetEnum(reject.get(), field, value);
-    }
-    return {row.rejectNumber, false, std::move(reject)};
-}
-
-AnswerKind BrhServer::kindOf(const Row& row)
-{
-    AnswerKind kind;
-    kind.name = row.kind;
-    kind.canRefuse = row.reject != nullptr;
-    if (const auto* field = kind.canRefuse ? causeField(*row.reject) : nullptr) {
-        for (int index = 0; index < field->enum_type()->value_count(); ++index) {
-            kind.causes.push_back(field->enum_type()->value(index)->name());
-        }
-    }
-    return kind;
+    return {row.rejectNumber, false, refusalOf(*row.reject, cause)};
 }
 
 std::vector<AnswerKind> BrhServer::kinds() const
 {
     std::vector<AnswerKind> kinds;
     for (const auto& [number, row] : m_rows) {
-        kinds.push_back(kindOf(row));
+        kinds.push_back(answerKindOf(row.kind, row.reject));
     }
     return kinds;
 }
@@ -276,7 +243,7 @@ std::optional<AnswerKind> BrhServer::findKind(const std::string& name) const
 {
     for (const auto& [number, row] : m_rows) {
         if (row.kind == name) {
-            return kindOf(row);
+            return answerKindOf(row.kind, row.reject);
         }
     }
     return std::nullopt;

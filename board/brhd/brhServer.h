@@ -137,8 +137,7 @@ private:
     std::uint32_t highestCommonRevision(const std::vector<std::uint32_t>& offered) const;
     const BrhConnection* findConnection(MailboxId client, std::uint32_t clientRef) const;
     void endConnection(std::uint32_t ref);
-    static BrhAnswer refusalOf(const Row& row, const std::string& cause);
-    static AnswerKind kindOf(const Row& row);
+    static BrhAnswer refused(const Row& row, const std::string& cause);
     Row& addRow(const google::protobuf::Message& request, std::uint32_t number);
     template <class Request, class Server>
     Row& addRow(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&));

@@ -9,10 +9,11 @@ namespace merlow::board {
 
 namespace {
 
-constexpr std::array<std::pair<AnswerPlan::Action, std::string_view>, 3> actionNames{{
+constexpr std::array<std::pair<AnswerPlan::Action, std::string_view>, 4> actionNames{{
     {AnswerPlan::Action::refuse, "refuse"},
     {AnswerPlan::Action::delay, "delay"},
     {AnswerPlan::Action::drop, "drop"},
+    {AnswerPlan::Action::abort, "abort"},
 }};
 
 } // namespace

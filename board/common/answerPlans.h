@@ -16,6 +16,7 @@ struct AnswerPlan {
         refuse, ///< the request is not served but rejected
         delay,  ///< served, and the answer goes out later
         drop,   ///< served, and the answer is lost
+        abort,  ///< not served; the answer gives the whole transfer up
     };
 
     Action action = Action::drop;

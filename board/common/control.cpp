@@ -27,6 +27,9 @@ std::optional<ControlAnswer> objectionTo(const AnswerPlan& plan, const AnswerKin
     if (plan.count == 0) {
         return ControlAnswer{Result::usage, "the count must be at least 1", {}};
     }
+    if (plan.action == AnswerPlan::Action::abort && !kind.canAbort) {
+        return ControlAnswer{Result::refused, kind.name + " cannot be aborted", {}};
+    }
     if (plan.action != AnswerPlan::Action::refuse) {
         return std::nullopt;
     }
@@ -50,7 +53,7 @@ ControlAnswer makePlan(Service& service, const nlohmann::json& request)
 {
     const auto action = actionFromText(textMember(request, "action").value_or(""));
     if (!action) {
-        return {Result::usage, "the action is none of refuse, delay, drop", {}};
+        return {Result::usage, "the action is none of refuse, delay, drop, abort", {}};
     }
     const std::string wanted = textMember(request, "kind").value_or("");
     const auto kind = service.findKind(wanted);
@@ -92,7 +95,8 @@ nlohmann::json kindsToJson(const std::vector<AnswerKind>& kinds)
         list.push_back({{"kind", kind.name},
                         {"canRefuse", kind.canRefuse},
                         {"causes", kind.causes},
-                        {"freeCause", kind.freeCause}});
+                        {"freeCause", kind.freeCause},
+                        {"canAbort", kind.canAbort}});
     }
     return list;
 }

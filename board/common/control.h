@@ -6,7 +6,8 @@
 /// | 8 | n | a JSON object in UTF-8 | |
 ///
 /// Requests: {"command": "status" | "kinds" | "clear"};
-/// {"command": "plan", "action": "refuse" | "delay" | "drop", "kind": K, "count": N, "ms": N, "cause": C};
+/// {"command": "plan", "action": "refuse" | "delay" | "drop" | "abort", "kind": K, "count": N, "ms": N,
+/// "cause": C};
 /// {"command": "lose", "server": S, "ref": N}; and what a neighbour has of its own.
 /// Answers: {"result": "done" | "refused" | "usage" | "notFound", "text": T, "data": D}.
 #pragma once

@@ -2,7 +2,6 @@
 
 #include "control.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -13,7 +12,6 @@
 #include <scryTrace.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
-#include <sys/timerfd.h>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -70,11 +68,9 @@ Host::Host()
 
 Host::~Host()
 {
-    for (const int fd : {m_signalFd, m_timerFd}) {
-        if (fd >= 0) {
-            loop().removeFd(fd);
-            close(fd);
-        }
+    if (m_signalFd >= 0) {
+        loop().removeFd(m_signalFd);
+        close(m_signalFd);
     }
 }
 
@@ -88,7 +84,7 @@ int Host::run(Service& service)
     }
     if (openMailboxes() && openDescriptors()) {
         service.begin();
-        const std::string line = "serving " + listOf(service.mailboxNames()) + " in " + base::runDirPath();
+        const std::string line = "serving " + listOf(service.servedNames()) + " in " + base::runDirPath();
         std::cerr << service.name() << ": " << line << std::endl;
         rushlog_log(logCategory, (service.name() + " " + line).c_str());
         if (loop().run() != 0) {
@@ -127,11 +123,9 @@ bool Host::openDescriptors()
 {
     const sigset_t signals = endingSignals();
     m_signalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    m_timerFd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
     const int mnetFd = mnet_get_fd();
-    if (m_signalFd < 0 || m_timerFd < 0 || mnetFd < 0 ||
+    if (m_signalFd < 0 || mnetFd < 0 || !m_delayed.open() ||
         loop().addFd(m_signalFd, EPOLLIN, [this](int, unsigned int) { handleSignal(); }) != 0 ||
-        loop().addFd(m_timerFd, EPOLLIN, [this](int, unsigned int) { handleTimer(); }) != 0 ||
         loop().addFd(mnetFd, EPOLLIN, [this](int, unsigned int) { handleMailboxes(); }) != 0) {
         fail("descriptors cannot be opened: " + reasonOf(errno));
         return false;
@@ -179,39 +173,12 @@ void Host::handleControl(const Received& received)
     send(m_control, received.sender, encodeControl(controlAnswer, request->ref, toJson(answer)));
 }
 
-void Host::handleTimer()
-{
-    std::uint64_t expirations = 0;
-    if (read(m_timerFd, &expirations, sizeof expirations) != static_cast<ssize_t>(sizeof expirations)) {
-        return;
-    }
-    const auto now = Clock::now();
-    while (!m_delayed.empty() && m_delayed.begin()->first <= now) {
-        const auto due = m_delayed.extract(m_delayed.begin());
-        send(due.mapped().from, due.mapped().to, due.mapped().message);
-    }
-    armTimer();
-}
-
 void Host::handleSignal()
 {
     signalfd_siginfo info{};
     if (read(m_signalFd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
         loop().stop();
     }
-}
-
-/// For the first of the delayed messages, if there is any.
-void Host::armTimer()
-{
-    itimerspec timer{};
-    if (!m_delayed.empty()) {
-        using namespace std::chrono;
-        const auto left = std::max<nanoseconds>(m_delayed.begin()->first - Clock::now(), nanoseconds(1));
-        timer.it_value.tv_sec = duration_cast<seconds>(left).count();
-        timer.it_value.tv_nsec = (left % seconds(1)).count();
-    }
-    timerfd_settime(m_timerFd, 0, &timer, nullptr);
 }
 
 void Host::send(MailboxId from, MailboxId to, BytesView message)
@@ -239,12 +206,9 @@ void Host::sendBack(const Received& received)
 
 void Host::sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message)
 {
-    if (m_delayed.size() >= maxDelayed) {
+    if (!m_delayed.add(delay, Delayed{from, to, std::move(message)})) {
         BOARD_LOG(*this, LogLevel::error, "too many delayed messages, lost one to " << hex(to));
-        return;
     }
-    m_delayed.emplace(Clock::now() + delay, Delayed{from, to, std::move(message)});
-    armTimer();
 }
 
 bool Host::watch(MailboxId mailbox)
@@ -265,7 +229,7 @@ MailboxId Host::reopenMailbox(MailboxId mailbox)
 {
     const auto entry = m_mailboxes.extract(mailbox);
     const std::string name = entry.empty() ? "" : entry.mapped();
-    std::erase_if(m_delayed, [mailbox](const auto& delayed) { return delayed.second.from == mailbox; });
+    m_delayed.dropIf([mailbox](const Delayed& delayed) { return delayed.from == mailbox; });
     mnet_delete_mailbox(mailbox);
     const MailboxId reopened = mnet_create_mailbox(name.c_str(), 0);
     if (reopened == MNET_MBOX_NONE) {

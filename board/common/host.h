@@ -1,6 +1,7 @@
 /// The process around a neighbour: mailboxes, event loop, timers, signals, control requests.
 #pragma once
 
+#include "delayQueue.h"
 #include "outbox.h"
 #include "service.h"
 
@@ -46,33 +47,27 @@ public:
     void log(LogLevel level, const char* file, unsigned line, const std::string& text) override;
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     struct Delayed {
         MailboxId from;
         MailboxId to;
         Bytes message;
     };
 
-    /// Delayed messages that are kept at most; more are lost, with a line in the log.
-    static constexpr std::size_t maxDelayed = 65536;
-
     bool openMailboxes();
     bool openDescriptors();
     void fail(const std::string& text);
     void handleMailboxes();
     void handleControl(const Received& received);
-    void handleTimer();
     void handleSignal();
-    void armTimer();
 
     Service* m_service = nullptr;
     int m_signalFd = -1;
-    int m_timerFd = -1;
     MailboxId m_control = noMailbox;
     std::map<MailboxId, std::string> m_mailboxes; ///< of the service
     std::set<MailboxId> m_watched;
-    std::multimap<Clock::time_point, Delayed> m_delayed;
+    DelayQueue<Delayed> m_delayed{[this](Delayed due) {
+        send(due.from, due.to, due.message);
+    }};
     MessagePtr m_inHand; ///< what is being handled, until it is sent back
     int m_exitStatus = 0;
 };

@@ -17,12 +17,19 @@ enum class LogLevel : unsigned {
     info = 5,     ///< the life of connections
 };
 
-/// One thread only, like all of a neighbour. No call throws for a peer that is gone: what is sent to it is
-/// lost, and its notice comes or has come.
-class Outbox {
+/// Where a neighbour's log goes. One thread only, like all of a neighbour.
+class Log {
 public:
-    virtual ~Outbox() = default;
+    virtual ~Log() = default;
 
+    [[nodiscard]] virtual bool logs(LogLevel level) const = 0;
+    virtual void log(LogLevel level, const char* file, unsigned line, const std::string& text) = 0;
+};
+
+/// No call throws for a peer that is gone: what is sent to it is
+/// lost, and its notice comes or has come.
+class Outbox : public Log {
+public:
     virtual void send(MailboxId from, MailboxId to, BytesView message) = 0;
 
     /// Sends the message in hand back to its sender, unchanged and without a copy. At most once for each
@@ -39,9 +46,6 @@ public:
     /// Deletes a mailbox of the daemon and creates one of the same name. Peers see it go and come back. Gives
     /// the new id, or `noMailbox` when the name could not be taken again.
     [[nodiscard]] virtual MailboxId reopenMailbox(MailboxId mailbox) = 0;
-
-    [[nodiscard]] virtual bool logs(LogLevel level) const = 0;
-    virtual void log(LogLevel level, const char* file, unsigned line, const std::string& text) = 0;
 };
 
 /// Writes what is streamed, and builds it only when the level is on.

@@ -26,6 +26,7 @@ struct AnswerKind {
     bool canRefuse = false;
     std::vector<std::string> causes; ///< that a refusal can carry; the first is the usual one
     bool freeCause = false;          ///< any text is a cause
+    bool canAbort = false;           ///< the answer can give the transfer up that the request belongs to
 };
 
 /// Thread: the host's one thread. Ends when the process does.
@@ -36,6 +37,8 @@ public:
     virtual std::string name() const = 0;                      ///< of the program, as "brhd"
     virtual std::string controlMailboxName() const = 0;        ///< where boardctl finds it
     virtual std::vector<std::string> mailboxNames() const = 0; ///< that it serves, besides
+    /// By what it is known to those whom it serves, for people.
+    virtual std::vector<std::string> servedNames() const { return mailboxNames(); }
     /// `mailbox` is now the one of that name.
     virtual void attach(const std::string& mailboxName, MailboxId mailbox) = 0;
 
