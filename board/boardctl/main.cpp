@@ -15,6 +15,7 @@ enum Status : int { done = 0, refused = 1, usage = 2, noAnswer = 3, notFound = 4
 
 const Target brhd{"brhd", "BrhdControl"};
 const Target legacyd{"legacyd", "LegacydControl"};
+const Target swmd{"swmd", "SwmdControl"};
 
 struct Options {
     std::string runDir;
@@ -44,7 +45,7 @@ struct Order {
 };
 
 constexpr const char* footer = R"(Kinds are requests by name, as bri::SetUtcTimeReq, bmmi::RegisterMmiUserReq,
-legacy::Connect, or legacy::NUMBER for any other signal; 'boardctl kinds' lists them.
+swm::PushLoadInitReq, legacy::Connect, or legacy::NUMBER for any other signal; 'boardctl kinds' lists them.
 
 Exit status: 0 done, 1 refused, 2 usage, 3 no answer in time, 4 not found.
 
@@ -59,13 +60,16 @@ std::optional<Target> targetNamed(const std::string& name)
     if (name == "brhd" || name == "bri" || name == "bmmi") {
         return brhd;
     }
+    if (name == "swmd" || name == "swm") {
+        return swmd;
+    }
     return name == "legacyd" || name == "legacy" ? std::optional(legacyd) : std::nullopt;
 }
 
 std::vector<Target> targetsOf(const Options& options)
 {
     if (options.target.empty()) {
-        return {brhd, legacyd};
+        return {brhd, legacyd, swmd};
     }
     return {*targetNamed(options.target)};
 }
@@ -81,8 +85,8 @@ CLI::App* addPlan(CLI::App& app, Options& options, const std::string& name, cons
 
 void addTarget(CLI::App& command, Options& options)
 {
-    command.add_option("PROGRAM", options.target, "brhd or legacyd; both when left out")
-        ->check(CLI::IsMember({"brhd", "legacyd"}));
+    command.add_option("PROGRAM", options.target, "brhd, legacyd or swmd; all when left out")
+        ->check(CLI::IsMember({"brhd", "legacyd", "swmd"}));
 }
 
 void addFault(CLI::App& app, Options& options)
@@ -123,13 +127,15 @@ void addCommands(CLI::App& app, Options& options)
     CLI::App* delay = addPlan(app, options, "delay", "Serve the next request of a kind, answer it later");
     delay->add_option("--ms", options.ms, "Milliseconds")->required();
     addPlan(app, options, "drop", "Serve the next request of a kind, lose its answer");
+    addPlan(app, options, "abort", "Give up the transfer that the next request of a kind belongs to");
 
     CLI::App* lose = app.add_subcommand(
-        "lose", "Lose a server's connections: its mailbox goes and comes back, or one is forgotten silently");
-    lose->add_option("SERVER", options.server, "bri, bmmi or legacy")
+        "lose", "Lose a server's connections: its mailbox goes and comes back, or one is forgotten silently; "
+                "those of swm are closed");
+    lose->add_option("SERVER", options.server, "bri, bmmi, legacy or swm")
         ->required()
-        ->check(CLI::IsMember({"bri", "bmmi", "legacy"}));
-    lose->add_option("--ref", options.ref, "The server's reference of the one connection to forget");
+        ->check(CLI::IsMember({"bri", "bmmi", "legacy", "swm"}));
+    lose->add_option("--ref", options.ref, "The server's reference of the one connection to lose");
 
     CLI::App* answer = app.add_subcommand("answer", "Answer a signal that legacyd would echo");
     answer->add_option("SIGNAL", options.signal, "The signal's number")->required();
@@ -211,7 +217,7 @@ Order orderOf(const CLI::App& command, const Options& options)
     if (name == "describe") {
         return {{brhd}, {{"command", "describe"}}};
     }
-    if (name == "refuse" || name == "delay" || name == "drop") {
+    if (name == "refuse" || name == "delay" || name == "drop" || name == "abort") {
         return planOf(command, options);
     }
     return {targetsOf(options), {{"command", name}}};
@@ -234,8 +240,9 @@ int report(const Target& target, const Reply& reply, const std::string& command)
     if (answer.result != ControlAnswer::Result::done) {
         std::cerr << "boardctl: " << answer.text << "\n";
     } else if (command == "status") {
-        std::cout << (target.program == brhd.program ? brhdStatusText(answer.data)
-                                                     : legacydStatusText(answer.data));
+        std::cout << (target.program == brhd.program   ? brhdStatusText(answer.data)
+                      : target.program == swmd.program ? swmdStatusText(answer.data)
+                                                       : legacydStatusText(answer.data));
     } else if (command == "kinds") {
         std::cout << kindsText(answer.data);
     } else if (command == "describe") {
@@ -285,7 +292,7 @@ int carryOut(const CLI::App& command, const Options& options)
     const Order order = orderOf(command, options);
     if (order.targets.empty()) {
         std::cerr << "boardctl: \"" << options.kind
-                  << "\" is no kind of answer; kinds begin with bri::, bmmi:: or legacy::\n";
+                  << "\" is no kind of answer; kinds begin with bri::, bmmi::, swm:: or legacy::\n";
         return usage;
     }
     ControlClient client;
@@ -298,7 +305,7 @@ int carryOut(const CLI::App& command, const Options& options)
     if (options.json) {
         return reportJson(order.targets, replies);
     }
-    // Asked for both, one that does not run is worth a line, not a failure.
+    // Asked for all, one that does not run is worth a line, not a failure.
     int best = notFound;
     for (std::size_t index = 0; index < replies.size(); ++index) {
         best = std::min(best, report(order.targets[index], replies[index], command.get_name()));

@@ -102,8 +102,15 @@ void writeFrames(std::ostream& out, const json& server)
         out << "\n";
     }
     out << "    dropped: " << textOf(server, "cutFrames") << " cut frames, "
-        << textOf(server, "unknownFrames") << " unknown frames, " << textOf(server, "wrongReferences")
-        << " with a wrong reference\n";
+        << textOf(server, "unknownFrames") << " unknown frames";
+    if (server.contains("wrongReferences")) {
+        out << ", " << textOf(server, "wrongReferences") << " with a wrong reference";
+    }
+    if (server.contains("tooLongFrames")) {
+        out << ", " << textOf(server, "tooLongFrames") << " too long, " << textOf(server, "earlyFrames")
+            << " before the connection was established";
+    }
+    out << "\n";
 }
 
 /// "lower -330, upper 550" for an object, "1, 2" for a list of numbers, "-" for nothing.
@@ -226,6 +233,42 @@ std::string legacydStatusText(const json& status)
     return out.str();
 }
 
+std::string swmdStatusText(const json& status)
+{
+    std::ostringstream out;
+    writeHeading(out, status);
+    out << "  " << textOf(status, "address") << ", revisions " << numbersOf(memberOf(status, "revisions"))
+        << ", " << memberOf(status, "connections").size() << " connections, at most "
+        << textOf(status, "maxConnections") << " established\n";
+    for (const json& connection : memberOf(status, "connections")) {
+        out << "    connection " << textOf(connection, "ref") << ": "
+            << (memberOf(connection, "revision") == 0 ? "not established"
+                                                      : "revision " + textOf(connection, "revision"))
+            << "\n";
+    }
+    for (const json& ticket : memberOf(status, "tickets")) {
+        out << "    ticket " << textOf(ticket, "ticket") << ": connection " << textOf(ticket, "connection")
+            << (memberOf(ticket, "active") == true ? ", active" : ", waits") << "\n";
+    }
+    const json& store = memberOf(status, "store");
+    out << "  store " << textOf(store, "place") << ", " << textOf(store, "slots") << " slots\n";
+    for (const json& module : memberOf(store, "modules")) {
+        out << "    slot " << textOf(module, "slot") << ": " << textOf(module, "software") << ", "
+            << textOf(module, "type") << ", " << textOf(module, "size") << " bytes, "
+            << textOf(module, "status") << ", " << textOf(module, "access")
+            << (memberOf(module, "running") == true ? ", running" : "") << "\n";
+    }
+    if (store.contains("loadedBytes")) {
+        out << "    a load is on its way, " << textOf(store, "loadedBytes") << " bytes so far\n";
+    }
+    if (const std::string lastLoad = textOf(store, "lastLoad"); !lastLoad.empty() && lastLoad != "-") {
+        out << "    the last load: " << lastLoad << "\n";
+    }
+    writeFrames(out, status);
+    writePlans(out, status);
+    return out.str();
+}
+
 std::string faultsText(const json& faults)
 {
     std::ostringstream out;
@@ -256,6 +299,9 @@ std::string kindsText(const json& kinds)
     std::ostringstream out;
     for (const json& kind : kinds) {
         out << textOf(kind, "kind") << ": delay, drop";
+        if (memberOf(kind, "canAbort") == true) {
+            out << ", abort";
+        }
         if (memberOf(kind, "canRefuse") == true) {
             out << ", refuse";
         }

@@ -10,6 +10,7 @@ namespace merlow::board {
 /// never an error.
 std::string brhdStatusText(const nlohmann::json& status);
 std::string legacydStatusText(const nlohmann::json& status);
+std::string swmdStatusText(const nlohmann::json& status);
 
 /// The board's active faults, one a line.
 std::string faultsText(const nlohmann::json& faults);
