@@ -10,10 +10,12 @@ void Unit::start()
 {
     startLegacyd();
     startBrhd();
+    startSwmd();
     startMerlowd();
     ASSERT_TRUE(waitUntilItLetsClientsIn()) << "merlowd said:\n"
                                             << m_merlowd->err() << "brhd said:\n"
-                                            << m_brhd->err() << "legacyd said:\n"
+                                            << m_brhd->err() << "swmd said:\n"
+                                            << m_swmd->err() << "legacyd said:\n"
                                             << m_legacyd->err();
 }
 
@@ -25,6 +27,11 @@ void Unit::startLegacyd()
 void Unit::startBrhd()
 {
     m_brhd = std::make_unique<Process>("brhd", std::vector<std::string>{}, m_environment);
+}
+
+void Unit::startSwmd(const std::vector<std::string>& arguments)
+{
+    m_swmd = std::make_unique<Process>("swmd", arguments, m_environment);
 }
 
 void Unit::startMerlowd(const std::vector<std::string>& arguments)

@@ -16,15 +16,17 @@ public:
     /// Only the folder; nothing runs yet.
     Unit();
 
-    /// legacyd, brhd and merlowd, and waits until the public mailbox stands.
+    /// legacyd, brhd, swmd and merlowd, and waits until the public mailbox stands.
     void start();
 
     void startLegacyd();
     void startBrhd();
+    void startSwmd(const std::vector<std::string>& arguments = {});
     void startMerlowd(const std::vector<std::string>& arguments = {});
 
     [[nodiscard]] Process& legacyd() { return *m_legacyd; }
     [[nodiscard]] Process& brhd() { return *m_brhd; }
+    [[nodiscard]] Process& swmd() { return *m_swmd; }
     [[nodiscard]] Process& merlowd() { return *m_merlowd; }
     [[nodiscard]] const std::string& runDir() const { return m_dir.path(); }
     [[nodiscard]] const Process::Environment& environment() const { return m_environment; }
@@ -39,7 +41,7 @@ public:
     [[nodiscard]] Outcome ccfictl(const std::vector<std::string>& arguments) const;
     [[nodiscard]] Outcome boardctl(const std::vector<std::string>& arguments) const;
 
-    /// What `boardctl status --json` says of "brhd" or "legacyd"; null when it does not answer.
+    /// What `boardctl status --json` says of "brhd", "legacyd" or "swmd"; null when it does not answer.
     [[nodiscard]] nlohmann::json status(const std::string& program) const;
 
 private:
@@ -47,6 +49,7 @@ private:
     Process::Environment m_environment;
     std::unique_ptr<Process> m_legacyd;
     std::unique_ptr<Process> m_brhd;
+    std::unique_ptr<Process> m_swmd;
     std::unique_ptr<Process> m_merlowd;
 };
 

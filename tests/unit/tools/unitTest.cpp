@@ -18,7 +18,7 @@ protected:
         std::string path = testing::TempDir() + "merlowUnitXXXXXX";
         m_folder = mkdtemp(path.data());
         setenv("MERLOW_RUN_DIR", (m_folder + "/run").c_str(), 1);
-        for (const char* part : {"legacyd", "brhd", "merlowd"}) {
+        for (const char* part : {"legacyd", "brhd", "swmd", "merlowd"}) {
             write(part, "exec sleep 60");
         }
     }

@@ -25,7 +25,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 /// The parts, in the order of their start; they end the other way round.
-constexpr const char* partNames[] = {"legacyd", "brhd", "merlowd"};
+constexpr const char* partNames[] = {"legacyd", "brhd", "swmd", "merlowd"};
 constexpr const char* hostName = "merlowd";
 
 constexpr milliseconds partPatience{5000}; // from SIGTERM to SIGKILL
