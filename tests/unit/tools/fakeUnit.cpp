@@ -56,7 +56,7 @@ FakeUnit::FakeUnit(Answers answers, const char* name) : m_answers(std::move(answ
         const mnet_mbox_id_t mailbox = mnet_create_mailbox(name, 0);
         m_control = mnet_clone_mailbox(mailbox, nullptr);
         ready.set_value();
-        serve(mailbox);
+        serve(name, mailbox);
     });
     ready.get_future().wait();
     EXPECT_NE(m_control, MNET_MBOX_NONE);
@@ -77,7 +77,7 @@ std::string FakeUnit::received(std::uint32_t number) const
     return found != m_received.end() ? found->second : std::string();
 }
 
-void FakeUnit::serve(mnet_mbox_id_t mailbox)
+void FakeUnit::serve(const char* name, mnet_mbox_id_t mailbox)
 {
     for (;;) {
         const MnetMsgPtr msg(mnet_receive(nullptr, -1, MNET_FROM_ANY));
@@ -103,6 +103,11 @@ void FakeUnit::serve(mnet_mbox_id_t mailbox)
             if (reply.number == leave) {
                 mnet_delete_mailbox(mailbox);
                 mailbox = m_control;
+                break;
+            }
+            if (reply.number == comeAgain) {
+                mnet_delete_mailbox(mailbox);
+                mailbox = mnet_clone_mailbox(m_control, name);
                 break;
             }
             const auto bytes = bytesOf(answerTo(request, reply.hex));

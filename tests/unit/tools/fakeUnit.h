@@ -54,9 +54,11 @@ public:
     static constexpr std::uint32_t goAway = 0x7000001;
     /// The number of a reply that is not sent: the public mailbox goes instead.
     static constexpr std::uint32_t leave = 0x7000004;
+    /// The same, and another one of that name comes.
+    static constexpr std::uint32_t comeAgain = 0x7000010;
 
 private:
-    void serve(mnet_mbox_id_t mailbox);
+    void serve(const char* name, mnet_mbox_id_t mailbox);
 
     Answers m_answers;
     mutable std::mutex m_mutex;

@@ -24,6 +24,11 @@ constexpr std::array commands{
     CommandRow{"faults", "List the unit's active faults, or follow them", makeFaults},
     CommandRow{"utc", "Hand the board a UTC time", makeUtc},
     CommandRow{"mmi", "Select the MMI mode; 1 is the one that exists", makeMmi},
+    CommandRow{"hwlog", "Read or write the board's hardware log", makeHwLog},
+    CommandRow{"restart", "Restart the board", makeRestart},
+    CommandRow{"notify-restart", "Announce a restart to the board", makeNotifyRestart},
+    CommandRow{"link-supervision", "Ask for link supervision, which the unit does not offer",
+               makeLinkSupervision},
     CommandRow{"raw", "Send any signal and show the answer", makeRaw},
 };
 

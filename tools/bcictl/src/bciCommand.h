@@ -27,13 +27,27 @@ struct Told {
     Fields fields;    ///< the same for programs
 };
 
-/// Sends `req`, awaits `Cfm` or one of `Rej`, and tells how it went: the failure, or what `tell` makes of the
-/// confirm.
+/// A record followed by a terminated text.
+template <class R> [[nodiscard]] MnetMsgPtr toMessage(const R& record, const std::string& text)
+{
+    MnetMsgPtr msg = allocMsg(BciRecord<R>::size + text.size() + 1, BciRecord<R>::number);
+    const MnetMsgPtr head = ::toMessage(record);
+    if (!msg || !head) {
+        return nullptr;
+    }
+    auto* const bytes = reinterpret_cast<unsigned char*>(msg.get());
+    std::memcpy(bytes, head.get(), BciRecord<R>::size);
+    std::memcpy(bytes + BciRecord<R>::size, text.c_str(), text.size() + 1);
+    return msg;
+}
+
+/// Sends `msg`, a `Req`, awaits `Cfm` or one of `Rej`, and tells how it went: the failure, or what `tell`
+/// makes of the confirm.
 template <class Req, class Cfm, class... Rej>
-[[nodiscard]] tools::ExitStatus exchange(tools::BciClient& client, Output& output, const Req& req,
+[[nodiscard]] tools::ExitStatus exchange(tools::BciClient& client, Output& output, MnetMsgPtr msg,
                                          const std::function<Told(const Cfm&)>& tell)
 {
-    const auto answer = client.request(toMessage(req), {BciRecord<Cfm>::number, BciRecord<Rej>::number...});
+    const auto answer = client.request(std::move(msg), {BciRecord<Cfm>::number, BciRecord<Rej>::number...});
     if (const auto* const failure = std::get_if<tools::Failure>(&answer)) {
         output.failed(BciRecord<Req>::number, *failure);
         return failure->status;
@@ -47,6 +61,13 @@ template <class Req, class Cfm, class... Rej>
     output.done(BciRecord<Req>::number, signal.number(), told.text,
                 withReferences(signal.addressInfo(), told.fields));
     return tools::ExitStatus::done;
+}
+
+template <class Req, class Cfm, class... Rej>
+[[nodiscard]] tools::ExitStatus exchange(tools::BciClient& client, Output& output, const Req& req,
+                                         const std::function<Told(const Cfm&)>& tell)
+{
+    return exchange<Req, Cfm, Rej...>(client, output, ::toMessage(req), tell);
 }
 
 } // namespace merlow::bcictl

@@ -1,5 +1,6 @@
 #include "bciOutput.h"
 
+#include "bci/bciRestart.h"
 #include "faultSignals.h"
 #include "hex.h"
 
@@ -9,6 +10,18 @@ namespace {
 
 using tools::Fields;
 using tools::signalName;
+
+void tellRestart(tools::Output& output, const TarnBcRestartBoardNotificationIndS& ind)
+{
+    const auto flag = ind.initiatorFlag;
+    output.event(
+        "restart",
+        output.names(TARN_BC_RESTART_BOARD_NOTIFICATION_IND) + "the board restarts, code " +
+            std::to_string(ind.restartCode) +
+            (flag == 0 ? ", ordered by this client" : ", initiatorFlag " + std::to_string(flag)) + ", " +
+            referencesText(ind.addressInfo),
+        withReferences(ind.addressInfo, {{"restartCode", ind.restartCode}, {"initiatorFlag", flag}}));
+}
 
 } // namespace
 
@@ -59,6 +72,12 @@ void tellIndication(tools::Output& output, const tools::Signal& signal)
     if (const auto event = decodeFault(signal)) {
         tellFaultEvent(output, *event);
         return;
+    }
+    if (signal.number() == TARN_BC_RESTART_BOARD_NOTIFICATION_IND) {
+        if (const auto ind = tools::decode<TarnBcRestartBoardNotificationIndS>(signal)) {
+            tellRestart(output, *ind);
+            return;
+        }
     }
     Fields fields{{"signal", signalName(signal.number())}};
     fields.update(fieldsOf(signal));

@@ -22,7 +22,7 @@ std::string describeSignal(const tools::Signal& signal);
 tools::Fields fieldsOf(const tools::Signal& signal);
 
 void tellConnected(tools::Output& output, const TarnNodeCommonAddressInfoS& references);
-/// A fault by what it says, any other signal by its bytes.
+/// A fault or a restart by what it says, any other signal by its bytes.
 void tellIndication(tools::Output& output, const tools::Signal& signal);
 
 } // namespace merlow::bcictl

@@ -37,6 +37,14 @@ std::unique_ptr<Command> makeUtc();
 // mmiCommands.cpp
 std::unique_ptr<Command> makeMmi();
 
+// hwLogCommands.cpp
+std::unique_ptr<Command> makeHwLog();
+
+// restartCommands.cpp
+std::unique_ptr<Command> makeRestart();
+std::unique_ptr<Command> makeNotifyRestart();
+std::unique_ptr<Command> makeLinkSupervision();
+
 // rawCommand.cpp
 std::unique_ptr<Command> makeRaw();
 

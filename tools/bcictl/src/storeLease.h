@@ -42,18 +42,4 @@ private:
     bool m_isOurs = false;
 };
 
-/// A record followed by a terminated text.
-template <class R> [[nodiscard]] MnetMsgPtr toMessage(const R& record, const std::string& text)
-{
-    MnetMsgPtr msg = allocMsg(BciRecord<R>::size + text.size() + 1, BciRecord<R>::number);
-    const MnetMsgPtr head = ::toMessage(record);
-    if (!msg || !head) {
-        return nullptr;
-    }
-    auto* const bytes = reinterpret_cast<unsigned char*>(msg.get());
-    std::memcpy(bytes, head.get(), BciRecord<R>::size);
-    std::memcpy(bytes + BciRecord<R>::size, text.c_str(), text.size() + 1);
-    return msg;
-}
-
 } // namespace merlow::bcictl

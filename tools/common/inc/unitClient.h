@@ -54,6 +54,13 @@ public:
     /// Hands out what has come. Does not wait.
     void drain();
 
+    /// Hands out what comes until the unit goes away; false when it has not in time.
+    [[nodiscard]] bool awaitLoss();
+
+    /// What this client was made with.
+    [[nodiscard]] const char* unitName() const { return m_unitName; }
+    [[nodiscard]] std::chrono::milliseconds timeout() const { return m_timeout; }
+
     /// The unit went away after it was found. There is no way back but a new client.
     [[nodiscard]] bool isLost() const { return m_isLost; }
 

@@ -173,6 +173,17 @@ void UnitClient::drain()
     }
 }
 
+bool UnitClient::awaitLoss()
+{
+    const auto until = steady_clock::now() + m_timeout;
+    while (const auto signal = receiveUntil(until)) {
+        if (m_onIndication) {
+            m_onIndication(*signal);
+        }
+    }
+    return m_isLost;
+}
+
 std::optional<Signal> UnitClient::receiveUntil(std::optional<TimePoint> deadline)
 {
     while (!m_isLost) {
