@@ -16,6 +16,7 @@
 #include "merlowPid.h"
 #include "merlowRestart.h"
 #include "merlowState.h"
+#include "merlowTemperature.h"
 #include "merlowTime.h"
 #include "merlowTrace.h"
 #include "merlowVisual.h"
@@ -41,6 +42,7 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowState>(commonData));
     components.push_back(std::make_unique<MerlowLinkSupervision>(commonData));
     components.push_back(std::make_unique<MerlowRestart>(commonData));
+    components.push_back(std::make_unique<MerlowTemperature>(commonData));
     components.push_back(std::make_unique<MerlowTime>(commonData));
     components.push_back(std::make_unique<MerlowCapabilities>(commonData));
     components.push_back(std::make_unique<MerlowMaintState>(commonData));

@@ -13,6 +13,7 @@
 #include "merlowPid.h"
 #include "merlowRestart.h"
 #include "merlowState.h"
+#include "merlowTemperature.h"
 #include "merlowVisual.h"
 
 #include <random>
@@ -93,10 +94,11 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     MerlowVisual visual(data());
     MerlowHereIAm hereIAm(data());
     MerlowRestart restart(data());
+    MerlowTemperature temperature(data());
     publish();
     ASSERT_TRUE(maintState.init() && visual.init() && hereIAm.init());
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
-                linkSupervision.init() && capabilities.init() && restart.init());
+                linkSupervision.init() && capabilities.init() && restart.init() && temperature.init());
     const Peer witness = confirmedClient();
     const auto cloneOfWitness = m_lastClone;
     const Peer client = confirmedClient();
@@ -149,10 +151,11 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
     MerlowVisual visual(data());
     MerlowHereIAm hereIAm(data());
     MerlowRestart restart(data());
+    MerlowTemperature temperature(data());
     startUp();
     ASSERT_TRUE(maintState.init() && visual.init() && hereIAm.init());
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
-                linkSupervision.init() && capabilities.init() && restart.init());
+                linkSupervision.init() && capabilities.init() && restart.init() && temperature.init());
     const Peer stranger;
     sendAtEachLength(stranger, privateMbox(), Fill::ones);
     EXPECT_EQ(stranger.receive().hex, "");
