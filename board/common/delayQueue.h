@@ -39,7 +39,7 @@ public:
     }
 
     /// False, and nothing kept, when there are too many.
-    [[nodiscard]] bool add(std::chrono::milliseconds delay, Item item)
+    [[nodiscard]] bool add(std::chrono::microseconds delay, Item item)
     {
         if (m_items.size() >= maxItems) {
             return false;

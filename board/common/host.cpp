@@ -60,7 +60,7 @@ int failToStart(const std::string& program, const std::string& text)
     return 1;
 }
 
-Host::Host()
+Host::Host(unsigned clockSpeed) : m_clockSpeed(clockSpeed)
 {
     const sigset_t signals = endingSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -124,7 +124,7 @@ bool Host::openDescriptors()
     const sigset_t signals = endingSignals();
     m_signalFd = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     const int mnetFd = mnet_get_fd();
-    if (m_signalFd < 0 || mnetFd < 0 || !m_delayed.open() ||
+    if (m_signalFd < 0 || mnetFd < 0 || !m_delayed.open() || !m_actions.open() ||
         loop().addFd(m_signalFd, EPOLLIN, [this](int, unsigned int) { handleSignal(); }) != 0 ||
         loop().addFd(mnetFd, EPOLLIN, [this](int, unsigned int) { handleMailboxes(); }) != 0) {
         fail("descriptors cannot be opened: " + reasonOf(errno));
@@ -209,6 +209,12 @@ void Host::sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId 
     if (!m_delayed.add(delay, Delayed{from, to, std::move(message)})) {
         BOARD_LOG(*this, LogLevel::error, "too many delayed messages, lost one to " << hex(to));
     }
+}
+
+bool Host::runAfter(std::chrono::milliseconds delay, std::function<void()> action)
+{
+    return m_actions.add(std::chrono::duration_cast<std::chrono::microseconds>(delay) / m_clockSpeed,
+                         std::move(action));
 }
 
 bool Host::watch(MailboxId mailbox)

@@ -6,6 +6,7 @@
 #include "service.h"
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mnet.h>
@@ -28,8 +29,9 @@ int failToStart(const std::string& program, const std::string& text);
 /// notices of watched mailboxes come, whatever becomes of the others.
 class Host : public Outbox {
 public:
-    /// Blocks the signals that end the process, for all threads that start from here on.
-    Host();
+    /// Blocks the signals that end the process, for all threads that start from here on. The board's clock
+    /// runs `clockSpeed` times as fast as the system's.
+    explicit Host(unsigned clockSpeed = 1);
     ~Host() override;
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
@@ -41,6 +43,7 @@ public:
     void send(MailboxId from, MailboxId to, BytesView message) override;
     void sendBack(const Received& received) override;
     void sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message) override;
+    [[nodiscard]] bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) override;
     [[nodiscard]] bool watch(MailboxId mailbox) override;
     [[nodiscard]] MailboxId reopenMailbox(MailboxId mailbox) override;
     [[nodiscard]] bool logs(LogLevel level) const override;
@@ -60,6 +63,7 @@ private:
     void handleControl(const Received& received);
     void handleSignal();
 
+    const unsigned m_clockSpeed;
     Service* m_service = nullptr;
     int m_signalFd = -1;
     MailboxId m_control = noMailbox;
@@ -67,6 +71,9 @@ private:
     std::set<MailboxId> m_watched;
     DelayQueue<Delayed> m_delayed{[this](Delayed due) {
         send(due.from, due.to, due.message);
+    }};
+    DelayQueue<std::function<void()>> m_actions{[](const std::function<void()>& action) {
+        action();
     }};
     MessagePtr m_inHand; ///< what is being handled, until it is sent back
     int m_exitStatus = 0;

@@ -5,6 +5,7 @@
 #include "message.h"
 
 #include <chrono>
+#include <functional>
 #include <sstream>
 #include <string>
 
@@ -38,6 +39,11 @@ public:
 
     /// As `send`, but after a delay. Messages without a delay overtake it. It is lost when `from` is gone.
     virtual void sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message) = 0;
+
+    /// Runs `action` once, after a delay on the board's clock, which may run faster than the system's. There
+    /// is no way back: what is no longer wanted has to find that out by itself. False, and nothing is kept,
+    /// when too much is due already.
+    [[nodiscard]] virtual bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) = 0;
 
     /// Has the loss of `mailbox` reported, once, at once if it is gone already. Watching twice is watching
     /// once. False when the loss could not be noticed.

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -89,6 +90,26 @@ public:
         sent.push_back({from, to, textOf(message), delay.count()});
     }
 
+    [[nodiscard]] bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) override
+    {
+        if (canDelay) {
+            m_actions.emplace(m_now + delay, std::move(action));
+        }
+        return canDelay;
+    }
+
+    /// Lets the board's clock go on, and what is due happen.
+    void advance(std::chrono::milliseconds time)
+    {
+        const auto end = m_now + time;
+        while (!m_actions.empty() && m_actions.begin()->first <= end) {
+            const auto due = m_actions.extract(m_actions.begin());
+            m_now = due.key();
+            due.mapped()();
+        }
+        m_now = end;
+    }
+
     [[nodiscard]] bool watch(MailboxId mailbox) override
     {
         watched.insert(mailbox);
@@ -136,9 +157,14 @@ public:
     std::set<MailboxId> watched;
     std::vector<MailboxId> reopened;
     bool canWatch = true;
+    bool canDelay = true;
     bool logsOn = true;
     MailboxId nextMailbox = 0x900;
     std::vector<std::pair<LogLevel, std::string>> logged;
+
+private:
+    std::chrono::milliseconds m_now{0};
+    std::multimap<std::chrono::milliseconds, std::function<void()>> m_actions;
 };
 
 } // namespace merlow::board::test
