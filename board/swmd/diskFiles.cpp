@@ -1,9 +1,10 @@
 #include "diskFiles.h"
 
+#include "stateDir.h"
+
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
-#include <filesystem>
 #include <runDir.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -15,7 +16,6 @@ namespace merlow::board {
 namespace {
 
 constexpr const char* subFolder = "software";
-constexpr mode_t folderMode = 0700;
 constexpr mode_t fileMode = S_IRUSR | S_IWUSR;
 
 std::string errnoText()
@@ -48,25 +48,6 @@ private:
     int m_fd;
 };
 
-/// An O_PATH descriptor of the store's folder, or -1 with `errno`.
-int openFolder(const std::string& stateDir)
-{
-    if (stateDir.empty()) {
-        return base::openRunSubdir(std::string("state/") + subFolder);
-    }
-    std::error_code error;
-    std::filesystem::create_directories(stateDir, error);
-    if (error) {
-        errno = error.value();
-        return -1;
-    }
-    const std::string folder = stateDir + "/" + subFolder;
-    if (mkdir(folder.c_str(), folderMode) != 0 && errno != EEXIST) {
-        return -1;
-    }
-    return ::open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-}
-
 } // namespace
 
 DiskFiles::~DiskFiles()
@@ -76,17 +57,12 @@ DiskFiles::~DiskFiles()
     }
 }
 
-std::string DiskFiles::open(const std::string& stateDir)
+std::string DiskFiles::open()
 {
-    m_place = (stateDir.empty() ? base::runDirPath() + "/state" : stateDir) + "/" + subFolder;
-    const int path = openFolder(stateDir);
-    m_folder = path < 0 ? -1 : openat(path, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const int error = errno;
-    if (path >= 0) {
-        close(path);
-    }
+    m_place = stateDirPath() + "/" + subFolder;
+    m_folder = openStateDir(subFolder);
     if (m_folder < 0) {
-        return "the folder " + m_place + " cannot be used: " + std::generic_category().message(error);
+        return "the folder " + m_place + " cannot be used: " + errnoText();
     }
     if (flock(m_folder, LOCK_EX | LOCK_NB) != 0) {
         return errno == EWOULDBLOCK ? "another swmd has its store in " + m_place

@@ -12,10 +12,9 @@ public:
     DiskFiles(const DiskFiles&) = delete;
     DiskFiles& operator=(const DiskFiles&) = delete;
 
-    /// Opens the folder `software` below `stateDir`, and makes what is missing of it; with an empty
-    /// `stateDir` below the folder `state` of the run-time folder. Gives what went wrong, also that another
-    /// process has the folder; empty when nothing did.
-    [[nodiscard]] std::string open(const std::string& stateDir);
+    /// Opens the folder "software" of the state folder, and makes what is missing of it. Gives what went
+    /// wrong, also that another process has the folder; empty when nothing did.
+    [[nodiscard]] std::string open();
 
     std::string place() const override { return m_place; }
     [[nodiscard]] std::string list(std::vector<Listed>& files) override;

@@ -5,7 +5,6 @@
 #include "swaySwmPeers.h"
 #include "swmd.h"
 
-#include <cstdlib>
 #include <iostream>
 #include <vector>
 
@@ -88,10 +87,9 @@ int serve(const Options& options)
         std::cerr << "swmd: " << text << std::endl;
         return 1;
     };
-    const char* const stateDir = std::getenv("MERLOW_STATE_DIR");
     Host host;
     DiskFiles files;
-    if (const std::string error = files.open(stateDir == nullptr ? "" : stateDir); !error.empty()) {
+    if (const std::string error = files.open(); !error.empty()) {
         return fail(error);
     }
     SqliteInventory inventory;

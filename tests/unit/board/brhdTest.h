@@ -4,6 +4,7 @@
 #include "brhd.h"
 #include "control.h"
 #include "fakeOutbox.h"
+#include "fakeStateStore.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,27 +15,6 @@ constexpr MailboxId briMailbox = 0x10;
 constexpr MailboxId bmmiMailbox = 0x11;
 constexpr MailboxId client = 0x20;
 constexpr MailboxId stranger = 0x30;
-
-/// What outlives brhd, in a string.
-class FakeStateStore : public StateStore {
-public:
-    std::string place() const override { return "the store"; }
-    Loaded load() override { return {text, loadError}; }
-
-    [[nodiscard]] std::string save(const std::string& saved) override
-    {
-        ++saves;
-        if (saveError.empty()) {
-            text = saved;
-        }
-        return saveError;
-    }
-
-    std::string text;
-    std::string loadError;
-    std::string saveError;
-    int saves = 0;
-};
 
 class BrhdTest : public testing::Test {
 protected:

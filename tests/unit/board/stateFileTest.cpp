@@ -85,5 +85,27 @@ TEST_F(StateFileTest, aFolderThatCannotBeIsTold)
     EXPECT_NE(m_file.load().error, "");
 }
 
+TEST_F(StateFileTest, whatOutlivesALossOfPowerHasAFolderOfItsOwn)
+{
+    StateFile file("some.state", StateFile::Folder::state);
+    EXPECT_EQ(file.place(), m_folder / "unit/state/some.state");
+    EXPECT_EQ(file.load().error, "");
+    EXPECT_EQ(file.save("text"), "");
+    EXPECT_TRUE(fs::exists(m_folder / "unit/state/some.state"));
+    EXPECT_EQ(m_file.load().text, "");
+
+    setenv("MERLOW_STATE_DIR", (m_folder / "else/where").c_str(), 1);
+    EXPECT_EQ(file.place(), m_folder / "else/where/some.state");
+    EXPECT_EQ(file.load().text, "");
+    EXPECT_EQ(file.save("another"), "");
+    EXPECT_EQ(StateFile("some.state", StateFile::Folder::state).load().text, "another");
+    EXPECT_TRUE(fs::exists(m_folder / "else/where/some.state"));
+    std::ofstream(m_folder / "file") << "x";
+    setenv("MERLOW_STATE_DIR", (m_folder / "file/where").c_str(), 1);
+    EXPECT_NE(file.save("text"), "");
+    unsetenv("MERLOW_STATE_DIR");
+    EXPECT_EQ(file.load().text, "text");
+}
+
 } // namespace
 } // namespace merlow::board::test

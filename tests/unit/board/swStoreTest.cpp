@@ -345,8 +345,13 @@ protected:
         std::string path = fs::temp_directory_path() / "merlow-store.XXXXXX";
         EXPECT_NE(mkdtemp(path.data()), nullptr);
         m_folder = path;
+        setenv("MERLOW_STATE_DIR", (m_folder / "state").c_str(), 1);
     }
-    ~SwStoreDiskTest() override { fs::remove_all(m_folder); }
+    ~SwStoreDiskTest() override
+    {
+        unsetenv("MERLOW_STATE_DIR");
+        fs::remove_all(m_folder);
+    }
 
     std::string inventoryPath() const { return m_folder / "state/software/inventory.db"; }
 
@@ -357,7 +362,7 @@ TEST_F(SwStoreDiskTest, whatIsLoadedIsAFileAndAnEntry)
 {
     for (const bool again : {false, true}) {
         DiskFiles files;
-        ASSERT_EQ(files.open(m_folder / "state"), "");
+        ASSERT_EQ(files.open(), "");
         EXPECT_EQ(files.place(), m_folder / "state/software");
         SqliteInventory inventory;
         ASSERT_EQ(inventory.open(inventoryPath()), "");
@@ -434,19 +439,19 @@ TEST_F(SwStoreDiskTest, aDatabaseThatIsNoneIsLeftAsItIs)
 TEST_F(SwStoreDiskTest, aFolderHasOneUser)
 {
     DiskFiles first;
-    ASSERT_EQ(first.open(m_folder / "state"), "");
+    ASSERT_EQ(first.open(), "");
     DiskFiles second;
-    EXPECT_EQ(second.open(m_folder / "state"),
-              "another swmd has its store in " + (m_folder / "state/software").string());
+    EXPECT_EQ(second.open(), "another swmd has its store in " + (m_folder / "state/software").string());
 }
 
 TEST_F(SwStoreDiskTest, whatCannotBeDoneIsTold)
 {
     std::ofstream(m_folder / "file") << "no folder";
-    DiskFiles none;
-    EXPECT_THAT(none.open(m_folder / "file/state"), HasSubstr("cannot be used"));
+    setenv("MERLOW_STATE_DIR", (m_folder / "file/state").c_str(), 1);
+    EXPECT_THAT(DiskFiles().open(), HasSubstr("cannot be used"));
+    setenv("MERLOW_STATE_DIR", (m_folder / "state").c_str(), 1);
     DiskFiles files;
-    ASSERT_EQ(files.open(m_folder / "state"), "");
+    ASSERT_EQ(files.open(), "");
     std::unique_ptr<StoreFile> file;
     Bytes start;
     fs::create_directory(m_folder / "state/software/folder");

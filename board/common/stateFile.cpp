@@ -1,5 +1,7 @@
 #include "stateFile.h"
 
+#include "stateDir.h"
+
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -52,16 +54,21 @@ bool writeAll(int fd, const std::string& text)
 
 } // namespace
 
-StateFile::StateFile(std::string name) : m_name(std::move(name)) {}
+StateFile::StateFile(std::string name, Folder folder) : m_name(std::move(name)), m_folder(folder) {}
 
 std::string StateFile::place() const
 {
-    return base::runDirPath() + "/" + m_name;
+    return (m_folder == Folder::state ? stateDirPath() : base::runDirPath()) + "/" + m_name;
+}
+
+int StateFile::openFolder() const
+{
+    return m_folder == Folder::state ? openStateDir("") : base::openRunSubdir("");
 }
 
 StateStore::Loaded StateFile::load()
 {
-    const Descriptor folder(base::openRunSubdir(""));
+    const Descriptor folder(openFolder());
     const Descriptor file(
         folder.isOpen() ? openat(folder.get(), m_name.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW) : -1);
     if (!file.isOpen()) {
@@ -87,7 +94,7 @@ StateStore::Loaded StateFile::load()
 std::string StateFile::save(const std::string& text)
 {
     const std::string fresh = m_name + ".new";
-    const Descriptor folder(base::openRunSubdir(""));
+    const Descriptor folder(openFolder());
     if (!folder.isOpen()) {
         return reason();
     }
@@ -97,7 +104,7 @@ std::string StateFile::save(const std::string& text)
         fsync(file.get()) != 0 || renameat(folder.get(), fresh.c_str(), folder.get(), m_name.c_str()) != 0) {
         return reason();
     }
-    return "";
+    return m_folder == Folder::runTime || fsync(folder.get()) == 0 ? "" : reason();
 }
 
 } // namespace merlow::board
