@@ -43,6 +43,17 @@ TEST_F(BcictlTest, wrongUsageIsStatusTwoAndSendsNothing)
         {"mmi", "one"},
         {"mmi", "-1"},
         {"mmi", "4294967296"},
+        {"maint"},
+        {"maint", "set"},
+        {"maint", "set", "2", "follow"},
+        {"maint", "follow", "2"},
+        {"led"},
+        {"led", "set"},
+        {"led", "get", "0x0110"},
+        {"indicators", "more"},
+        {"hereiam"},
+        {"hereiam", "1"},
+        {"hereiam", "on", "off"},
         {"raw"},
         {"raw", "hello"},
         {"raw", "1", "abc"},
@@ -67,9 +78,10 @@ TEST_F(BcictlTest, helpAndVersionAreStatusZero)
 {
     EXPECT_EQ(run({"--help"}), 0);
     for (const char* word :
-         {"audit",        "enable",       "disable", "running",   "load",      "select", "components",
-          "acquire",      "release",      "faults",  "utc",       "mmi",       "raw",    "session",
-          "--server-ref", "--client-ref", "--rev",   "--timeout", "--run-dir", "--json", "Exit status"}) {
+         {"audit",      "enable",    "disable", "running",    "load",         "select",       "components",
+          "acquire",    "release",   "faults",  "utc",        "mmi",          "maint",        "led",
+          "indicators", "hereiam",   "raw",     "session",    "--server-ref", "--client-ref", "--rev",
+          "--timeout",  "--run-dir", "--json",  "Exit status"}) {
         EXPECT_THAT(m_out.str(), HasSubstr(word));
     }
     EXPECT_EQ(run({"utc", "--help"}), 0);

@@ -3,6 +3,12 @@
 #include "bci/bciRestart.h"
 #include "faultSignals.h"
 #include "hex.h"
+#include "mmiStates.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
 
 namespace merlow::bcictl {
 
@@ -29,6 +35,21 @@ std::string referencesText(const TarnNodeCommonAddressInfoS& references)
 {
     return "clientRef " + std::to_string(references.clientRef) + ", serverRef " +
            std::to_string(references.serverRef);
+}
+
+std::string timeText()
+{
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const std::time_t seconds = system_clock::to_time_t(floor<std::chrono::seconds>(now));
+    const auto thousandths = floor<milliseconds>(now) - floor<std::chrono::seconds>(now);
+    std::tm parts{};
+    gmtime_r(&seconds, &parts);
+    std::array<char, 32> text{};
+    const auto length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
+    (void)std::snprintf(text.data() + length, text.size() - length, ".%03dZ",
+                        static_cast<int>(thousandths.count()));
+    return text.data();
 }
 
 Fields withReferences(const TarnNodeCommonAddressInfoS& references, const Fields& more)
@@ -78,6 +99,9 @@ void tellIndication(tools::Output& output, const tools::Signal& signal)
             tellRestart(output, *ind);
             return;
         }
+    }
+    if (tellMmiIndication(output, signal)) {
+        return;
     }
     Fields fields{{"signal", signalName(signal.number())}};
     fields.update(fieldsOf(signal));

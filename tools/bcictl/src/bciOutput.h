@@ -11,6 +11,9 @@ namespace merlow::bcictl {
 /// "clientRef 1, serverRef 300".
 std::string referencesText(const TarnNodeCommonAddressInfoS& references);
 
+/// Now, in UTC with milliseconds: "2026-01-31T12:34:56.789Z".
+std::string timeText();
+
 /// The references and then `more`, as members of a JSON object.
 tools::Fields withReferences(const TarnNodeCommonAddressInfoS& references, const tools::Fields& more);
 
@@ -22,7 +25,7 @@ std::string describeSignal(const tools::Signal& signal);
 tools::Fields fieldsOf(const tools::Signal& signal);
 
 void tellConnected(tools::Output& output, const TarnNodeCommonAddressInfoS& references);
-/// A fault or a restart by what it says, any other signal by its bytes.
+/// A fault, a restart or a state of the MMI by what it says, any other signal by its bytes.
 void tellIndication(tools::Output& output, const tools::Signal& signal);
 
 } // namespace merlow::bcictl

@@ -6,9 +6,7 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <string_view>
 
 namespace merlow::bcictl {
@@ -34,22 +32,6 @@ constexpr std::array faultNames{
     FaultName{0x0705, "FAN_FAILED"},
     FaultName{0x0706, "FAN_DISCONNECTED"},
 };
-
-/// UTC with milliseconds, "2026-01-31T12:34:56.789Z".
-std::string timeText()
-{
-    using namespace std::chrono;
-    const auto now = system_clock::now();
-    const std::time_t seconds = system_clock::to_time_t(floor<std::chrono::seconds>(now));
-    const auto thousandths = floor<milliseconds>(now) - floor<std::chrono::seconds>(now);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    std::array<char, 32> text{};
-    const auto length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-    (void)std::snprintf(text.data() + length, text.size() - length, ".%03dZ",
-                        static_cast<int>(thousandths.count()));
-    return text.data();
-}
 
 std::string textOf(const FaultEvent& event)
 {

@@ -36,6 +36,10 @@ std::unique_ptr<Command> makeUtc();
 
 // mmiCommands.cpp
 std::unique_ptr<Command> makeMmi();
+std::unique_ptr<Command> makeMaint();
+std::unique_ptr<Command> makeLed();
+std::unique_ptr<Command> makeIndicators();
+std::unique_ptr<Command> makeHereIAm();
 
 // hwLogCommands.cpp
 std::unique_ptr<Command> makeHwLog();

@@ -41,10 +41,15 @@ public:
     [[nodiscard]] bool holdsStore() const { return m_holdsStore; }
     void setHoldsStore(bool holds) { m_holdsStore = holds; }
 
+    /// Whether this client is told of changes of Here I Am, which lasts as long as the client.
+    [[nodiscard]] bool isToldOfHereIAm() const { return m_isToldOfHereIAm; }
+    void setToldOfHereIAm() { m_isToldOfHereIAm = true; }
+
 private:
     std::uint16_t m_protocolRev;
     TarnNodeCommonAddressInfoS m_references;
     bool m_holdsStore = false;
+    bool m_isToldOfHereIAm = false;
 };
 
 /// The record with its number and the client's references, fields zero.
