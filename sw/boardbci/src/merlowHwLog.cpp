@@ -193,7 +193,7 @@ void MerlowHwLog::handleHwLogSetReq(const std::shared_ptr<mnet_msg>& msg)
                             " is different from the number of entries " + std::to_string(entries.size()));
         return;
     }
-    const std::string label(req->logLabel, strnlen(req->logLabel, sizeof(req->logLabel)));
+    const std::string label = Bci::textOf(req->logLabel);
     BrhClient& briClient = m_commonData.getBriClient();
     if (logId == NODE_CONFIG_LOG_ID) {
         bri::StoreNodeConfigEntryReq briReq;

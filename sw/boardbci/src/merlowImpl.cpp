@@ -1,5 +1,6 @@
 #include "merlowImpl.h"
 
+#include "bbBci.h"
 #include "briFaultHandler.h"
 #include "ccfi.h"
 #include "eventLoopIf.h"
@@ -54,6 +55,7 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowHwLog>(commonData));
     components.push_back(std::make_unique<MerlowFaultHandling>(commonData));
     components.push_back(std::make_unique<BriFaultHandler>(commonData));
+    components.push_back(std::make_unique<Merlow::BbBci::BbBci>(commonData));
     components.push_back(std::make_unique<Merlow::Ccfi::Ccfi>(commonData));
     return components;
 }

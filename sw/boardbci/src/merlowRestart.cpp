@@ -6,7 +6,6 @@
 #include "bri.pb.h"
 
 #include <algorithm>
-#include <cstring>
 #include <rushlog.h>
 
 namespace bri = boardresourcehandler::bri;
@@ -32,13 +31,6 @@ bool isRankSupported(std::int16_t rank, std::uint32_t supportedRanks)
     return std::any_of(std::begin(RANK_BITS), std::end(RANK_BITS), [&](const RankBit& row) {
         return row.rank == rank && (supportedRanks & (1U << row.bit)) != 0;
     });
-}
-
-/// The text of free length behind a record: up to its NUL, or to the signal's end.
-template <class R> std::string textBehind(const mnet_msg& msg)
-{
-    const char* text = reinterpret_cast<const char*>(&msg) + BciRecord<R>::size;
-    return {text, strnlen(text, mnet_size(&msg) - BciRecord<R>::size)};
 }
 
 } // namespace
@@ -109,7 +101,7 @@ void MerlowRestart::handleRestartBoardRankLabelFwd(const std::shared_ptr<mnet_ms
     if (m_commonData.getSelectLoadModule().empty()) {
         SCRY_OBJ_TRACE(5, "MerlowRestart::handleRestartBoardRankLabelFwd() 'm_selectLoadModule' is empty.");
     }
-    const std::string traceInfo(fwd->traceInfo, strnlen(fwd->traceInfo, sizeof(fwd->traceInfo)));
+    const std::string traceInfo = Bci::textOf(fwd->traceInfo);
     SCRY_TRACE(4, traceInfo);
     rushlog_log(RUSHLOG_CATEGORY, "Ordered Cold Restart Received");
     BrhClient& briClient = m_commonData.getBriClient();

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string>
 
 namespace Merlow::Ccfi {
@@ -20,20 +19,6 @@ bool isAccepted(std::uint16_t faultId)
 {
     return std::find(ACCEPTED_FAULT_IDS.begin(), ACCEPTED_FAULT_IDS.end(), faultId) !=
            ACCEPTED_FAULT_IDS.end();
-}
-
-/// Up to its terminator, or all of `room` bytes without one.
-std::string textAt(const unsigned char* start, std::size_t room)
-{
-    const auto* text = reinterpret_cast<const char*>(start);
-    return {text, strnlen(text, room)};
-}
-
-/// What stands behind the record.
-std::string hwFaultLabelOf(const mnet_msg& msg)
-{
-    constexpr std::size_t start = BciRecord<CcfiBcFaultFwdS>::size;
-    return textAt(reinterpret_cast<const unsigned char*>(&msg) + start, mnet_size(&msg) - start);
 }
 
 } // namespace
@@ -87,9 +72,8 @@ void CcfiFaultFwd::handleFaultFwd(const std::shared_ptr<mnet_msg>& msg)
     if (!fwd) {
         return;
     }
-    FaultData data(FaultSource::CCFI, fwd->faultId, 0,
-                   textAt(fwd->faultDescription, sizeof(fwd->faultDescription)), fwd->recoveryTime,
-                   hwFaultLabelOf(*msg));
+    FaultData data(FaultSource::CCFI, fwd->faultId, 0, Bci::textOf(fwd->faultDescription), fwd->recoveryTime,
+                   textBehind<CcfiBcFaultFwdS>(*msg));
     TP_REC_SIG(fwd->msgNo, "Received signal CCFI_BC_FAULT_FWD: procedureRef: "
                                << fwd->procedureRef << ", connectionRef: " << fwd->connectionRef << ", "
                                << toString(data));

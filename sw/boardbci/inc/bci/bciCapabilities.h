@@ -20,6 +20,8 @@ template <> struct BciRecord<TarnBcGetCapabilitiesCfmS> {
 };
 static_assert(offsetof(TarnBcGetCapabilitiesCfmS, numberOfBoardCapabilities) == 12);
 
+using TarnBcGetCapabilitiesRejS = TarnBcRejS<TARN_BC_GET_CAPABILITIES_REJ>;
+
 /// One capability. What `content` holds goes by `capabilityNumber`: one of the structs below, or nothing. It
 /// is in network order at all times; `contentOf` and `setContent` convert.
 struct TarnBcBoardCapabilityS {

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <tuple>
 #include <type_traits>
 
@@ -87,6 +88,14 @@ template <class T> [[nodiscard]] T fieldOrZero(const mnet_msg& msg, std::size_t 
     return {.clientRef = fieldOrZero<std::int32_t>(msg, 4), .serverRef = fieldOrZero<std::int32_t>(msg, 8)};
 }
 
+/// The text in an array of a record: up to its NUL, or all of the array.
+template <class C, std::size_t N> [[nodiscard]] std::string textOf(const C (&array)[N])
+{
+    static_assert(sizeof(C) == 1);
+    const auto* text = reinterpret_cast<const char*>(array);
+    return {text, strnlen(text, N)};
+}
+
 } // namespace Bci
 
 template <class R> void ntoh(R& record)
@@ -112,6 +121,13 @@ template <class R> [[nodiscard]] std::optional<R> readSignal(const mnet_msg& msg
     std::memcpy(&record, &msg, BciRecord<R>::size);
     ntoh(record);
     return record;
+}
+
+/// The text of free length behind a record that was read: up to its NUL, or to the signal's end.
+template <class R> [[nodiscard]] std::string textBehind(const mnet_msg& msg)
+{
+    const auto* text = reinterpret_cast<const char*>(&msg) + BciRecord<R>::size;
+    return {text, strnlen(text, mnet_size(&msg) - BciRecord<R>::size)};
 }
 
 /// A zeroed record with its number and the given references set, in host order; converted when it is sent.

@@ -18,8 +18,10 @@
     ROW(TARN_BC_SET_VISUAL_INDICATION_REJ,                     0x1658006, 128)    \
     ROW(TARN_BC_GET_CAPABILITIES_REQ,                          0x1658007,  12)    \
     ROW(TARN_BC_GET_CAPABILITIES_CFM,                          0x1658008,  16)    \
+    ROW(TARN_BC_GET_CAPABILITIES_REJ,                          0x1658009, 128)    \
     ROW(TARN_BC_SUBSCRIBE_FAULTS_REQ,                          0x165800A,  12)    \
     ROW(TARN_BC_SUBSCRIBE_FAULTS_CFM,                          0x165800B,  12)    \
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_REJ,                          0x165800C, 128)    \
     ROW(TARN_BC_FAULT_IND,                                     0x165800D, 144)    \
     ROW(TARN_BC_FAULTCEASE_IND,                                0x165800E,  28)    \
     ROW(TARN_BC_GET_VISUAL_INDICATION_REQ,                     0x165800F,  12)    \
@@ -105,7 +107,9 @@
     ROW(TARN_BC_RESTART_BOARD_WITH_RANK_AND_LABEL_FWD,         0x1659B04, 156)    \
     ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_RECOVERY_TIME_CFM,       0x165A002,  12)    \
     ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_RECOVERY_TIME_REQ,       0x165A004,  12)    \
+    ROW(TARN_BC_FAULT_WITH_RECOVERY_TIME_AND_HW_FAULT_LABEL_IND,0x165A101, 148)   \
     ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_CFM,      0x165A104,  12)    \
+    ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_REJ,      0x165A105, 128)    \
     ROW(TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_REQ,      0x165A107,  12)    \
     ROW(TARN_BC_ORDE_HERE_I_AM_REQ,                            0x165A401,  14)    \
     ROW(TARN_BC_ORDE_HERE_I_AM_CFM,                            0x165A402, 144)    \

@@ -1,4 +1,5 @@
 #include "ccfiFixture.h"
+#include "recordingFaultManager.h"
 
 namespace {
 
@@ -10,30 +11,8 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// Keeps what it is told.
-class RecordingFaultManager : public Merlow::FaultManagerIf {
-public:
-    void subscribeForFaultNotifications(const std::function<void(FaultData, unsigned int)>& /*raised*/,
-                                        const std::function<void(FaultData)>& /*ceased*/) override
-    {
-    }
-    bool addFault(FaultData& data) override
-    {
-        added.push_back(data);
-        return takes;
-    }
-    void removeFault(unsigned short faultId) override { removed.push_back(faultId); }
-    void sendActiveFaults(unsigned int /*mbox*/) override {}
-    [[nodiscard]] std::string getIwdFaultIdString(unsigned short /*faultId*/) override { return {}; }
-    [[nodiscard]] std::string traceIwdFaultId(unsigned short /*faultId*/) override { return {}; }
-
-    bool takes = true;
-    std::vector<FaultData> added;
-    std::vector<unsigned short> removed;
-};
-
 struct ManagerFirst {
-    RecordingFaultManager m_manager; // outlives the board
+    support::RecordingFaultManager m_manager; // outlives the board
 };
 
 /// CCFI_BC_FAULT_FWD over a connection; all texts as they stand, without terminators of their own.
