@@ -29,6 +29,8 @@ struct Options {
     std::string fault;
     std::string fan;
     std::string parent;
+    std::string sensor;
+    double degrees = 0;
     std::uint32_t slot = 0;
     std::uint32_t faultCase = 0;
     std::uint32_t count = 1;
@@ -109,6 +111,25 @@ void addFault(CLI::App& app, Options& options)
     list->add_flag("--json", options.json, "As one JSON list");
 }
 
+void addTemperature(CLI::App& app, Options& options)
+{
+    constexpr double coldest = -3276.8;
+    constexpr double hottest = 3276.7;
+    CLI::App* temp = app.add_subcommand("temp", "Set and list the board's temperatures");
+    temp->fallthrough();
+    temp->require_subcommand(1);
+    CLI::App* set = temp->add_subcommand("set", "Have a sensor tell a temperature until it is unset");
+    CLI::App* unset = temp->add_subcommand("unset", "Have a sensor measure again");
+    for (CLI::App* command : {set, unset}) {
+        command->add_option("SENSOR", options.sensor, "Its name or its number")->required();
+    }
+    set->add_option("DEGREES", options.degrees, "Degrees Celsius; counted in tenths")
+        ->required()
+        ->check(CLI::Range(coldest, hottest));
+    CLI::App* list = temp->add_subcommand("list", "List the sensors and what they tell");
+    list->add_flag("--json", options.json, "As one JSON list");
+}
+
 void addCommands(CLI::App& app, Options& options)
 {
     app.add_option("--timeout", options.timeout, "Seconds to wait for an answer")
@@ -143,6 +164,7 @@ void addCommands(CLI::App& app, Options& options)
     answer->add_option("FIELDS", options.fields, "What follows the references in the answer, in hexadecimal");
 
     addFault(app, options);
+    addTemperature(app, options);
 
     CLI::App* describe = app.add_subcommand("describe", "Print the board description that is in force");
     describe->add_flag("--json", options.json, "As one JSON object, in the form of the file");
@@ -198,6 +220,20 @@ Order faultOf(const CLI::App& command, const Options& options)
     return {{brhd}, std::move(request)};
 }
 
+Order temperatureOf(const CLI::App& command, const Options& options)
+{
+    constexpr double tenthsInDegree = 10;
+    const std::string& action = command.get_subcommands().front()->get_name();
+    nlohmann::json request{{"command", "temp"}, {"action", action}};
+    if (action != "list") {
+        request["sensor"] = options.sensor;
+    }
+    if (action == "set") {
+        request["tenths"] = std::lround(options.degrees * tenthsInDegree);
+    }
+    return {{brhd}, std::move(request)};
+}
+
 Order orderOf(const CLI::App& command, const Options& options)
 {
     const std::string& name = command.get_name();
@@ -206,6 +242,9 @@ Order orderOf(const CLI::App& command, const Options& options)
     }
     if (name == "fault") {
         return faultOf(command, options);
+    }
+    if (name == "temp") {
+        return temperatureOf(command, options);
     }
     if (name == "answer") {
         return {{legacyd},
@@ -249,6 +288,8 @@ int report(const Target& target, const Reply& reply, const std::string& command)
         std::cout << descriptionText(answer.text, answer.data);
     } else if (command == "fault" && answer.data.is_array()) {
         std::cout << faultsText(answer.data);
+    } else if (command == "temp" && answer.data.is_array()) {
+        std::cout << temperaturesText(answer.data);
     } else {
         std::cout << answer.text << "\n";
     }

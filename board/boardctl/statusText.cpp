@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdio>
 #include <ctime>
 #include <sstream>
 
@@ -145,6 +146,7 @@ void writeFault(std::ostream& out, const json& fault)
             out << ", " << member << " " << textOf(fault, member);
         }
     }
+    out << (memberOf(fault, "measured") == true ? ", measured" : "");
     out << "\n";
 }
 
@@ -161,6 +163,29 @@ void writeFaults(std::ostream& out, const json& server)
     if (const std::string error = textOf(memory, "error"); memory.is_object() && !error.empty()) {
         out << "    fault memory: " << textOf(memory, "place") << " " << error << "\n";
     }
+}
+
+/// "21.5" for 215.
+std::string degreesOf(const json& object, const char* name)
+{
+    const json& tenths = memberOf(object, name);
+    if (!tenths.is_number_integer()) {
+        return "-";
+    }
+    std::array<char, 32> text{};
+    (void)std::snprintf(text.data(), text.size(), "%.1f", tenths.get<double>() / 10);
+    return text.data();
+}
+
+void writeTemperature(std::ostream& out, const json& sensor)
+{
+    out << textOf(sensor, "sensor") << " " << textOf(sensor, "name") << ": " << degreesOf(sensor, "tenths")
+        << " (" << textOf(sensor, "source") << ")";
+    if (!memberOf(sensor, "upper").is_null()) {
+        out << ", limits " << degreesOf(sensor, "lower") << " to " << degreesOf(sensor, "upper")
+            << ", hysteresis " << degreesOf(sensor, "hysteresis");
+    }
+    out << "\n";
 }
 
 void writeServer(std::ostream& out, const json& server)
@@ -191,6 +216,14 @@ void writeServer(std::ostream& out, const json& server)
             << "\n";
     }
     writeFaults(out, server);
+    for (const json& sensor : memberOf(server, "temperatures")) {
+        out << "    temperature ";
+        writeTemperature(out, sensor);
+    }
+    for (const json& measurement : memberOf(server, "measurements")) {
+        out << "    measurement " << textOf(measurement, "ref") << ": connection "
+            << textOf(measurement, "connectionRef") << ", every " << textOf(measurement, "period") << " s\n";
+    }
     writeFrames(out, server);
 }
 
@@ -276,6 +309,15 @@ std::string faultsText(const json& faults)
         writeFault(out, fault);
     }
     return faults.empty() ? "no active faults\n" : out.str();
+}
+
+std::string temperaturesText(const json& temperatures)
+{
+    std::ostringstream out;
+    for (const json& sensor : temperatures) {
+        writeTemperature(out, sensor);
+    }
+    return temperatures.empty() ? "no sensors\n" : out.str();
 }
 
 std::string descriptionText(const std::string& origin, const json& description)

@@ -15,6 +15,9 @@ std::string swmdStatusText(const nlohmann::json& status);
 /// The board's active faults, one a line.
 std::string faultsText(const nlohmann::json& faults);
 
+/// The board's sensors, one a line.
+std::string temperaturesText(const nlohmann::json& temperatures);
+
 /// A board description in the form of its file: one key a line. `origin` says where it came from.
 std::string descriptionText(const std::string& origin, const nlohmann::json& description);
 

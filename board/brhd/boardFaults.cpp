@@ -60,6 +60,9 @@ json toJson(const BoardFault& fault)
     if (fault.slot) {
         object["slot"] = *fault.slot;
     }
+    if (fault.measured) {
+        object["measured"] = true;
+    }
     return object;
 }
 
@@ -153,6 +156,7 @@ bool BoardFaults::read(const std::string& text)
         if (!known || readMembers(entry, fault) || active.size() >= maxActive) {
             return false;
         }
+        fault.measured = entry.value("measured", json()) == true;
         active.push_back(std::move(fault));
     }
     std::map<ClientKey, FaultIds> told;
@@ -283,15 +287,10 @@ ControlAnswer BoardFaults::raise(const json& request)
     if (const auto objection = readMembers(request, fault)) {
         return {Result::usage, *objection, {}};
     }
-    if (m_active.size() >= maxActive) {
+    if (!add(fault)) {
         return {Result::refused,
                 "there are " + std::to_string(maxActive) + " active faults; cease one first",
                 {}};
-    }
-    m_active.push_back(fault);
-    remember();
-    for (const auto& [ref, subscriber] : m_subscribers) {
-        sendRaise(subscriber, fault);
     }
     return {Result::done, nameOf(*id) + " raised, case " + std::to_string(fault.faultCase), {}};
 }
@@ -309,6 +308,25 @@ ControlAnswer BoardFaults::cease(const json& request)
         return {Result::notFound, nameOf(*id) + " is not active", {}};
     }
     const std::uint32_t faultCase = ceased->faultCase;
+    remove(ceased);
+    return {Result::done, nameOf(*id) + " ceased, case " + std::to_string(faultCase), {}};
+}
+
+bool BoardFaults::add(const BoardFault& fault)
+{
+    if (m_active.size() >= maxActive) {
+        return false;
+    }
+    m_active.push_back(fault);
+    remember();
+    for (const auto& [ref, subscriber] : m_subscribers) {
+        sendRaise(subscriber, fault);
+    }
+    return true;
+}
+
+void BoardFaults::remove(std::vector<BoardFault>::iterator ceased)
+{
     const FaultId clientsId = ceased->clientsId();
     const auto isAlike = [clientsId](const BoardFault& fault) {
         return fault.clientsId() == clientsId;
@@ -329,7 +347,27 @@ ControlAnswer BoardFaults::cease(const json& request)
         }
     }
     remember();
-    return {Result::done, nameOf(*id) + " ceased, case " + std::to_string(faultCase), {}};
+}
+
+bool BoardFaults::isMeasured(FaultId id) const
+{
+    return std::any_of(m_active.begin(), m_active.end(),
+                       [id](const BoardFault& fault) { return fault.measured && fault.id == id; });
+}
+
+bool BoardFaults::raiseMeasured(FaultId id, std::uint32_t faultCase)
+{
+    return isMeasured(id) || add({.id = id, .faultCase = faultCase, .measured = true});
+}
+
+void BoardFaults::ceaseMeasured(FaultId id)
+{
+    const auto ceased = std::find_if(m_active.begin(), m_active.end(), [id](const BoardFault& fault) {
+        return fault.measured && fault.id == id;
+    });
+    if (ceased != m_active.end()) {
+        remove(ceased);
+    }
 }
 
 void BoardFaults::sendRaise(const Subscriber& subscriber, const BoardFault& fault) const

@@ -22,6 +22,7 @@ struct BoardFault {
     std::optional<std::string> fan{};    ///< the fan's product number
     std::optional<std::string> parent{}; ///< that of the unit that hosts the fan
     std::optional<std::int32_t> slot{};  ///< where the fan is
+    bool measured = false;               ///< raised by the board's own sensors
 
     boardresourcehandler::bri::FaultInd indication() const;
     /// The id by which clients know it: a lost host of a fan is to them the disconnected fan that its
@@ -61,6 +62,12 @@ public:
     void connectionEnded(std::uint32_t connectionRef);
     void clientGone(MailboxId mailbox);
 
+    /// Faults that the board's own sensors raise and cease, one of each id.
+    [[nodiscard]] bool isMeasured(boardresourcehandler::bri::BriFaultId id) const;
+    /// False when there are too many faults already.
+    [[nodiscard]] bool raiseMeasured(boardresourcehandler::bri::BriFaultId id, std::uint32_t faultCase);
+    void ceaseMeasured(boardresourcehandler::bri::BriFaultId id);
+
     /// {"action": "raise", "id": ID or NAME, "case": N, "fan": T, "parent": T, "slot": N},
     /// {"action": "cease", "id": ID or NAME}, {"action": "list"}
     ControlAnswer control(const nlohmann::json& request);
@@ -81,6 +88,9 @@ private:
 
     ControlAnswer raise(const nlohmann::json& request);
     ControlAnswer cease(const nlohmann::json& request);
+    /// False when there are too many.
+    [[nodiscard]] bool add(const BoardFault& fault);
+    void remove(std::vector<BoardFault>::iterator ceased);
 
     void sendRaise(const Subscriber& subscriber, const BoardFault& fault) const;
     void sendCease(const Subscriber& subscriber, FaultId clientsId) const;

@@ -8,7 +8,9 @@ using Result = ControlAnswer::Result;
 
 Brhd::Brhd(Config config, BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox)
     : m_board(std::move(config.board)), m_outbox(outbox),
-      m_bri(std::move(config.bri), m_board.description, std::move(systemClock), store, outbox, m_plans),
+      m_bri(std::move(config.bri), m_board.description,
+            BoardSensors(m_board.description, std::move(config.hwmonFolder), config.seed),
+            std::move(systemClock), store, outbox, m_plans),
       m_bmmi(std::move(config.bmmi), m_board.description.bmmi, outbox, m_plans)
 {
 }
@@ -29,7 +31,7 @@ void Brhd::attach(const std::string& mailboxName, MailboxId mailbox)
 
 void Brhd::begin()
 {
-    m_bri.faults().load();
+    m_bri.begin();
 }
 
 void Brhd::receive(const Received& received)
@@ -100,7 +102,11 @@ ControlAnswer Brhd::lose(const std::string& server, std::optional<std::uint32_t>
 
 ControlAnswer Brhd::clear()
 {
-    return {Result::done, "brhd cleared " + countOf(m_plans.clear(), "plan"), {}};
+    std::string text = "brhd cleared " + countOf(m_plans.clear(), "plan");
+    if (const std::size_t count = m_bri.temperatures().clear(); count != 0) {
+        text += " and " + countOf(count, "set temperature");
+    }
+    return {Result::done, std::move(text), {}};
 }
 
 ControlAnswer Brhd::describe() const
@@ -112,6 +118,9 @@ ControlAnswer Brhd::control(const std::string& command, const nlohmann::json& re
 {
     if (command == "fault") {
         return m_bri.faults().control(request);
+    }
+    if (command == "temp") {
+        return m_bri.temperatures().control(request);
     }
     if (command == "describe") {
         return describe();

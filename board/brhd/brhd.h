@@ -14,6 +14,8 @@ public:
         BrhServerConfig bri;
         BrhServerConfig bmmi;
         LoadedBoard board{};
+        std::string hwmonFolder{}; ///< the kernel's hwmon class; empty: all temperatures are simulated
+        std::uint32_t seed = 1;    ///< of what is left to chance
     };
 
     /// `store` is where the board's faults outlive the process.

@@ -21,7 +21,7 @@ std::optional<TimeAccuracy> accuracyOf(const bri::RegisterUtcTimeSourceReq& req)
 
 } // namespace
 
-BriServer::BriServer(BrhServerConfig config, const BoardDescription& board,
+BriServer::BriServer(BrhServerConfig config, const BoardDescription& board, BoardSensors sensors,
                      BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox,
                      AnswerPlans& plans)
     : BrhServer("bri::", bri::BriServerMetadata().name(), std::move(config), outbox, plans), m_board(board),
@@ -31,7 +31,14 @@ BriServer::BriServer(BrhServerConfig config, const BoardDescription& board,
                       const google::protobuf::Message& message) {
                    this->outbox().send(mailbox(), connection.mailbox,
                                        encodeFrame(number, procedureRef, connection.clientRef, message));
-               })
+               }),
+      m_temperatures(
+          std::move(sensors), m_faults, outbox,
+          [this](const Connection& connection, std::uint32_t procedureRef, const bri::TempMeasInd& ind) {
+              this->outbox().send(
+                  mailbox(), connection.mailbox,
+                  encodeFrame(bri::TempMeasInd::MESSAGE_NUMBER, procedureRef, connection.clientRef, ind));
+          })
 {
     onConnEstablish<bri::ConnEstablishReq, bri::ConnEstablishCfm, bri::ConnEstablishRej>();
     onRequest<bri::GetCapabilitiesReq, bri::GetCapabilitiesRej>(&BriServer::handleGetCapabilitiesReq);
@@ -43,6 +50,15 @@ BriServer::BriServer(BrhServerConfig config, const BoardDescription& board,
     onRequest<bri::SubscribeFaultsReq>(&BriServer::handleSubscribeFaultsReq);
     onRequest<bri::GetProductInfoReq, bri::GetProductInfoRej>(&BriServer::handleGetProductInfoReq);
     onRequest<bri::GetContainerPidReq, bri::GetContainerPidRej>(&BriServer::handleGetContainerPidReq);
+    onRequest<bri::TempMeasStartReq, bri::TempMeasStartRej>(&BriServer::handleTempMeasStartReq);
+    onRequest<bri::TempMeasRestartReq, bri::TempMeasRestartRej>(&BriServer::handleTempMeasRestartReq);
+    onRequest<bri::TempMeasStopReq, bri::TempMeasStopRej>(&BriServer::handleTempMeasStopReq);
+}
+
+void BriServer::begin()
+{
+    m_faults.load();
+    m_temperatures.begin();
 }
 
 BrhAnswer BriServer::handleGetCapabilitiesReq(const Connection& /*connection*/,
@@ -105,10 +121,57 @@ BrhAnswer BriServer::handleSubscribeFaultsReq(const Connection& connection,
     return answer;
 }
 
+BrhAnswer BriServer::handleTempMeasStartReq(const Connection& connection, const bri::TempMeasStartReq& req)
+{
+    bri::TempMeasStartRej rej;
+    if (!BoardTemperatures::isPeriod(req.timer_period())) {
+        rej.set_reject_cause(bri::TempMeasStartRej::INVALID_TIMER_PERIOD);
+        return rejectWith(std::move(rej));
+    }
+    const auto ref = m_temperatures.start(connection, req.timer_period());
+    if (!ref) {
+        rej.set_reject_cause(bri::TempMeasStartRej::UNABLE_TO_START_TIMER);
+        return rejectWith(std::move(rej));
+    }
+    bri::TempMeasStartCfm cfm;
+    cfm.set_temp_meas_ref(*ref);
+    BrhAnswer answer = confirmWith(std::move(cfm));
+    answer.afterwards = [this, connectionRef = connection.ref, ref = *ref](std::uint32_t procedureRef) {
+        m_temperatures.confirmed(connectionRef, ref, procedureRef);
+    };
+    return answer;
+}
+
+BrhAnswer BriServer::handleTempMeasRestartReq(const Connection& connection,
+                                              const bri::TempMeasRestartReq& req)
+{
+    bri::TempMeasRestartRej rej;
+    if (!BoardTemperatures::isPeriod(req.timer_period())) {
+        rej.set_reject_cause(bri::TempMeasRestartRej::INVALID_TIMER_PERIOD);
+        return rejectWith(std::move(rej));
+    }
+    if (!m_temperatures.restart(connection.ref, req.temp_meas_ref(), req.timer_period())) {
+        rej.set_reject_cause(bri::TempMeasRestartRej::INVALID_TEMP_MEAS_REF);
+        return rejectWith(std::move(rej));
+    }
+    return confirmWith(bri::TempMeasRestartCfm());
+}
+
+BrhAnswer BriServer::handleTempMeasStopReq(const Connection& connection, const bri::TempMeasStopReq& req)
+{
+    if (!m_temperatures.stop(connection.ref, req.temp_meas_ref())) {
+        bri::TempMeasStopRej rej;
+        rej.set_reject_cause(bri::TempMeasStopRej::INVALID_TEMP_MEAS_REF);
+        return rejectWith(std::move(rej));
+    }
+    return confirmWith(bri::TempMeasStopCfm());
+}
+
 void BriServer::connectionEnded(const Connection& connection)
 {
     m_clock.connectionEnded(connection.ref);
     m_faults.connectionEnded(connection.ref);
+    m_temperatures.connectionEnded(connection.ref);
 }
 
 void BriServer::clientGone(MailboxId mailbox)
@@ -133,6 +196,7 @@ nlohmann::json BriServer::status() const
     status["utcTime"] = {
         {"now", m_clock.now()}, {"offset", m_clock.offset()}, {"believedSource", m_clock.believedSource()}};
     m_faults.addStatus(status);
+    m_temperatures.addStatus(status);
     return status;
 }
 

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <limits>
+#include <random>
 #include <utility>
 #include <vector>
 
@@ -21,6 +22,8 @@ struct Options {
     std::vector<std::uint32_t> briRevisions{1};
     std::vector<std::uint32_t> bmmiRevisions{1};
     std::size_t maxConnections = merlow::board::BrhServerConfig().maxConnections;
+    unsigned clockSpeed = 1;
+    std::string hwmonFolder = "/sys/class/hwmon";
 };
 
 void addOptions(CLI::App& app, Options& options)
@@ -38,13 +41,21 @@ void addOptions(CLI::App& app, Options& options)
     app.add_option("--max-connections", options.maxConnections, "Connections that each server accepts")
         ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max(), "COUNT"))
         ->capture_default_str();
+    app.add_option("--clock-speed", options.clockSpeed,
+                   "How many times as fast as the system's clock the board does what takes time, for tests")
+        ->check(CLI::Range(1U, 1000U))
+        ->capture_default_str();
+    app.add_option("--hwmon", options.hwmonFolder, "Where the machine tells its temperatures")
+        ->capture_default_str();
 }
 
 merlow::board::Brhd::Config configOf(const Options& options, merlow::board::LoadedBoard board)
 {
     return {{{options.briRevisions.begin(), options.briRevisions.end()}, options.maxConnections},
             {{options.bmmiRevisions.begin(), options.bmmiRevisions.end()}, options.maxConnections},
-            std::move(board)};
+            std::move(board),
+            options.hwmonFolder,
+            std::random_device()()};
 }
 
 } // namespace
@@ -64,7 +75,7 @@ int main(int argc, char** argv)
     if (!board.error.empty()) {
         return merlow::board::failToStart("brhd", board.error);
     }
-    merlow::board::Host host;
+    merlow::board::Host host(options.clockSpeed);
     merlow::board::StateFile store("brhd.state");
     merlow::board::Brhd brhd(configOf(options, std::move(board)), systemTime, store, host);
     return host.run(brhd);

@@ -1,4 +1,4 @@
-/// What connections hold under references that the server handed out: time sources, MMI users.
+/// What connections hold under references that the server handed out: time sources, MMI users, measurements.
 #pragma once
 
 #include <algorithm>
@@ -63,6 +63,14 @@ public:
             return entry.second.connectionRef == connectionRef;
         });
         m_held.erase(connectionRef);
+    }
+
+    /// Calls `visit` with each value, by reference in ascending order. It adds and removes nothing.
+    template <class Visit> void forEach(Visit visit)
+    {
+        for (auto& [ref, entry] : m_entries) {
+            visit(entry.value);
+        }
     }
 
     /// By reference, in ascending order.

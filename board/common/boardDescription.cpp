@@ -27,7 +27,11 @@ constexpr std::size_t longestRevision = 15;
 constexpr std::size_t longestIdentity = 35;
 constexpr std::size_t maxParameterSets = 32;     // more than clients are told of
 constexpr std::int64_t largestParameter = 32767; // clients get 16 bits
-constexpr std::int64_t longestNotice = 600'000;  // ms
+constexpr std::size_t maxPlaces = 32;            // more than clients are told of
+constexpr std::size_t longestPlace = 31;         // bytes
+constexpr const char* machineSensors = "machine";
+constexpr const char* simulatedSensors = "simulated";
+constexpr std::int64_t longestNotice = 600'000; // ms
 constexpr std::int64_t largestBudget = 65536;
 constexpr std::int64_t maxSlots = 64;
 constexpr std::int64_t largestBlock = 262'000; // a message to the store's server has to hold it
@@ -97,14 +101,21 @@ void addOnce(std::vector<Value>& values, Value value, const JsonNode& node, cons
     values.push_back(value);
 }
 
+/// A text or null; `standing` when the member is left out.
+BoardText readText(JsonSection& file, const char* key, BoardText standing)
+{
+    const JsonNode* const node = file.take(key);
+    if (node == nullptr) {
+        return standing;
+    }
+    return node->value.is_null() ? std::nullopt
+                                 : std::optional(jsonText(*node, file.pathOf(key), longestText));
+}
+
 template <class Struct, class Texts> void readTexts(JsonSection& file, Struct& texts, const Texts& members)
 {
     for (const auto& [key, member] : members) {
-        if (const JsonNode* node = file.take(key)) {
-            texts.*member = node->value.is_null()
-                                ? std::nullopt
-                                : std::optional(jsonText(*node, file.pathOf(key), longestText));
-        }
+        texts.*member = readText(file, key, texts.*member);
     }
 }
 
@@ -173,6 +184,47 @@ void readRestart(JsonSection& file, RestartDescription& restart)
         restart.ranks = std::move(ranks);
     }
     file.number("noticeMs", 0, longestNotice, restart.noticeMs);
+}
+
+/// A sensor is named by its name or its number, so that no name may look like a number.
+std::string placeName(JsonSection& file)
+{
+    const JsonNode& node = file.require("name");
+    std::string name = jsonText(node, file.pathOf("name"), longestPlace);
+    if (name.empty() || parseNumber(name)) {
+        throw JsonMistake(node.line, file.pathOf("name"), "must be a text that is no number");
+    }
+    return name;
+}
+
+void readTemperature(JsonSection& file, TemperatureDescription& temperature)
+{
+    if (const JsonNode* sensors = file.take("sensors")) {
+        const std::string text = jsonText(*sensors, file.pathOf("sensors"), longestText);
+        if (text != machineSensors && text != simulatedSensors) {
+            throw JsonMistake(sensors->line, file.pathOf("sensors"),
+                              "must be \"machine\" or \"simulated\", not " + sensors->value.dump());
+        }
+        temperature.simulated = text == simulatedSensors;
+    }
+    std::vector<SensorDescription> places;
+    const auto read = [&places](const JsonNode& node, const std::string& path) {
+        JsonSection section(node, path);
+        SensorDescription place{placeName(section), readText(section, "chip", {}),
+                                readText(section, "label", {})};
+        section.finish();
+        if (place.label && !place.chip) {
+            throw JsonMistake(node.line, path, "has a label and no chip that it is of");
+        }
+        if (std::any_of(places.begin(), places.end(),
+                        [&place](const SensorDescription& known) { return known.name == place.name; })) {
+            throw JsonMistake(node.line, path, "\"" + place.name + "\" is there twice");
+        }
+        places.push_back(std::move(place));
+    };
+    if (file.list("places", maxPlaces, read)) {
+        temperature.places = std::move(places);
+    }
 }
 
 void readHardwareLog(JsonSection& file, HardwareLogDescription& log)
@@ -264,6 +316,7 @@ BoardDescription readBoard(const JsonNode& root)
     file.section("bri", [&](JsonSection& section) { readBri(section, board.bri); });
     file.section("bmmi", [&](JsonSection& section) { readBmmi(section, board.bmmi); });
     file.section("restart", [&](JsonSection& section) { readRestart(section, board.restart); });
+    file.section("temperature", [&](JsonSection& section) { readTemperature(section, board.temperature); });
     file.section("hardwareLog", [&](JsonSection& section) { readHardwareLog(section, board.hardwareLog); });
     file.section("store", [&](JsonSection& section) { readStore(section, board.store); });
     file.finish();
@@ -353,6 +406,20 @@ json bmmiToJson(const BmmiDescription& bmmi)
     return {{"capabilities", std::move(names)}};
 }
 
+json temperatureToJson(const TemperatureDescription& temperature)
+{
+    const auto valueOf = [](const BoardText& text) {
+        return text ? json(*text) : json();
+    };
+    json places = json::array();
+    for (const SensorDescription& place : temperature.places) {
+        places.push_back(
+            {{"name", place.name}, {"chip", valueOf(place.chip)}, {"label", valueOf(place.label)}});
+    }
+    return {{"sensors", temperature.simulated ? simulatedSensors : machineSensors},
+            {"places", std::move(places)}};
+}
+
 json hardwareLogToJson(const HardwareLogDescription& log)
 {
     json own = json::object();
@@ -434,6 +501,7 @@ json toJson(const BoardDescription& board)
             {"bri", briToJson(board.bri)},
             {"bmmi", bmmiToJson(board.bmmi)},
             {"restart", {{"ranks", board.restart.ranks}, {"noticeMs", board.restart.noticeMs}}},
+            {"temperature", temperatureToJson(board.temperature)},
             {"hardwareLog", hardwareLogToJson(board.hardwareLog)},
             {"store", storeToJson(board.store)}};
 }

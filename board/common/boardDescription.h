@@ -113,6 +113,22 @@ struct StoreDescription {
     bool operator==(const StoreDescription&) const = default;
 };
 
+/// A place whose temperature the board measures; its number is that of its place in the list.
+struct SensorDescription {
+    std::string name;
+    BoardText chip;  ///< of the machine, by its name in the kernel's hwmon class; without one it is simulated
+    BoardText label; ///< of the chip's sensor; without one it is the first
+
+    bool operator==(const SensorDescription&) const = default;
+};
+
+struct TemperatureDescription {
+    bool simulated = false; ///< all of them, whatever the machine has
+    std::vector<SensorDescription> places{{"board", {}, {}}, {"processor", "coretemp", "Package id 0"}};
+
+    bool operator==(const TemperatureDescription&) const = default;
+};
+
 struct BoardDescription {
     ProductData product;
     ContainerData container;
@@ -121,6 +137,7 @@ struct BoardDescription {
     BriDescription bri;
     BmmiDescription bmmi;
     RestartDescription restart;
+    TemperatureDescription temperature;
     HardwareLogDescription hardwareLog;
     StoreDescription store;
 

@@ -24,9 +24,10 @@ void Unit::startLegacyd()
     m_legacyd = std::make_unique<Process>("legacyd", std::vector<std::string>{}, m_environment);
 }
 
-void Unit::startBrhd()
+void Unit::startBrhd(std::vector<std::string> arguments)
 {
-    m_brhd = std::make_unique<Process>("brhd", std::vector<std::string>{}, m_environment);
+    arguments.insert(arguments.end(), {"--hwmon", runDir() + "/hwmon"});
+    m_brhd = std::make_unique<Process>("brhd", arguments, m_environment);
 }
 
 void Unit::startSwmd(const std::vector<std::string>& arguments)

@@ -20,7 +20,8 @@ public:
     void start();
 
     void startLegacyd();
-    void startBrhd();
+    /// None of its temperatures is this machine's.
+    void startBrhd(std::vector<std::string> arguments = {});
     void startSwmd(const std::vector<std::string>& arguments = {});
     void startMerlowd(const std::vector<std::string>& arguments = {});
 

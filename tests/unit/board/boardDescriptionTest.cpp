@@ -69,6 +69,9 @@ TEST(BoardDescriptionTest, everyKeyCounts)
                 "hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": 3}]},
         "bmmi": {"capabilities": ["HERE_I_AM"]},
         "restart": {"ranks": [5, 1], "noticeMs": 600000},
+        "temperature": {"sensors": "simulated",
+                        "places": [{"name": "n", "chip": "c", "label": null},
+                                   {"name": "N", "chip": "C", "label": "L"}]},
         "hardwareLog": {"budgetBytes": 65536, "budgetBytesOf": {"2": 1, "999": 9, "0": 8}},
         "store": {"slots": 64, "blockBytes": 262000, "moduleBytes": 4294967295, "preinstalled": null}})";
     BoardDescription expected;
@@ -79,6 +82,7 @@ TEST(BoardDescriptionTest, everyKeyCounts)
     expected.bri = {{12, 0}, {{-32768, 32767, 1}}, {{1, 2, 3}}};
     expected.bmmi = {false, true, false};
     expected.restart = {{5, 1}, 600000};
+    expected.temperature = {true, {{"n", "c", std::nullopt}, {"N", "C", "L"}}};
     expected.hardwareLog = {65536, {{0, 8}, {2, 1}, {999, 9}}};
     expected.store = {64, 262000, 4294967295U, std::nullopt};
     const auto board = parseBoardDescription(text, "b.json");
@@ -145,7 +149,7 @@ INSTANTIATE_TEST_SUITE_P(
         BoardMistakeRow{"\n{}", "2: capabilities: is missing"},
         inLine3(R"("colour": "red")",
                 "colour: is no known key; there are product, container, capabilities, capabilityText, bri, "
-                "bmmi, restart, hardwareLog, store"),
+                "bmmi, restart, temperature, hardwareLog, store"),
         inLine3(R"("restart": {"rank": [1]})", "restart.rank: is no known key; there are ranks, noticeMs"),
         inLine3(R"("bmmi": {}, "product": {"Name": "x"})",
                 "product.Name: is no known key; there are productionDate, name, number, revision, "
@@ -220,6 +224,21 @@ INSTANTIATE_TEST_SUITE_P(
                 "SUPPORT_UNIT_FAULT_INDICATOR, HERE_I_AM, COMMON_MMI"),
         inLine3(R"("bmmi": {"capabilities": ["HERE_I_AM", "HERE_I_AM"]})",
                 "bmmi.capabilities[1]: \"HERE_I_AM\" is there twice"),
+        inLine3(R"("temperature": {"sensors": "real"})",
+                "temperature.sensors: must be \"machine\" or \"simulated\", not \"real\""),
+        inLine3(R"("temperature": {"places": [{"chip": "c"}]})", "temperature.places[0].name: is missing"),
+        inLine3(R"("temperature": {"places": [{"name": ""}]})",
+                "temperature.places[0].name: must be a text that is no number"),
+        inLine3(R"("temperature": {"places": [{"name": "7"}]})",
+                "temperature.places[0].name: must be a text that is no number"),
+        inLine3(R"("temperature": {"places": [{"name": "a", "label": "l"}]})",
+                "temperature.places[0]: has a label and no chip that it is of"),
+        inLine3(R"("temperature": {"places": [{"name": "a"}, {"name": "a", "chip": "c"}]})",
+                "temperature.places[1]: \"a\" is there twice"),
+        inLine3(R"("temperature": {"places": [{"name": "a", "place": "b"}]})",
+                "temperature.places[0].place: is no known key; there are name, chip, label"),
+        inLine3(R"("temperature": {"places": [{"name": "a", "chip": 7}]})",
+                "temperature.places[0].chip: must be a text, not 7"),
         inLine3(R"("hardwareLog": {"budgetBytes": 0})",
                 "hardwareLog.budgetBytes: must be a whole number from 1 to 65536, not 0"),
         inLine3(R"("hardwareLog": {"budgetBytesOf": {"2": 65537}})",
@@ -242,6 +261,8 @@ INSTANTIATE_TEST_SUITE_P(
                             "capabilityText: is a text of 256 bytes, at most 255 are possible"),
                     inLine3(R"("product": {"name": "a\u0000b"})", "product.name: holds a control character"),
                     inLine3(R"("product": {"name": "a\u007f"})", "product.name: holds a control character"),
+                    inLine3("\"temperature\": {\"places\": [{\"name\": \"" + std::string(32, 'x') + "\"}]}",
+                            "temperature.places[0].name: is a text of 32 bytes, at most 31 are possible"),
                     inLine3(withModule(28, 1),
                             "store.preinstalled.number: is a text of 28 bytes, at most 27 are possible"),
                     inLine3(withModule(1, 16),

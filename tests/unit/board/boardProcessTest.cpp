@@ -3,6 +3,7 @@
 #include "process.h"
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -416,6 +417,45 @@ TEST_F(BoardProcessTest, faultsAreRaisedCeasedAndListed)
     EXPECT_THAT(boardctl({"status", "brhd"}).out,
                 HasSubstr("    active fault EXTERNAL_FAN_FAILED (7), case 3, fan K 1, parent P 2, slot 4\n"
                           "    fault subscriber: connection 1\n"));
+}
+
+TEST_F(BoardProcessTest, temperaturesAreReadSetAndListed)
+{
+    std::filesystem::create_directories(m_dir.path() + "/hwmon/hwmon0");
+    const auto write = [this](const char* file, const char* text) {
+        std::ofstream(m_dir.path() + "/hwmon/hwmon0/" + file) << text << "\n";
+    };
+    write("name", "coretemp");
+    write("temp1_label", "Package id 0");
+    write("temp1_input", "61500");
+    startBrhd({"--hwmon", m_dir.path() + "/hwmon"});
+    const std::string processor = "1 processor: 61.5 (" + m_dir.path() +
+                                  "/hwmon/hwmon0/temp1_input), limits 0.0 to 85.0, hysteresis 3.0\n";
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        std::string out;
+        const char* err;
+    } steps[] = {
+        {{"set", "board", "55.1"}, 0, "board is at 55.1\n", ""},
+        {{"list"}, 0, "0 board: 55.1 (set), limits -33.0 to 55.0, hysteresis 2.0\n" + processor, ""},
+        {{"list", "--json"}, 0, "[{\"hysteresis\":20,\"lower\":-330,\"name\":\"board\",", ""},
+        {{"set", "0", "-40"}, 0, "board is at -40.0\n", ""},
+        {{"unset", "0"}, 0, "board measures again, ", ""},
+        {{"set", "cellar", "1"}, 4, "", "boardctl: \"cellar\" is no sensor; there are board, processor\n"},
+        {{"set", "board", "3276.8"}, 2, "", "DEGREES"},
+        {{"set", "board", "hot"}, 2, "", "DEGREES"},
+        {{"set", "board"}, 2, "", "DEGREES is required"},
+        {{}, 2, "", "subcommand"},
+    };
+    for (auto [arguments, expected, out, err] : steps) {
+        arguments.insert(arguments.begin(), "temp");
+        const auto outcome = boardctl(arguments);
+        EXPECT_EQ(outcome.status, expected) << outcome.out << outcome.err;
+        EXPECT_THAT(outcome.out, testing::StartsWith(out));
+        EXPECT_THAT(outcome.err, HasSubstr(err));
+    }
+    EXPECT_THAT(boardctl({"status", "brhd"}).out, HasSubstr("    temperature " + processor));
 }
 
 TEST_F(BoardProcessTest, aKilledOneLeavesItsFaultsToItsSuccessor)
