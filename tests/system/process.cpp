@@ -50,6 +50,11 @@ bool waitUntil(const std::function<bool()>& condition, milliseconds limit)
     return true;
 }
 
+std::string programPath(const std::string& program)
+{
+    return std::string(MERLOW_BIN_DIR) + "/" + program;
+}
+
 TempDir::TempDir() : m_path(::testing::TempDir() + "merlowXXXXXX")
 {
     if (mkdtemp(m_path.data()) == nullptr) {
@@ -66,8 +71,7 @@ TempDir::~TempDir()
 Process::Process(const std::string& program, const std::vector<std::string>& arguments,
                  const Environment& environment)
 {
-    const std::string path =
-        program.find('/') == std::string::npos ? std::string(MERLOW_BIN_DIR) + "/" + program : program;
+    const std::string path = program.find('/') == std::string::npos ? programPath(program) : program;
     std::map<std::string, std::string> variables;
     for (char** entry = environ; *entry != nullptr; ++entry) {
         const std::string text = *entry;

@@ -21,6 +21,9 @@ constexpr milliseconds patience{20000};
 /// Calls `condition` until it is true or `limit` has passed; says which it was.
 [[nodiscard]] bool waitUntil(const std::function<bool()>& condition, milliseconds limit = patience);
 
+/// Where a program of the build is.
+[[nodiscard]] std::string programPath(const std::string& program);
+
 /// A folder for one test, removed with everything in it.
 class TempDir {
 public:

@@ -1,11 +1,13 @@
-// What the unit tells of a part that dies.
+// A unit that cannot come up. Those that do are real ones, in the system tests.
 
 #include "unit.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 
 namespace merlow::unit {
 namespace {
@@ -45,10 +47,41 @@ protected:
     std::string m_folder;
 };
 
-TEST_F(UnitTest, aPartThatDiesEndsTheUnit)
+TEST(BackOffTest, theWaitDoublesUpToALimit)
+{
+    using std::chrono::milliseconds;
+    BackOff backOff;
+    const int waits[] = {100, 200, 400, 800, 1600, 3200, 6400, 10000, 10000, 10000};
+    for (unsigned index = 0; index < std::size(waits); ++index) {
+        EXPECT_EQ(backOff.afterEnd(BackOff::settled - milliseconds(1)).count(), waits[index]);
+        EXPECT_EQ(backOff.endsInARow(), index + 1);
+    }
+    EXPECT_EQ(backOff.afterEnd(BackOff::settled).count(), 100) << "it had stayed up";
+    EXPECT_EQ(backOff.afterEnd(milliseconds(0)).count(), 200);
+    backOff.reset();
+    EXPECT_EQ(backOff.endsInARow(), 0U);
+    EXPECT_EQ(backOff.afterEnd(milliseconds(0)).count(), 100);
+}
+
+TEST_F(UnitTest, aNeighbourThatCannotStartEndsTheUnit)
 {
     write("brhd", "exit 3");
     EXPECT_EXIT(live(""), testing::ExitedWithCode(1), "unit: brhd ended with exit status 3; ending the rest");
+}
+
+TEST_F(UnitTest, theHostHasSomeAttemptsToStart)
+{
+    write("merlowd", "echo start >> " + m_folder + "/starts; exit 1");
+    EXPECT_EXIT(live(""), testing::ExitedWithCode(1),
+                "unit: merlowd ended with exit status 1; starting it again in 100 ms\n"
+                "unit: merlowd ended with exit status 1; starting it again in 200 ms\n"
+                "unit: merlowd ended with exit status 1, 3 times in a row; it cannot stay up; "
+                "starting it again in 400 ms\n"
+                "unit: merlowd ended with exit status 1, 4 times in a row; it cannot stay up; "
+                "starting it again in 800 ms\n"
+                "unit: merlowd ended with exit status 1; ending the rest\n");
+    std::ifstream starts(m_folder + "/starts");
+    EXPECT_EQ(std::count(std::istreambuf_iterator<char>(starts), {}, '\n'), 5);
 }
 
 TEST_F(UnitTest, itSaysWhereTheWordsOfADeadPartAre)

@@ -21,14 +21,17 @@ std::string ownFolder()
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Runs a whole unit, neighbours and server, until Ctrl-C, or until COMMAND is done.", "unit");
+    CLI::App app(
+        "Runs a whole unit, neighbours and server, and keeps it up until Ctrl-C, or until COMMAND is done.",
+        "unit");
     merlow::unit::Unit::Settings settings;
     std::string runDir;
     merlow::base::addCommonOptions(app, runDir);
     app.add_option("--log", settings.logFile, "A file for what the parts say");
     app.add_option("COMMAND", settings.command, "Behind --: what to run once the unit is up");
-    app.footer(
-        "Exit status: 0 all well, that of COMMAND, 1 the unit did not start or a part died, 2 wrong usage.");
+    app.footer("A part that ends is started again. Exit status: 0 all well, that of COMMAND, 1 the unit did "
+               "not come up or "
+               "did not end well, 2 wrong usage.");
     if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
         return *status;
     }

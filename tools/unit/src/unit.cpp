@@ -1,5 +1,6 @@
 #include "unit.h"
 
+#include "partStatus.h"
 #include "runDir.h"
 
 #include <algorithm>
@@ -21,20 +22,41 @@ namespace merlow::unit {
 
 namespace {
 
-using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 /// The parts, in the order of their start; they end the other way round.
 constexpr const char* partNames[] = {"legacyd", "brhd", "swmd", "merlowd"};
 constexpr const char* hostName = "merlowd";
+constexpr std::string_view softwareServerName = "swmd";
 
-constexpr milliseconds partPatience{5000}; // from SIGTERM to SIGKILL
+constexpr std::chrono::milliseconds partPatience{5000}; // from SIGTERM to SIGKILL
+constexpr unsigned startAttempts = 5;                   // of one part before the unit was up
+constexpr unsigned manyEnds = 3;                        // in a row: the part cannot stay up
 
 /// Whether a second terminal needs to be told where the unit is.
 bool isRunDirChosen()
 {
     const char* const chosen = std::getenv("MERLOW_RUN_DIR");
     return chosen != nullptr && *chosen != '\0';
+}
+
+std::chrono::milliseconds sinceThen(steady_clock::time_point then)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(steady_clock::now() - then);
+}
+
+void say(const std::string& text)
+{
+    std::cerr << "unit: " << text << std::endl;
+}
+
+/// Whether a part that was asked to end did so. One that was asked before it could listen ends by the signal
+/// itself, and that is fine.
+bool isGoodEnd(int waitStatus)
+{
+    return WIFSIGNALED(waitStatus)
+               ? WTERMSIG(waitStatus) == SIGTERM
+               : WEXITSTATUS(waitStatus) == 0 || WEXITSTATUS(waitStatus) == base::boardRestartStatus;
 }
 
 /// As it can be typed in the folder that the unit was started in.
@@ -116,41 +138,61 @@ bool Unit::startParts()
 {
     for (const char* const name : partNames) {
         const std::string program = m_settings.programDir + '/' + name;
-        Part& part = m_parts.emplace_back(name, std::vector<std::string>{program}, Part::Place::background);
-        const bool isHost = std::string_view(name) == hostName;
-        if (!part.start({isHost ? m_notifySocket.name() : std::string(), m_logFd})) {
+        Supervised& supervised = m_parts.emplace_back(Part(name, {program}, Part::Place::background));
+        if (std::string_view(name) == hostName) {
+            m_host = &supervised;
+        }
+        if (!start(supervised)) {
             fail(program + " cannot be started: " + std::strerror(errno));
             return false;
-        }
-        if (isHost) {
-            m_host = &part;
         }
     }
     return true;
 }
 
+bool Unit::start(Supervised& supervised)
+{
+    supervised.startAgainAt.reset();
+    supervised.isToEnd = false;
+    supervised.startedAt = steady_clock::now();
+    return supervised.part.start({&supervised == m_host ? m_notifySocket.name() : std::string(), m_logFd});
+}
+
 void Unit::watch()
 {
     while (m_state != State::ending) {
-        int timeout = -1;
-        if (m_state == State::starting && !m_settings.command.empty()) {
-            const auto left =
-                std::chrono::ceil<milliseconds>(m_startedAt + m_settings.patience - steady_clock::now());
-            if (left <= milliseconds(0)) {
-                fail("not up after " + std::to_string(m_settings.patience.count()) +
-                     " s; the last word of merlowd: " + m_lastStatus);
-                return;
-            }
-            timeout = static_cast<int>(left.count());
-        }
+        const auto left = timeLeft();
         std::array<pollfd, 2> fds{{{m_signalFd, POLLIN, 0}, {m_notifySocket.fd(), POLLIN, 0}}};
+        const int timeout = left ? static_cast<int>(std::max(*left, milliseconds(0)).count()) : -1;
         if (poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR) {
             fail(std::string("poll: ") + std::strerror(errno));
             return;
         }
         handleReports();
         handleSignals();
+        restartBoard();
+        startDueParts();
+        if (m_state == State::starting && !m_settings.command.empty() &&
+            steady_clock::now() >= m_startedAt + m_settings.patience) {
+            fail("not up after " + std::to_string(m_settings.patience.count()) +
+                 " s; the last word of merlowd: " + m_lastStatus);
+        }
     }
+}
+
+std::optional<Unit::milliseconds> Unit::timeLeft() const
+{
+    std::optional<TimePoint> first;
+    if (m_state == State::starting && !m_settings.command.empty()) {
+        first = m_startedAt + m_settings.patience;
+    }
+    for (const Supervised& supervised : m_parts) {
+        if (supervised.startAgainAt) {
+            first = std::min(first.value_or(*supervised.startAgainAt), *supervised.startAgainAt);
+        }
+    }
+    return first ? std::optional(std::chrono::ceil<milliseconds>(*first - steady_clock::now()))
+                 : std::nullopt;
 }
 
 void Unit::handleSignals()
@@ -173,12 +215,12 @@ void Unit::handleSignals()
 void Unit::handleReports()
 {
     while (m_host != nullptr) {
-        const auto report = m_notifySocket.receive(m_host->pid());
+        const auto report = m_notifySocket.receive(m_host->part.pid());
         if (!report) {
             return;
         }
         m_lastStatus = valueIn(*report, "STATUS").value_or(m_lastStatus);
-        if (m_state == State::starting && valueIn(*report, "READY") == "1") {
+        if (valueIn(*report, "READY") == "1") {
             becomeUp();
         }
     }
@@ -186,9 +228,9 @@ void Unit::handleReports()
 
 void Unit::handleDeaths()
 {
-    for (Part& part : m_parts) {
-        if (const auto status = part.reap()) {
-            handleDeath(part, *status);
+    for (Supervised& supervised : m_parts) {
+        if (const auto status = supervised.part.reap()) {
+            handleDeath(supervised, *status);
         }
     }
     if (m_command) {
@@ -201,20 +243,100 @@ void Unit::handleDeaths()
     }
 }
 
-void Unit::handleDeath(const Part& part, int waitStatus)
+void Unit::handleDeath(Supervised& supervised, int waitStatus)
 {
-    if (m_state != State::ending) {
-        const std::string log =
-            m_settings.logFile.empty() ? std::string() : "; what it said is in " + m_settings.logFile;
-        fail(part.name() + " ended with " + describeEnd(waitStatus) + log + "; ending the rest");
-    } else if (waitStatus != 0 && !(WIFSIGNALED(waitStatus) && WTERMSIG(waitStatus) == SIGTERM)) {
-        // One that was asked to end before it could listen ends by the signal itself, and that is fine.
-        fail(part.name() + " ended with " + describeEnd(waitStatus));
+    const std::string whatHappened = supervised.part.name() + " ended with " + describeEnd(waitStatus);
+    if (supervised.isToEnd || m_state == State::ending) {
+        if (!isGoodEnd(waitStatus)) {
+            say(whatHappened);
+            m_result = m_state == State::ending ? 1 : m_result;
+        }
+        return;
+    }
+    if (WIFEXITED(waitStatus) && WEXITSTATUS(waitStatus) == base::boardRestartStatus) {
+        say(supervised.part.name() + " has the board restarted; starting every part again");
+        m_doesBoardRestart = true;
+        return;
+    }
+    if (isHopeless(supervised, waitStatus)) {
+        fail(whatHappened + whereItsWordsAre() + "; ending the rest");
+    } else {
+        startLater(supervised, whatHappened);
+    }
+}
+
+bool Unit::isHopeless(const Supervised& supervised, int waitStatus) const
+{
+    return m_state == State::starting && ((WIFEXITED(waitStatus) && &supervised != m_host) ||
+                                          supervised.backOff.endsInARow() + 1 >= startAttempts);
+}
+
+void Unit::startLater(Supervised& supervised, const std::string& whatHappened)
+{
+    const auto now = steady_clock::now();
+    const auto wait = supervised.backOff.afterEnd(sinceThen(supervised.startedAt));
+    supervised.startAgainAt = now + wait;
+    if (&supervised == m_host) {
+        m_downSince = now;
+    }
+    std::string text = whatHappened;
+    if (supervised.backOff.endsInARow() >= manyEnds) {
+        text += ", " + std::to_string(supervised.backOff.endsInARow()) +
+                " times in a row; it cannot stay up" + whereItsWordsAre();
+    }
+    text += "; starting it again in " + std::to_string(wait.count()) + " ms";
+    say(text + (supervised.part.name() == softwareServerName ? ", and merlowd behind it" : ""));
+}
+
+/// Those that are due at the same time in the order of the first start.
+void Unit::startDueParts()
+{
+    for (Supervised& supervised : m_parts) {
+        if (m_state != State::ending && supervised.startAgainAt &&
+            steady_clock::now() >= *supervised.startAgainAt) {
+            startAgain(supervised);
+        }
+    }
+}
+
+void Unit::startAgain(Supervised& supervised)
+{
+    if (supervised.part.name() == softwareServerName && m_host->part.isRunning()) {
+        m_downSince = steady_clock::now();
+        endSupervised(*m_host);
+        m_host->startAgainAt = steady_clock::now();
+    }
+    if (m_state != State::ending && !start(supervised)) {
+        startLater(supervised, supervised.part.name() + " cannot be started: " + std::strerror(errno));
+    }
+}
+
+/// A board that restarts again and again takes its time for it, as a part does.
+void Unit::restartBoard()
+{
+    if (!m_doesBoardRestart || m_state == State::ending) {
+        return;
+    }
+    m_doesBoardRestart = false;
+    m_downSince = steady_clock::now();
+    const auto wait = m_boardBackOff.afterEnd(sinceThen(m_boardStartedAt));
+    for (auto supervised = m_parts.rbegin(); supervised != m_parts.rend(); ++supervised) {
+        endSupervised(*supervised);
+    }
+    m_doesBoardRestart = false; // another part may have said so as well
+    m_boardStartedAt = steady_clock::now() + wait;
+    for (Supervised& supervised : m_parts) {
+        supervised.backOff.reset();
+        supervised.startAgainAt = m_boardStartedAt;
     }
 }
 
 void Unit::becomeUp()
 {
+    if (m_state == State::up) {
+        say("up again after " + std::to_string(sinceThen(m_downSince).count()) + " ms");
+        return;
+    }
     m_state = State::up;
     if (m_settings.command.empty()) {
         sayHowToGoOn();
@@ -228,7 +350,7 @@ void Unit::becomeUp()
 
 void Unit::sayHowToGoOn() const
 {
-    const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - m_startedAt).count();
+    const auto took = sinceThen(m_startedAt).count();
     const std::string where = isRunDirChosen() ? " --run-dir " + base::runDirPath() : std::string();
     const std::pair<const char*, const char*> commands[] = {
         {"/bcictl audit", "connect as a client, read its state"},
@@ -245,9 +367,14 @@ void Unit::sayHowToGoOn() const
     std::cout << "\nCtrl-C here ends it.\n" << std::endl;
 }
 
+std::string Unit::whereItsWordsAre() const
+{
+    return m_settings.logFile.empty() ? "" : "; what it said is in " + m_settings.logFile;
+}
+
 void Unit::fail(const std::string& text)
 {
-    std::cerr << "unit: " << text << std::endl;
+    say(text);
     m_result = 1;
     m_state = State::ending;
 }
@@ -258,9 +385,15 @@ void Unit::end()
     if (m_command) {
         endPart(*m_command);
     }
-    for (auto part = m_parts.rbegin(); part != m_parts.rend(); ++part) {
-        endPart(*part);
+    for (auto supervised = m_parts.rbegin(); supervised != m_parts.rend(); ++supervised) {
+        endSupervised(*supervised);
     }
+}
+
+void Unit::endSupervised(Supervised& supervised)
+{
+    supervised.isToEnd = true;
+    endPart(supervised.part);
 }
 
 void Unit::endPart(Part& part)

@@ -1,6 +1,7 @@
-/// A whole unit on one machine: its parts, started in order, watched, ended in order.
+/// A whole unit on one machine: its parts, started in order, kept up, ended in order.
 #pragma once
 
+#include "backOff.h"
 #include "notifySocket.h"
 #include "part.h"
 
@@ -12,8 +13,16 @@
 
 namespace merlow::unit {
 
-/// Runs until a signal asks for the end, a part dies, or the command is done. One thread, which has SIGINT,
-/// SIGTERM, SIGHUP and SIGCHLD blocked.
+/// Runs until a signal asks for the end, the command is done, or the unit cannot come up. One thread, which
+/// has SIGINT, SIGTERM, SIGHUP and SIGCHLD blocked.
+///
+///   a part ends            it is started again after a while, a longer one with each end in a row
+///   the software server    the same, and the host behind it, which connects to it only once
+///   a part ends with       all parts are ended and started again
+///   boardRestartStatus
+///
+/// Before the unit was up, a neighbour that ends by itself ends the unit: it would do so again. The host may
+/// have been too quick for its neighbours, so that it has some attempts.
 class Unit {
 public:
     struct Settings {
@@ -36,29 +45,54 @@ public:
 private:
     enum class State { starting, up, ending };
     using TimePoint = std::chrono::steady_clock::time_point;
+    using milliseconds = std::chrono::milliseconds;
+
+    struct Supervised {
+        explicit Supervised(Part child) : part(std::move(child)) {}
+
+        Part part;
+        TimePoint startedAt{};
+        BackOff backOff;
+        std::optional<TimePoint> startAgainAt; ///< it has ended, and this is when it comes back
+        bool isToEnd = false;                  ///< its end is what it was asked for
+    };
 
     [[nodiscard]] bool openDescriptors();
     [[nodiscard]] bool startParts();
+    [[nodiscard]] bool start(Supervised& supervised);
     void watch();
+    /// Until something is to be done without a signal or a report; nothing for never.
+    [[nodiscard]] std::optional<milliseconds> timeLeft() const;
     void handleSignals();
     void handleReports();
     void handleDeaths();
-    void handleDeath(const Part& part, int waitStatus);
+    void handleDeath(Supervised& supervised, int waitStatus);
+    void startLater(Supervised& supervised, const std::string& whatHappened);
+    [[nodiscard]] bool isHopeless(const Supervised& supervised, int waitStatus) const;
+    void startDueParts();
+    void startAgain(Supervised& supervised);
+    void restartBoard();
     void becomeUp();
     void sayHowToGoOn() const;
+    [[nodiscard]] std::string whereItsWordsAre() const;
     void fail(const std::string& text);
     void end();
+    void endSupervised(Supervised& supervised);
     void endPart(Part& part);
     /// Waits until `part` is over or the time is up; a second request to end cuts the wait short.
-    void awaitEnd(Part& part, std::chrono::milliseconds limit);
+    void awaitEnd(Part& part, milliseconds limit);
 
     Settings m_settings;
     NotifySocket m_notifySocket;
-    std::list<Part> m_parts; ///< in the order of their start
-    Part* m_host = nullptr;  ///< the one that tells when the unit is up
+    std::list<Supervised> m_parts; ///< in the order of their start
+    Supervised* m_host = nullptr;  ///< the one that tells when the unit is up
     std::optional<Part> m_command;
     State m_state = State::starting;
     TimePoint m_startedAt = std::chrono::steady_clock::now();
+    TimePoint m_downSince{}; ///< when the host, once up, ended or was asked to
+    bool m_doesBoardRestart = false;
+    TimePoint m_boardStartedAt = m_startedAt;
+    BackOff m_boardBackOff;
     std::string m_lastStatus = "nothing yet";
     int m_signalFd = -1;
     int m_logFd = -1;
