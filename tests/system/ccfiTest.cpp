@@ -102,6 +102,7 @@ TEST_F(CcfiTest, aSessionEndsWithItsInputAndARefusalShowsItsText)
 
 TEST_F(CcfiTest, faultsAreTakenBeforeThereIsAPublicMailbox)
 {
+    m_unit.startSwmd();
     m_unit.startMerlowd();
     const auto raise = m_unit.ccfictl({"raise", "0x300", "--timeout", "20"});
     EXPECT_EQ(raise.status, 0) << raise.err;

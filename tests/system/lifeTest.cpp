@@ -183,7 +183,7 @@ TEST_F(LifeTest, theHostSaysWhyASecondServerCannotStart)
 
 TEST(OrderTest, thePartsMayComeInAnyOrder)
 {
-    const char* orders[] = {"LBM", "LMB", "BLM", "BML", "MLB", "MBL"};
+    const char* orders[] = {"LBSM", "LSMB", "BMLS", "SBML", "MLBS", "MSBL"};
     for (const char* order : orders) {
         Unit unit;
         for (const char* part = order; *part != '\0'; ++part) {
@@ -196,6 +196,9 @@ TEST(OrderTest, thePartsMayComeInAnyOrder)
                 break;
             case 'B':
                 unit.startBrhd();
+                break;
+            case 'S':
+                unit.startSwmd();
                 break;
             default:
                 unit.startMerlowd();
@@ -212,6 +215,7 @@ TEST(OrderTest, twoUnitsOnOneMachineDoNotSeeEachOther)
     Unit second;
     first.start();
     second.startBrhd();
+    second.startSwmd();
     second.startMerlowd();
     EXPECT_EQ(second.bcictl({"audit", "--timeout", "0.3"}).status, 4)
         << "the first unit's legacy server is not this one's";

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <mnet.h>
 #include <poll.h>
+#include <sway.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
@@ -61,6 +62,13 @@ void beAsked()
     kill(getpid(), SIGTERM);
 }
 
+/// Waits until the host has said something to its manager.
+void awaitWord(const unit::NotifySocket& manager)
+{
+    pollfd ready{manager.fd(), POLLIN, 0};
+    poll(&ready, 1, 10000);
+}
+
 /// Has mailboxes for a moment. Whether the host sees them or only their absence, the result is the same.
 void liveAs(const std::vector<const char*>& names)
 {
@@ -80,9 +88,11 @@ protected:
         std::string path = testing::TempDir() + "merlowHostXXXXXX";
         m_folder = mkdtemp(path.data());
         setenv("MERLOW_RUN_DIR", m_folder.c_str(), 1);
+        m_swmServer = sway_listen("ux:SWMServer", 0); // connections wait in its queue
     }
     ~HostTest() override
     {
+        sway_close(m_swmServer);
         unsetenv("MERLOW_RUN_DIR");
         std::filesystem::remove_all(m_folder);
     }
@@ -100,7 +110,71 @@ protected:
     }
 
     std::string m_folder;
+    sway_socket* m_swmServer = nullptr;
 };
+
+TEST_F(HostTest, withoutAnSwmServerThereIsNoServer)
+{
+    sway_close(std::exchange(m_swmServer, nullptr));
+    const unit::NotifySocket manager;
+    setenv("NOTIFY_SOCKET", manager.name().c_str(), 1);
+    UnstartableServer server;
+    EXPECT_EXIT(
+        {
+            sigset_t asking;
+            sigemptyset(&asking);
+            sigaddset(&asking, SIGTERM);
+            sigprocmask(SIG_BLOCK, &asking, nullptr);
+            std::thread([&manager] {
+                awaitWord(manager);
+                beAsked();
+            }).detach();
+            live(server);
+        },
+        testing::ExitedWithCode(0),
+        "merlowd: waiting for SWMServer since [0-9:]+, LegacyMerlow .*merlowd: ended");
+    unsetenv("NOTIFY_SOCKET");
+}
+
+TEST_F(HostTest, theServerStartsWhenTheSwmServerIsThere)
+{
+    sway_close(std::exchange(m_swmServer, nullptr));
+    const unit::NotifySocket manager;
+    setenv("NOTIFY_SOCKET", manager.name().c_str(), 1);
+    UnstartableServer server;
+    EXPECT_EXIT(
+        {
+            std::thread([&manager] {
+                awaitWord(manager);
+                sway_listen("ux:SWMServer", 0);
+            }).detach();
+            live(server);
+        },
+        testing::ExitedWithCode(1),
+        "merlowd: waiting for SWMServer .*merlowd: the server could not be started");
+    unsetenv("NOTIFY_SOCKET");
+}
+
+TEST_F(HostTest, aUnitThatComesWhileItWaitsIsNotDisturbed)
+{
+    sway_close(std::exchange(m_swmServer, nullptr));
+    const unit::NotifySocket manager;
+    setenv("NOTIFY_SOCKET", manager.name().c_str(), 1);
+    UnstartableServer server;
+    EXPECT_EXIT(
+        {
+            if (fork() == 0) {
+                awaitWord(manager);
+                mnet_init(1, 0, nullptr, 0);
+                mnet_create_mailbox("private_Merlow", 0);
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                hang();
+            }
+            live(server);
+        },
+        testing::ExitedWithCode(1), "merlowd: another unit holds .private_Merlow. in run-time folder ");
+    unsetenv("NOTIFY_SOCKET");
+}
 
 TEST_F(HostTest, aServerThatDoesNotStartIsToldWithItsResult)
 {
@@ -118,7 +192,7 @@ TEST_F(HostTest, aServerThatFailsBehindItsMailboxIsToldWithItsResult)
 {
     const std::pair<int, const char*> cases[] = {
         {3, "result 3, the mailboxes' descriptor could not be put on the event loop"},
-        {6, "result 6, a component could not be initialised"},
+        {6, "result 6, a component could not be initialised, as it happens without an SWM server"},
     };
     for (const auto& [result, words] : cases) {
         ToldServer server(result, [] { liveAs({"private_Merlow"}); });
@@ -133,8 +207,7 @@ TEST_F(HostTest, aServerThatEndsByItselfIsAFailure)
     ToldServer server(0, [&manager] {
         const auto mailbox = mnet_create_mailbox("private_Merlow", 0);
         mnet_create_mailbox("Merlow", 0);
-        pollfd ready{manager.fd(), POLLIN, 0};
-        poll(&ready, 1, 10000); // the host says that it is published, so it has seen both
+        awaitWord(manager); // that it is published, so it has seen both
         mnet_delete_mailbox(mailbox);
     });
     EXPECT_EXIT(live(server), testing::ExitedWithCode(1),

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
-#include <optional>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/time.h>
@@ -28,8 +27,9 @@ using std::chrono::steady_clock;
 /// The server's fifty, and the one of this program.
 constexpr std::uint32_t mailboxLimit = 51;
 
-constexpr auto firstWordAfter = 500ms; // what is there by then is not worth a line
-constexpr auto nextWordAfter = 30s;    // how often a wait is told again
+constexpr auto firstWordAfter = 500ms;        // what is there by then is not worth a line
+constexpr auto nextWordAfter = 30s;           // how often a wait is told again
+constexpr milliseconds swmServerInterval{20}; // from one look for the SWM server to the next
 
 void say(const std::string& text)
 {
@@ -59,7 +59,7 @@ std::string meaningOf(int result)
     case MerlowImpl::NO_THREAD:
         return "its thread could not be created";
     case MerlowImpl::COMPONENT_FAILED:
-        return "a component could not be initialised";
+        return "a component could not be initialised, as it happens without an SWM server";
     case MerlowImpl::ALREADY_STARTED:
         return "it has been started before";
     default:
@@ -76,10 +76,13 @@ Host::~Host()
 
 int Host::run()
 {
-    if (!prepare() || !startServer()) {
+    if (!prepare()) {
         return 1;
     }
-    return watchServer();
+    if (const auto status = awaitSwmServer()) {
+        return *status;
+    }
+    return startServer() ? watchServer() : 1;
 }
 
 bool Host::prepare()
@@ -99,6 +102,11 @@ bool Host::prepare()
         say("no mailboxes in run-time folder " + base::runDirPath() + ": " + reason);
         return false;
     }
+    return isAlone();
+}
+
+bool Host::isAlone()
+{
     while (m_watch.next() != Watch::Change::none) {
         if (m_watch.privateMailbox().isThere()) {
             say("another unit holds \"private_Merlow\" in run-time folder " + base::runDirPath());
@@ -106,6 +114,27 @@ bool Host::prepare()
         }
     }
     return true;
+}
+
+/// The server looks for it in the moment of its start and does not start without it. For the other neighbours
+/// it waits by itself.
+std::optional<int> Host::awaitSwmServer()
+{
+    m_nextWord = steady_clock::now() + firstWordAfter;
+    while (!m_watch.findSwmServer()) {
+        pollfd signals{m_signalFd, POLLIN, 0};
+        if (poll(&signals, 1, static_cast<int>(swmServerInterval.count())) > 0) {
+            say("ended");
+            return 0;
+        }
+        if (!isAlone()) {
+            return 1;
+        }
+        if (steady_clock::now() >= m_nextWord) {
+            sayWhatIsWaitedFor();
+        }
+    }
+    return std::nullopt;
 }
 
 bool Host::startServer()

@@ -4,6 +4,7 @@
 #include "watch.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 namespace merlow::merlowd {
@@ -44,6 +45,10 @@ private:
     using TimePoint = std::chrono::steady_clock::time_point;
 
     [[nodiscard]] bool prepare();
+    /// No other unit has this one's place.
+    [[nodiscard]] bool isAlone();
+    /// The process's exit status when it ends before the SWM server is there.
+    [[nodiscard]] std::optional<int> awaitSwmServer();
     [[nodiscard]] bool startServer();
     [[nodiscard]] int watchServer();
     /// False when the server is no more.

@@ -3,12 +3,15 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <sway.h>
 
 namespace merlow::merlowd {
 
 namespace {
 
 using std::chrono::system_clock;
+
+constexpr const char* swmServerAddress = "ux:SWMServer";
 
 /// What comes back when a name was found or a mailbox lost: which of the watched it was.
 struct NoticeS {
@@ -99,9 +102,21 @@ Watch::Change Watch::next()
     return Change::none;
 }
 
+bool Watch::findSwmServer()
+{
+    sway_socket* const connection = sway_connect(swmServerAddress, 0);
+    sway_close(connection);
+    if (connection != nullptr) {
+        m_swmServerMissingSince.reset();
+    } else if (!m_swmServerMissingSince) {
+        m_swmServerMissingSince = system_clock::now();
+    }
+    return connection != nullptr;
+}
+
 std::string Watch::waitText() const
 {
-    std::string text;
+    std::string text = m_swmServerMissingSince ? "SWMServer since " + timeText(*m_swmServerMissingSince) : "";
     for (std::size_t index = 2; index < m_watched.size(); ++index) {
         const Watched& neighbour = m_watched[index];
         if (!neighbour.isThere()) {
@@ -109,9 +124,9 @@ std::string Watch::waitText() const
                     timeText(neighbour.missingSince);
         }
     }
-    return text.empty()
-               ? "the answers of BriServer and BmmiServer since " + timeText(publicMailbox().missingSince)
-               : text;
+    return text.empty() ? "the answers of BriServer, BmmiServer and SWMServer since " +
+                              timeText(publicMailbox().missingSince)
+                        : text;
 }
 
 /// The mailbox library sends for the mailboxes of its own process only. What it sends here is passed over.

@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <mnet.h>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -40,6 +41,9 @@ public:
     [[nodiscard]] const Watched& privateMailbox() const { return m_watched[0]; }
     [[nodiscard]] const Watched& publicMailbox() const { return m_watched[1]; }
 
+    /// Whether the SWM server takes connections, which is asked for with one.
+    [[nodiscard]] bool findSwmServer();
+
     /// "LegacyMerlow since 12:00:01, BriServer since 12:03:20"; names the missing neighbours, or, when all
     /// are there, what their silence means.
     [[nodiscard]] std::string waitText() const;
@@ -54,6 +58,7 @@ private:
                                       {"BriServer", MNET_MBOX_NONE, {}},
                                       {"BmmiServer", MNET_MBOX_NONE, {}}}};
     mnet_mbox_id_t m_mailbox = MNET_MBOX_NONE;
+    std::optional<std::chrono::system_clock::time_point> m_swmServerMissingSince;
 };
 
 } // namespace merlow::merlowd
