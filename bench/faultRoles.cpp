@@ -18,8 +18,6 @@ namespace {
 
 namespace bri = boardresourcehandler::bri;
 
-constexpr std::uint32_t connEstablishReq = 0x1658000;
-constexpr std::uint32_t connEstablishCfm = 0x1658001;
 constexpr std::uint32_t subscribeFaultsReq = 0x165800A;
 constexpr std::uint32_t subscribeFaultsCfm = 0x165800B;
 constexpr std::uint32_t faultInd = 0x165800D;

@@ -34,6 +34,7 @@ Row startRow(const Setting& setting, const std::string& runDir)
 {
     const Process legacy = startLegacy(runDir);
     const Process board = startBoard(runDir);
+    const Process swm = startSwm(runDir);
     Process watch = startWatch(runDir);
     std::vector<double> values;
     for (std::size_t i = 0; i < setting.effort.deaths; ++i) {

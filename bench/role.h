@@ -9,6 +9,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace merlow::bench {
@@ -70,6 +71,18 @@ template <class Link> void stream(Link& link, std::size_t count, std::size_t siz
     }
 }
 
+/// `count` messages of `size` bytes, each acknowledged by itself, of which up to `window` are on their way.
+template <class Link> void windowed(Link& link, std::size_t count, std::size_t size, std::size_t window)
+{
+    std::size_t sent = 0;
+    for (std::size_t acknowledged = 0; acknowledged < count; ++acknowledged) {
+        for (const std::size_t end = std::min(acknowledged + window, count); sent < end; ++sent) {
+            link.send(size);
+        }
+        link.receive();
+    }
+}
+
 /// Takes what comes and acknowledges each batch with `ackSize` bytes.
 template <class Link> [[noreturn]] void sink(Link& link, std::size_t batch)
 {
@@ -82,8 +95,10 @@ template <class Link> [[noreturn]] void sink(Link& link, std::size_t batch)
     }
 }
 
-/// Serves the line of a client: "trips COUNT SIZE" and "stream COUNT SIZE", each answered with the
-/// nanoseconds that it took.
+inline constexpr std::string_view windowVerb = "window";
+
+/// Serves the line of a client: "trips COUNT SIZE", "stream COUNT SIZE" and "windowN COUNT SIZE", each
+/// answered with the nanoseconds that it took.
 template <class Link> int serveClient(Link& link)
 {
     line::say("ready");
@@ -96,6 +111,8 @@ template <class Link> int serveClient(Link& link)
         const double start = nowNanoseconds();
         if (verb == "trips") {
             roundTrips(link, count, size);
+        } else if (verb.starts_with(windowVerb)) {
+            windowed(link, count, size, std::stoul(verb.substr(windowVerb.size())));
         } else {
             stream(link, count, size);
         }
@@ -121,6 +138,8 @@ int playHost(const RoleArguments&);
 int playEmpty(const RoleArguments&);
 int playLegacy(const RoleArguments&);
 int playBoard(const RoleArguments&);
+int playSwm(const RoleArguments&);
+int playLoadClient(const RoleArguments&);
 int playUnitClient(const RoleArguments&);
 int playWatch(const RoleArguments&);
 int playFaultClient(const RoleArguments&);

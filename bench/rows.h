@@ -23,6 +23,8 @@ std::vector<Row> mailboxRows(const Setting& setting);
 std::vector<Row> relayRows(const Setting& setting);
 /// Sessions and memory: 45 sessions against one.
 std::vector<Row> sessionRows(const Setting& setting);
+/// Loads: blocks of 64 KiB from a client to the SWM server, and another client meanwhile.
+std::vector<Row> loadRows(const Setting& setting);
 /// Starts, restarts and deaths.
 std::vector<Row> lifeRows(const Setting& setting);
 /// Faults on their way from the board to subscribers, and what many of them leave behind.

@@ -15,7 +15,7 @@ Process start(const std::string& role, const std::string& runDir, bool anyCpu)
 
 Unit::Unit(const std::string& runDir, bool anyCpu)
     : m_runDir(runDir), m_anyCpu(anyCpu), m_legacy(startLegacy(runDir, anyCpu)),
-      m_board(startBoard(runDir, anyCpu)), m_host(startHost(runDir, anyCpu))
+      m_board(startBoard(runDir, anyCpu)), m_swm(startSwm(runDir, anyCpu)), m_host(startHost(runDir, anyCpu))
 {
     m_host.untilReady();
 }
@@ -46,6 +46,11 @@ Process startLegacy(const std::string& runDir, bool anyCpu)
 Process startBoard(const std::string& runDir, bool anyCpu)
 {
     return start("board", runDir, anyCpu);
+}
+
+Process startSwm(const std::string& runDir, bool anyCpu)
+{
+    return start("swm", runDir, anyCpu);
 }
 
 Process startHost(const std::string& runDir, bool anyCpu)

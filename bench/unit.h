@@ -12,6 +12,9 @@ namespace merlow::bench {
 inline constexpr const char* publicName = "Merlow";
 inline constexpr const char* legacyName = "LegacyMerlow";
 
+inline constexpr std::uint32_t connEstablishReq = 0x1658000;
+inline constexpr std::uint32_t connEstablishCfm = 0x1658001;
+
 /// Orders to the board, any mailbox's. An event of a number of faults (offset 4), of which the next one is
 /// raised or, if it is, ceased:
 inline constexpr std::uint32_t boardFaultOrder = 0x7000001;
@@ -22,7 +25,7 @@ inline constexpr std::uint32_t variedFaults = 36;
 inline constexpr std::uint32_t boardStormOrder = 0x7000002;
 inline constexpr std::uint32_t boardStormOver = 0x7000003;
 
-/// Legacy server, board and host, in a run-time folder of their own.
+/// Legacy server, board, SWM server and host, in a run-time folder of their own.
 class Unit {
 public:
     /// `anyCpu`: not on the measuring CPU alone.
@@ -30,6 +33,7 @@ public:
 
     Process& legacy() { return m_legacy; }
     Process& board() { return m_board; }
+    Process& swm() { return m_swm; }
     Process& host() { return m_host; }
 
     /// `kill -9`, and a new one at once.
@@ -46,11 +50,14 @@ private:
     bool m_anyCpu;
     Process m_legacy;
     Process m_board;
+    Process m_swm;
     Process m_host;
 };
 
 Process startLegacy(const std::string& runDir, bool anyCpu = false);
 Process startBoard(const std::string& runDir, bool anyCpu = false);
+/// The server does not start without it.
+Process startSwm(const std::string& runDir, bool anyCpu = false);
 /// Returns at once: the server may not be published yet.
 Process startHost(const std::string& runDir, bool anyCpu = false);
 Process startWatch(const std::string& runDir);

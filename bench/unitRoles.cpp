@@ -18,8 +18,6 @@ namespace {
 namespace bri = boardresourcehandler::bri;
 namespace bmmi = boardresourcehandler::bmmi;
 
-constexpr std::uint32_t connEstablishReq = 0x1658000;
-constexpr std::uint32_t connEstablishCfm = 0x1658001;
 constexpr std::uint32_t setUtcTimeReq = 0x1659500;
 constexpr std::uint32_t setUtcTimeCfm = 0x1659501;
 constexpr std::uint32_t passingSignal = 0x1658FF0; // one that no component handles
