@@ -17,6 +17,7 @@
 #include "merlowPid.h"
 #include "merlowRestart.h"
 #include "merlowState.h"
+#include "merlowSwmi.h"
 #include "merlowTemperature.h"
 #include "merlowTime.h"
 #include "merlowTrace.h"
@@ -51,6 +52,7 @@ MerlowImpl::Components createComponents(MerlowCommonData& commonData)
     components.push_back(std::make_unique<MerlowBri>(commonData));
     components.push_back(std::make_unique<MerlowBmmi>(commonData));
     components.push_back(std::make_unique<MerlowMmiHandling>(commonData));
+    components.push_back(std::make_unique<MerlowSwmi>(commonData));
     components.push_back(std::make_unique<MerlowHereIAm>(commonData));
     components.push_back(std::make_unique<MerlowHwLog>(commonData));
     components.push_back(std::make_unique<MerlowFaultHandling>(commonData));

@@ -4,6 +4,7 @@
 #include "merlowTracepoints.h"
 #include "sway.h"
 #include "swmi.pb.h"
+#include "swmiBody.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -31,14 +32,6 @@ void putSwmiWord(char* bytes, std::uint32_t value)
 {
     const std::uint32_t network = htonl(value);
     std::memcpy(bytes, &network, sizeof(network));
-}
-
-/// As far as it parses. A frame is never longer than an int counts: neither is the socket's limit.
-template <class M> M parsedSwmiBody(const char* buffer, unsigned int size)
-{
-    M message;
-    static_cast<void>(message.ParseFromArray(buffer, static_cast<int>(size)));
-    return message;
 }
 
 /// A message that consists of its ticket.

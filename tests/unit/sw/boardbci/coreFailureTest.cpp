@@ -13,8 +13,10 @@
 #include "merlowPid.h"
 #include "merlowRestart.h"
 #include "merlowState.h"
+#include "merlowSwmi.h"
 #include "merlowTemperature.h"
 #include "merlowVisual.h"
+#include "virtualSwmServer.h"
 
 #include <random>
 
@@ -72,6 +74,13 @@ protected:
             peer.sendBytes(bytes, to);
         }
     }
+    /// Connected to an SWM server that takes what it is sent.
+    static void startSwmi(MerlowSwmi& swmi)
+    {
+        support::VirtualSwmServer::listen();
+        swmi.subscribeForCheckComponents([] { return false; });
+        EXPECT_TRUE(swmi.init());
+    }
     static void drain(const Peer& peer)
     {
         while (!peer.receive().hex.empty()) {
@@ -95,7 +104,9 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     MerlowHereIAm hereIAm(data());
     MerlowRestart restart(data());
     MerlowTemperature temperature(data());
+    MerlowSwmi swmi(data());
     publish();
+    startSwmi(swmi);
     ASSERT_TRUE(maintState.init() && visual.init() && hereIAm.init());
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
                 linkSupervision.init() && capabilities.init() && restart.init() && temperature.init());
@@ -152,7 +163,9 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
     MerlowHereIAm hereIAm(data());
     MerlowRestart restart(data());
     MerlowTemperature temperature(data());
+    MerlowSwmi swmi(data());
     startUp();
+    startSwmi(swmi);
     ASSERT_TRUE(maintState.init() && visual.init() && hereIAm.init());
     ASSERT_TRUE(state.init() && faults.init() && ccfi.init() && pid.init() && hwLog.init() &&
                 linkSupervision.init() && capabilities.init() && restart.init() && temperature.init());

@@ -4,6 +4,7 @@
 
 #include "fakeLoop.h"
 #include "fakeMnet.h"
+#include "fakeSway.h"
 #include "fakeTrace.h"
 #include "merlowCommonData.h"
 #include "merlowComponent.h"
@@ -35,6 +36,7 @@ protected:
         MnetMessageSubscriptionCustom::reset();
         FakeMnet::instance().reset();
         FakeLoop::instance().reset();
+        support::FakeSway::instance().reset();
         Traces::instance().reset();
     }
     ~InMemoryTest() override

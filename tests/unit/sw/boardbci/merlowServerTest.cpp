@@ -3,6 +3,7 @@
 #include "bmmi.pb.h"
 #include "bri.pb.h"
 #include "coreFixture.h"
+#include "virtualSwmServer.h"
 
 #include <array>
 #include <random>
@@ -60,6 +61,7 @@ private:
 
 class MerlowServerTest : public InMemoryTest {
 protected:
+    MerlowServerTest() { support::VirtualSwmServer::listen(); }
     void bringUpBri()
     {
         m_bri.emplace("BriServer", 100);
@@ -78,6 +80,12 @@ protected:
         m_bmmi->answer<bmmi::ConnEstablishReq>(cfm, data().getPrivateMbox());
         m_bmmi->answer<bmmi::GetCapabilitiesReq>(bmmi::GetCapabilitiesCfm(), data().getPrivateMbox());
     }
+    /// It is up from the start, else the server would not start.
+    static void bringUpSwm()
+    {
+        support::VirtualSwmServer::send("00000002 00000000 0801");
+        support::VirtualSwmServer::send("00000005 00000000");
+    }
     void bringUpLegacy()
     {
         m_legacy.emplace("LegacyMerlow");
@@ -95,6 +103,7 @@ protected:
 TEST_F(MerlowServerTest, isPublishedByTheLastOfItsNeighboursWhicheverThatIs)
 {
     const std::vector<std::function<void()>> steps{[this] { bringUpBri(); }, [this] { bringUpBmmi(); },
+                                                   bringUpSwm,
                                                    [this] {
                                                        bringUpLegacy();
                                                    }};
@@ -104,8 +113,9 @@ TEST_F(MerlowServerTest, isPublishedByTheLastOfItsNeighboursWhicheverThatIs)
         mnet().reset();
         loop().reset();
         ASSERT_EQ(m_impl.startUp(), 0);
-        steps[(last + 1) % 3]();
-        steps[(last + 2) % 3]();
+        for (std::size_t step = 1; step < steps.size(); ++step) {
+            steps[(last + step) % steps.size()]();
+        }
         EXPECT_FALSE(isPublic());
         steps[last]();
         EXPECT_TRUE(isPublic());
@@ -118,6 +128,7 @@ TEST_F(MerlowServerTest, aClientIsConnectedWhenBothRegistrationsAreAnswered)
     ASSERT_EQ(m_impl.startUp(), 0);
     bringUpBri();
     bringUpBmmi();
+    bringUpSwm();
     bringUpLegacy();
     const Peer client;
     client.send("01658000 00000007 0000012c 0003", data().getPublicMbox());
@@ -152,6 +163,7 @@ TEST_F(MerlowServerTest, aSecondStartFindsItsBackendsAgain)
     ASSERT_EQ(m_impl.startUp(), 0);
     bringUpBri();
     bringUpBmmi();
+    bringUpSwm();
     bringUpLegacy();
     EXPECT_TRUE(isPublic()) << traces().dump();
 }
@@ -174,6 +186,7 @@ protected:
         EXPECT_EQ(m_impl.startUp(), 0);
         bringUpBri();
         bringUpBmmi();
+        bringUpSwm();
         bringUpLegacy();
         connect(m_witness);
         connect(m_client);
@@ -243,6 +256,7 @@ protected:
             while (!peer->receive().hex.empty()) {
             }
         }
+        (void)support::VirtualSwmServer::received();
         traces().clear();
     }
     /// Each number with its size: the signals, the frames that have a handler, and the core's own.

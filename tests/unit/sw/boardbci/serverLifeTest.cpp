@@ -3,6 +3,7 @@
 #include "merlowIf.h"
 #include "merlowImpl.h"
 #include "mnet.h"
+#include "sway.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -34,6 +35,7 @@ namespace {
 using Merlow::V1::MerlowIf;
 
 constexpr std::chrono::seconds DEADLINE{60};
+constexpr const char* SWM_SERVER = "ux:SWMServer";
 
 class ServerLifeTest : public ::testing::Test {
 protected:
@@ -46,14 +48,18 @@ protected:
     ~ServerLifeTest() override { std::filesystem::remove_all(m_folder); }
 
     /// What a process gives that runs `body` and exits with its result by way of the static destructors.
-    int runHost(const std::function<int()>& body)
+    int runHost(const std::function<int()>& body, bool isSwmServerUp = true)
     {
         const pid_t host = ::fork();
         if (host == 0) {
             ::setenv("MERLOW_RUN_DIR", m_folder.c_str(), 1);
             ::setenv("RUSHLOG_OUT", (m_folder + "/rushlog").c_str(), 1);
             ::setenv("SCRY_OUT", (m_folder + "/trace").c_str(), 1);
-            std::exit(body()); // NOLINT(concurrency-mt-unsafe): static destructors are what is tested
+            // Connections wait in its queue, which is all that a start needs.
+            sway_socket* const swmServer = isSwmServerUp ? sway_listen(SWM_SERVER, 0) : nullptr;
+            const int result = body();
+            sway_close(swmServer);
+            std::exit(result); // NOLINT(concurrency-mt-unsafe): static destructors are what is tested
         }
         const auto end = std::chrono::steady_clock::now() + DEADLINE;
         int status = 0;
@@ -257,6 +263,21 @@ TEST_F(ServerLifeTest, aTakenNameGives2AndAFurtherStartWorksOnceItIsFree)
                   return impl.start() == 0 && impl.stop(false) == 0 ? 0 : 2;
               }),
               0);
+}
+
+TEST_F(ServerLifeTest, withoutAnSwmServerTheStartGives6AndAFurtherStartWorksOnceItIsUp)
+{
+    const auto host = [] {
+        MerlowImpl& impl = MerlowIf::getInstance().getImpl();
+        if (impl.start() != 0 || impl.stop(false) != 6) {
+            return 1;
+        }
+        sway_socket* const swmServer = sway_listen(SWM_SERVER, 0);
+        const bool isGood = impl.start() == 0 && isUp() && impl.stop(false) == 0;
+        sway_close(swmServer);
+        return isGood ? 0 : 2;
+    };
+    EXPECT_EQ(runHost(host, false), 0);
 }
 
 TEST_F(ServerLifeTest, aForkedChildOfTheHostExitsWithoutWaitingForAThreadItHasNot)

@@ -5,6 +5,7 @@
 #include "fakeSway.h"
 #include "swmClient.h"
 #include "tracepointLog.h"
+#include "virtualSwmServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,37 +21,14 @@ namespace swmclient {
 using Event = MerlowTracepoints::Event;
 using Bytes = std::vector<std::uint8_t>;
 
-/// Bytes from hexadecimal text; blanks do not count.
 inline Bytes bytesOf(const std::string& hex)
 {
-    std::string digits = hex;
-    std::erase(digits, ' ');
-    Bytes bytes;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    }
-    EXPECT_EQ(digits.size() % 2, 0U) << "Half a byte in " << hex;
-    return bytes;
-}
-
-/// Number and reference in groups of four bytes, then the body: "00000001 00000007 0801".
-inline std::string hexOf(const Bytes& bytes)
-{
-    constexpr const char* digits = "0123456789abcdef";
-    std::string text;
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        if (i == 4 || i == 8) {
-            text += ' ';
-        }
-        text += digits[bytes[i] >> 4U];
-        text += digits[bytes[i] & 15U];
-    }
-    return text;
+    return support::frameFromHex(hex);
 }
 
 class SwmClientTest : public ::testing::Test {
 protected:
-    static constexpr const char* address = "ux:SWMServer";
+    static constexpr const char* address = support::VirtualSwmServer::address;
 
     SwmClientTest()
     {
@@ -85,24 +63,10 @@ protected:
         m_log.clear();
     }
     /// A frame from the server, handled.
-    static void fromServer(const Bytes& frame)
-    {
-        ASSERT_NE(peer(), nullptr);
-        peer()->fromPeer.push_back(frame);
-        loop().pumpUntilIdle();
-    }
-    static void fromServer(const std::string& hex) { fromServer(bytesOf(hex)); }
+    static void fromServer(const Bytes& frame) { support::VirtualSwmServer::send(frame); }
+    static void fromServer(const std::string& hex) { support::VirtualSwmServer::send(hex); }
     /// What the server got since the last call.
-    static std::vector<std::string> sent()
-    {
-        std::vector<std::string> frames;
-        if (peer() != nullptr) {
-            for (const auto& frame : std::exchange(peer()->toPeer, {})) {
-                frames.push_back(hexOf(frame));
-            }
-        }
-        return frames;
-    }
+    static std::vector<std::string> sent() { return support::VirtualSwmServer::received(); }
     [[nodiscard]] std::vector<unsigned int> capabilityIds() const
     {
         std::vector<std::shared_ptr<SWAYCapability>> capabilities;

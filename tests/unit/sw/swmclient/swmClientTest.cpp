@@ -397,7 +397,7 @@ TEST_P(SwmClientRequestTest, isThisFrame)
 {
     connect();
     EXPECT_EQ(GetParam().send(*m_client), 0U);
-    EXPECT_THAT(sent(), ElementsAre(hexOf(bytesOf(GetParam().frame))));
+    EXPECT_THAT(sent(), ElementsAre(support::frameToHex(bytesOf(GetParam().frame))));
     EXPECT_THAT(errors(), IsEmpty());
 }
 
