@@ -70,7 +70,8 @@ function(merlow_library name)
         PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/inc> PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
     target_link_libraries(${name} PUBLIC ${arg_PUBLIC_LIBS} PRIVATE ${arg_PRIVATE_LIBS} merlow_warnings)
     set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
-    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries)
+    install(DIRECTORY inc/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/merlow COMPONENT libraries FILES_MATCHING PATTERN "*.h")
 endfunction()
 
 # merlow_schema(NAME FILE): compiles one .proto into the shared library lib<NAME>. Once for everybody: two
@@ -92,7 +93,7 @@ function(merlow_schema name file)
     target_link_libraries(${name} PUBLIC protobuf::libprotobuf)
     set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
         UNITY_BUILD OFF)
-    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries)
     if(NOT TARGET schemas)
         add_custom_target(schemas)
     endif()

@@ -13,7 +13,7 @@
 /// and calls the handler of its number, or the default handler. Nothing else in the server receives messages.
 ///
 /// One instance for each thread, made on first use and gone with the thread. Only its own thread changes it.
-class MnetMessageSubscriptionCustom
+class __attribute__((visibility("default"))) MnetMessageSubscriptionCustom
     : public Loomwork::MnetMessageSubscription::V1::MnetMessageSubscriptionIf {
 public:
     using MsgHandler = std::function<void(const std::shared_ptr<mnet_msg>&)>;

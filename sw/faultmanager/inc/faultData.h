@@ -16,7 +16,7 @@ enum class FaultSource : std::uint32_t {
 };
 
 /// "BRI", "BB_BCI", "CCFI", "NONE", or "INVALID_VALUE(9)".
-std::ostream& operator<<(std::ostream& out, FaultSource source);
+__attribute__((visibility("default"))) std::ostream& operator<<(std::ostream& out, FaultSource source);
 
 /// Fault ids that have a name in the interface to the clients.
 enum FaultId : std::uint16_t {
@@ -32,7 +32,7 @@ enum FaultId : std::uint16_t {
     TARN_CONST_FH_FAULT_ID_FAN_DISCONNECTED = 0x0706,
 };
 
-class FaultData {
+class __attribute__((visibility("default"))) FaultData {
 public:
     FaultData() = default;
     FaultData(FaultSource faultSource, std::uint16_t id, std::uint16_t caseNumber, std::string description,
@@ -52,10 +52,10 @@ public:
 };
 
 /// "faultId: 0x705, faultDescription: TEXT, faultCase: 3, recoveryTime: 0, hwFaultLabel: empty".
-[[nodiscard]] std::string toString(const FaultData& data);
+[[nodiscard]] __attribute__((visibility("default"))) std::string toString(const FaultData& data);
 
 /// A fault that is in the fault manager.
-class ActiveFault : public FaultData {
+class __attribute__((visibility("default"))) ActiveFault : public FaultData {
 public:
     ActiveFault() = default;
     explicit ActiveFault(const FaultData& data) : FaultData(data), numOfSources(1) {}

@@ -13,7 +13,7 @@ namespace Merlow {
 ///
 /// An id is absent, stored and hidden, or stored and shown. The ids are bounded: outside the hierarchy only
 /// the board's own are taken. Nothing is kept beyond the object. Server thread only.
-class FaultManager : public FaultManagerIf {
+class __attribute__((visibility("default"))) FaultManager : public FaultManagerIf {
 public:
     /// A larger value is a more important fault.
     enum class FaultPriority : int {

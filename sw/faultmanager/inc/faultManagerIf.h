@@ -10,7 +10,7 @@ namespace Merlow {
 /// Where the faults of all producers meet: they raise and remove, one consumer hears what clients are to see.
 ///
 /// Server thread only.
-class FaultManagerIf {
+class __attribute__((visibility("default"))) FaultManagerIf {
 public:
     /// The mailbox value with which the consumer serves all subscribers.
     static constexpr unsigned int ALL_SUBSCRIBERS = 0xFFFFFFFF;

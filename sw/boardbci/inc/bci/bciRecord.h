@@ -68,7 +68,8 @@ template <class R> void swapRecord(R& record)
 
 /// "ABN: NAME (0xNUMBER) from mbox: 0xSENDER is too short: 8 of 12 bytes. Ignoring it." at level 4. `size` is
 /// what the signal should have; what it announces itself may be more than any message can have.
-void traceShortSignal(const mnet_msg& msg, std::uint32_t number, std::uint64_t size);
+__attribute__((visibility("default"))) void traceShortSignal(const mnet_msg& msg, std::uint32_t number,
+                                                             std::uint64_t size);
 
 /// The field of type T at `offset`, in host order; 0 when the message ends before the field does.
 template <class T> [[nodiscard]] T fieldOrZero(const mnet_msg& msg, std::size_t offset)

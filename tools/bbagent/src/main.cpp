@@ -1,0 +1,27 @@
+// bbagent: watches another unit as its client.
+
+#include "agent.h"
+#include "programOptions.h"
+
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    CLI::App app(
+        "Watches a unit as another board controller does: connects, subscribes to its faults and shows "
+        "what a fault manager of its own makes of them.",
+        "bbagent");
+    std::string runDir;
+    bool json = false;
+    merlow::base::addCommonOptions(app, runDir);
+    app.add_flag("--json", json, "One JSON object a line");
+    app.footer("Ends on SIGINT and SIGTERM. When the unit goes away, it is looked for again.\n"
+               "Exit status: 0 ended as asked, 1 refused by the unit, 2 wrong usage, 4 the run-time folder "
+               "can't be used.");
+    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+        return *status;
+    }
+    merlow::base::useRunDir(runDir);
+    merlow::bbagent::Report report(std::cout, json);
+    return static_cast<int>(merlow::bbagent::Agent(report).run());
+}
