@@ -40,9 +40,12 @@ public:
 
     using Components = std::vector<std::unique_ptr<MerlowComponent>>;
 
+    /// The server's components in the order in which they register, hear of sessions and of the end.
+    [[nodiscard]] static Components createComponents(MerlowCommonData& commonData);
+
     MERLOW_API MerlowImpl();
-    /// With a component list of the caller's own, made by `createComponents`.
-    explicit MerlowImpl(const std::function<Components(MerlowCommonData&)>& createComponents);
+    /// With a component list of the caller's own.
+    explicit MerlowImpl(const std::function<Components(MerlowCommonData&)>& componentsFor);
     /// Stops by force, waits until the thread is over, and frees everything.
     MERLOW_API ~MerlowImpl();
     MerlowImpl(const MerlowImpl&) = delete;

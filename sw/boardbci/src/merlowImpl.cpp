@@ -36,32 +36,6 @@ constexpr std::uint32_t MAX_MAILBOXES = 50;
 constexpr int MNET_ALREADY_INITIALISED = -2;
 constexpr unsigned int FIRST_CLIENT_REF = 100;
 
-/// The components in the order in which they register, hear of sessions and of the end.
-MerlowImpl::Components createComponents(MerlowCommonData& commonData)
-{
-    MerlowImpl::Components components;
-    components.push_back(std::make_unique<MerlowPid>(commonData));
-    components.push_back(std::make_unique<MerlowState>(commonData));
-    components.push_back(std::make_unique<MerlowLinkSupervision>(commonData));
-    components.push_back(std::make_unique<MerlowRestart>(commonData));
-    components.push_back(std::make_unique<MerlowTemperature>(commonData));
-    components.push_back(std::make_unique<MerlowTime>(commonData));
-    components.push_back(std::make_unique<MerlowCapabilities>(commonData));
-    components.push_back(std::make_unique<MerlowMaintState>(commonData));
-    components.push_back(std::make_unique<MerlowVisual>(commonData));
-    components.push_back(std::make_unique<MerlowBri>(commonData));
-    components.push_back(std::make_unique<MerlowBmmi>(commonData));
-    components.push_back(std::make_unique<MerlowMmiHandling>(commonData));
-    components.push_back(std::make_unique<MerlowSwmi>(commonData));
-    components.push_back(std::make_unique<MerlowHereIAm>(commonData));
-    components.push_back(std::make_unique<MerlowHwLog>(commonData));
-    components.push_back(std::make_unique<MerlowFaultHandling>(commonData));
-    components.push_back(std::make_unique<BriFaultHandler>(commonData));
-    components.push_back(std::make_unique<Merlow::BbBci::BbBci>(commonData));
-    components.push_back(std::make_unique<Merlow::Ccfi::Ccfi>(commonData));
-    return components;
-}
-
 /// What must be done on the server thread as its last thing, also when it is cancelled: nothing of the server
 /// may lead to the thread's subscription and event loop when they are gone.
 class ThreadEnd {
@@ -87,6 +61,31 @@ private:
 };
 
 } // namespace
+
+MerlowImpl::Components MerlowImpl::createComponents(MerlowCommonData& commonData)
+{
+    Components components;
+    components.push_back(std::make_unique<MerlowPid>(commonData));
+    components.push_back(std::make_unique<MerlowState>(commonData));
+    components.push_back(std::make_unique<MerlowLinkSupervision>(commonData));
+    components.push_back(std::make_unique<MerlowRestart>(commonData));
+    components.push_back(std::make_unique<MerlowTemperature>(commonData));
+    components.push_back(std::make_unique<MerlowTime>(commonData));
+    components.push_back(std::make_unique<MerlowCapabilities>(commonData));
+    components.push_back(std::make_unique<MerlowMaintState>(commonData));
+    components.push_back(std::make_unique<MerlowVisual>(commonData));
+    components.push_back(std::make_unique<MerlowBri>(commonData));
+    components.push_back(std::make_unique<MerlowBmmi>(commonData));
+    components.push_back(std::make_unique<MerlowMmiHandling>(commonData));
+    components.push_back(std::make_unique<MerlowSwmi>(commonData));
+    components.push_back(std::make_unique<MerlowHereIAm>(commonData));
+    components.push_back(std::make_unique<MerlowHwLog>(commonData));
+    components.push_back(std::make_unique<MerlowFaultHandling>(commonData));
+    components.push_back(std::make_unique<BriFaultHandler>(commonData));
+    components.push_back(std::make_unique<Merlow::BbBci::BbBci>(commonData));
+    components.push_back(std::make_unique<Merlow::Ccfi::Ccfi>(commonData));
+    return components;
+}
 
 MerlowImpl::MerlowImpl() : MerlowImpl(createComponents) {}
 

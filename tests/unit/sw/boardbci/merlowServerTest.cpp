@@ -6,7 +6,11 @@
 #include "virtualSwmServer.h"
 
 #include <array>
+#include <cstdlib>
+#include <cxxabi.h>
+#include <gmock/gmock.h>
 #include <random>
+#include <typeinfo>
 
 namespace {
 
@@ -99,6 +103,27 @@ protected:
     std::optional<Backend> m_bmmi;
     std::optional<Peer> m_legacy;
 };
+
+TEST_F(MerlowServerTest, hasItsNineteenComponentsInTheirOrder)
+{
+    Merlow::FaultManager faultManager;
+    const std::unique_ptr<MerlowCommonData> commonData(MerlowCommonData::getNew(100, faultManager));
+    std::vector<std::string> names;
+    for (const auto& component : MerlowImpl::createComponents(*commonData)) {
+        const MerlowComponent& one = *component;
+        int status = -1;
+        const std::unique_ptr<char, decltype(&std::free)> name(
+            abi::__cxa_demangle(typeid(one).name(), nullptr, nullptr, &status), &std::free);
+        ASSERT_EQ(status, 0);
+        names.emplace_back(name.get());
+    }
+    EXPECT_THAT(
+        names, testing::ElementsAreArray(
+                   {"MerlowPid", "MerlowState", "MerlowLinkSupervision", "MerlowRestart", "MerlowTemperature",
+                    "MerlowTime", "MerlowCapabilities", "MerlowMaintState", "MerlowVisual", "MerlowBri",
+                    "MerlowBmmi", "MerlowMmiHandling", "MerlowSwmi", "MerlowHereIAm", "MerlowHwLog",
+                    "MerlowFaultHandling", "BriFaultHandler", "Merlow::BbBci::BbBci", "Merlow::Ccfi::Ccfi"}));
+}
 
 TEST_F(MerlowServerTest, isPublishedByTheLastOfItsNeighboursWhicheverThatIs)
 {
