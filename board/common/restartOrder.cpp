@@ -34,6 +34,16 @@ LoadedRestartOrder loadRestartOrder(StateStore& store)
     }
 }
 
+LoadedRestartOrder pendingRestartOrder(StateStore& given, StateStore& served)
+{
+    LoadedRestartOrder pending = loadRestartOrder(given);
+    // Served twice does no harm, so that one which cannot be read counts as none.
+    if (pending.order && pending.order == loadRestartOrder(served).order) {
+        pending.order.reset();
+    }
+    return pending;
+}
+
 std::string saveRestartOrder(StateStore& store, const RestartOrder& order)
 {
     const json object{{"code", order.code},           {"rank", order.rank},

@@ -34,6 +34,8 @@ struct LoadedRestartOrder {
 
 /// A field that is missing has its default; one of another type is an error.
 LoadedRestartOrder loadRestartOrder(StateStore& store);
+/// The given order, unless a start has served it already.
+LoadedRestartOrder pendingRestartOrder(StateStore& given, StateStore& served);
 /// The order outlives a loss of power once this has succeeded. Gives what went wrong, empty when nothing did.
 [[nodiscard]] std::string saveRestartOrder(StateStore& store, const RestartOrder& order);
 

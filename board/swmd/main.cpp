@@ -1,6 +1,8 @@
+#include "boardDescription.h"
 #include "diskFiles.h"
 #include "host.h"
 #include "programOptions.h"
+#include "restartHandover.h"
 #include "sqliteInventory.h"
 #include "swaySwmPeers.h"
 #include "swmd.h"
@@ -17,14 +19,28 @@ constexpr const char* none = "none";
 
 struct Options {
     std::string runDir;
-    std::uint32_t slots = SwStoreConfig().slots;
-    std::string preinstalled = "QXR7041162/15_R91KT";
+    std::uint32_t slots = 0;
+    std::uint64_t moduleBytes = 0;
+    std::string preinstalled;
     std::string running;
     std::vector<std::string> boot{"QXC2010008/3_R12A"};
     std::size_t maxConnections = SwmServerConfig().maxConnections;
-    std::int32_t blockSize = SwmServerConfig().blockSize;
+    std::uint32_t blockSize = 0;
     std::size_t listPiece = SwmServerConfig().listPiece;
 };
+
+/// What the command line does not say, the board's description does.
+Options optionsOf(const StoreDescription& store)
+{
+    Options options;
+    options.slots = store.slots;
+    options.moduleBytes = store.moduleBytes;
+    options.preinstalled = store.preinstalled
+                               ? toText(SoftwareId{store.preinstalled->number, store.preinstalled->revision})
+                               : none;
+    options.blockSize = store.blockBytes;
+    return options;
+}
 
 std::string objectionToSoftware(const std::string& text)
 {
@@ -38,16 +54,20 @@ void addOptions(CLI::App& app, Options& options)
 {
     constexpr std::uint32_t maxSlots = 256;
     // A message socket takes frames of 256 KiB, and the smallest list piece still has to get through.
-    constexpr std::int32_t maxBlockSize = 262'000;
+    constexpr std::uint32_t maxBlockSize = 262'000;
     constexpr std::uint32_t maxListPiece = 65'536;
     merlow::base::addCommonOptions(app, options.runDir);
     app.add_option("--slots", options.slots, "Load modules that the store holds")
         ->check(CLI::Range(std::uint32_t{0}, maxSlots, "COUNT"))
         ->capture_default_str();
+    app.add_option("--module-bytes", options.moduleBytes, "Bytes of the largest load module that is taken")
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40U, "BYTES"))
+        ->capture_default_str();
     app.add_option("--preinstalled", options.preinstalled, "The preinstalled module, or none")
         ->check(objectionToSoftware)
         ->capture_default_str();
-    app.add_option("--running", options.running, "What runs from now on; what ran last when left out")
+    app.add_option("--running", options.running,
+                   "What runs from now on; when left out what a restart order says, else what ran last")
         ->check(objectionToSoftware);
     app.add_option("--boot", options.boot, "The boot software that clients are told of, or none")
         ->delimiter(',')
@@ -57,20 +77,22 @@ void addOptions(CLI::App& app, Options& options)
         ->check(CLI::Range(std::uint32_t{0}, std::uint32_t{256}, "COUNT"))
         ->capture_default_str();
     app.add_option("--block-size", options.blockSize, "Bytes of a block that clients are asked to keep to")
-        ->check(CLI::Range(std::int32_t{1}, maxBlockSize, "BYTES"))
+        ->check(CLI::Range(std::uint32_t{1}, maxBlockSize, "BYTES"))
         ->capture_default_str();
     app.add_option("--list-piece", options.listPiece, "Bytes of a piece of the component list")
         ->check(CLI::Range(std::uint32_t{1}, maxListPiece, "BYTES"))
         ->capture_default_str();
     app.footer(
-        "The store is in the folder MERLOW_STATE_DIR, else in the folder \"state\" of the run-time folder.");
+        "Slots, sizes and the preinstalled module are those of the board description, MERLOW_BOARD_FILE, "
+        "unless\nan option says otherwise. The store is in the folder MERLOW_STATE_DIR, else in the folder "
+        "\"state\" of the\nrun-time folder.");
 }
 
 SwmServerConfig serverConfigOf(const Options& options)
 {
     SwmServerConfig config;
     config.maxConnections = options.maxConnections;
-    config.blockSize = options.blockSize;
+    config.blockSize = static_cast<std::int32_t>(options.blockSize);
     config.listPiece = options.listPiece;
     for (const std::string& text : options.boot) {
         if (auto id = loadmodule::softwareIdFrom(text)) {
@@ -83,36 +105,40 @@ SwmServerConfig serverConfigOf(const Options& options)
 /// The exit status.
 int serve(const Options& options)
 {
-    const auto fail = [](const std::string& text) {
-        std::cerr << "swmd: " << text << std::endl;
-        return 1;
-    };
     Host host;
     DiskFiles files;
     if (const std::string error = files.open(); !error.empty()) {
-        return fail(error);
+        return failToStart("swmd", error);
     }
     SqliteInventory inventory;
     const std::string inventoryPath = files.place() + "/inventory.db";
     if (const std::string error = inventory.open(inventoryPath); !error.empty()) {
-        return fail("the inventory " + inventoryPath + " cannot be used: " + error);
+        return failToStart("swmd", "the inventory " + inventoryPath + " cannot be used: " + error);
     }
-    SwStore store({options.slots, loadmodule::softwareIdFrom(options.preinstalled),
-                   loadmodule::softwareIdFrom(options.running)},
-                  files, inventory);
+    StateFile given = givenRestartOrder();
+    StateFile served = servedRestartOrder();
+    RestartHandover handover(given, served);
     std::vector<std::string> said;
+    const auto ordered = handover.begin(said);
+    const auto running = options.running.empty() ? ordered : loadmodule::softwareIdFrom(options.running);
+    SwStore store(
+        {options.slots, loadmodule::softwareIdFrom(options.preinstalled), running, options.moduleBytes},
+        files, inventory);
     const std::string error = store.open(said);
+    if (error.empty()) {
+        handover.settled(said);
+    }
     for (const std::string& line : said) {
         std::cerr << "swmd: " << line << std::endl;
     }
     if (!error.empty()) {
-        return fail("the store " + files.place() + " cannot be used: " + error);
+        return failToStart("swmd", "the store " + files.place() + " cannot be used: " + error);
     }
     SwaySwmPeers peers(host);
     Swmd swmd(serverConfigOf(options), store, peers);
     if (const std::string objection = peers.serve(swmd.servedNames().front(), swmd.server());
         !objection.empty()) {
-        return fail(objection);
+        return failToStart("swmd", objection);
     }
     return host.run(swmd);
 }
@@ -125,11 +151,15 @@ int main(int argc, char** argv)
     CLI::App app("The reference board's software management server: stores load modules. Ends on SIGTERM and "
                  "SIGINT.",
                  "swmd");
-    merlow::board::Options options;
+    const auto board = merlow::board::loadBoardDescription();
+    auto options = merlow::board::optionsOf(board.description.store);
     merlow::board::addOptions(app, options);
     if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(options.runDir);
+    if (!board.error.empty()) {
+        return merlow::board::failToStart("swmd", board.error);
+    }
     return merlow::board::serve(options);
 }

@@ -276,8 +276,13 @@ std::uint64_t SwStore::loadedBytes() const
 void SwStore::addPiece(BytesView piece)
 {
     m_load->size += piece.size();
-    if (m_load->check.add(piece) && m_load->writeError.empty()) {
-        m_load->writeError = m_load->file->write(piece);
+    if (m_load->size > m_config.moduleBytes) {
+        m_load->error = "it is larger than " + std::to_string(m_config.moduleBytes) + " bytes";
+    }
+    if (m_load->error.empty() && m_load->check.add(piece)) {
+        if (const std::string error = m_load->file->write(piece); !error.empty()) {
+            m_load->error = "it cannot be written: " + error;
+        }
     }
 }
 
@@ -296,8 +301,8 @@ bool SwStore::endLoad()
 /// Each step relies on those before it.
 std::string SwStore::finish(Load& load)
 {
-    if (!load.writeError.empty()) {
-        return "it cannot be written: " + load.writeError;
+    if (!load.error.empty()) {
+        return load.error;
     }
     if (!load.check.finish()) {
         return load.check.error();

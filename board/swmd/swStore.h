@@ -16,6 +16,7 @@ struct SwStoreConfig {
     std::uint32_t slots = 4; ///< for loaded modules; the preinstalled one needs none
     std::optional<loadmodule::SoftwareId> preinstalled;
     std::optional<loadmodule::SoftwareId> running; ///< from this start on; nothing for what ran last
+    std::uint64_t moduleBytes = 536'870'912;       ///< of the largest module's file that is taken
 };
 
 /// The board's software: load modules in slots, and the preinstalled one that cannot be loaded or deleted.
@@ -70,7 +71,7 @@ private:
         std::uint32_t slot = 0;
         std::uint64_t size = 0;
         loadmodule::LoadModuleCheck check;
-        std::string writeError;
+        std::string error; ///< what stands against it but for what `check` finds
         std::unique_ptr<StoreFile> file;
     };
 

@@ -147,4 +147,28 @@ private:
     std::uint64_t m_earlyFrames = 0;
 };
 
+template <class Message> void SwmServer::confirm(const Turn& turn, const Message& message)
+{
+    deliver(turn, Message::MESSAGE_NUMBER, message, true);
+}
+
+template <class Message> void SwmServer::reject(const Turn& turn, const Message& message)
+{
+    deliver(turn, Message::MESSAGE_NUMBER, message, false);
+}
+
+template <class Reject, class Request> bool SwmServer::rejectedForTicket(Turn& turn, const Request& req)
+{
+    const auto state = m_tickets.stateOf(turn.connection, req.ticket_number());
+    if (state == SwmTickets::State::active) {
+        return false;
+    }
+    Reject rej;
+    rej.set_ticket_number(req.ticket_number());
+    rej.set_reason(state == SwmTickets::State::queued ? Reject::TICKET_IN_QUEUE
+                                                      : Reject::INVALID_TICKET_NUMBER);
+    reject(turn, rej);
+    return true;
+}
+
 } // namespace merlow::board

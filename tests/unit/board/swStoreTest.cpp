@@ -132,6 +132,26 @@ TEST_F(SwStoreTest, aModuleThatIsNotRightIsDropped)
     EXPECT_THAT(fileNames(), IsEmpty());
 }
 
+TEST_F(SwStoreTest, aModuleThatIsTooLargeIsDropped)
+{
+    const auto id = softwareOf("QXR2_R1A");
+    const Bytes module = moduleOf(id, "content");
+    for (const std::uint64_t most : {module.size(), module.size() - 1}) {
+        SwStore& store = open({2, softwareOf("QXR1_R1A"), {}, most});
+        const bool fits = most == module.size();
+        ASSERT_EQ(store.beginLoad(id), SwStore::Begun::started);
+        for (const std::byte byte : module) {
+            store.addPiece(BytesView(&byte, 1));
+        }
+        EXPECT_EQ(m_disk.files.files["QXR2_R1A.lm.part"]->now.size(), most) << "no byte more is written";
+        EXPECT_EQ(store.endLoad(), fits);
+        EXPECT_EQ(store.error(), fits ? "" : "it is larger than " + std::to_string(most) + " bytes");
+        EXPECT_EQ(contentOf(store), fits ? "0 QXR1_R1A running\n1 QXR2_R1A\n" : "0 QXR1_R1A running\n");
+        EXPECT_EQ(fileNames().size(), fits ? 1U : 0U);
+        EXPECT_EQ(store.remove(id), fits ? SwStore::Removed::done : SwStore::Removed::unknown);
+    }
+}
+
 struct DamagedDiskRow {
     const char* what;
     std::function<void(MemoryDisk&)> damage;
@@ -411,6 +431,9 @@ TEST_F(SwStoreDiskTest, theInventoryKeepsEveryColumn)
             EXPECT_EQ(inventory.put(module), "");
         }
     }
+    std::string header(20, '\0');
+    std::ifstream(path, std::ios::binary).read(header.data(), static_cast<std::streamsize>(header.size()));
+    EXPECT_EQ(header.substr(18), "\2\2") << "a write-ahead log, for reading and for writing";
     SqliteInventory inventory;
     ASSERT_EQ(inventory.open(path), "");
     EXPECT_EQ(inventory.load(loaded), "");
