@@ -68,12 +68,51 @@ TEST_F(StatusTextTest, showsWhatLegacydHolds)
     EXPECT_THAT(text, HasSubstr("legacy::0x165ffff received 1\n"));
 }
 
+TEST_F(StatusTextTest, showsWhatSwmdHolds)
+{
+    const auto status = nlohmann::json::parse(R"({"program": "swmd", "version": "1.2.3", "pid": 7,
+        "address": "ux:SWMServer", "revisions": [1], "maxConnections": 64,
+        "connections": [{"ref": 1, "revision": 1}, {"ref": 2, "revision": 0}],
+        "tickets": [{"ticket": 3, "connection": 1, "active": true}, {"ticket": 4, "connection": 1, "active": false}],
+        "store": {"place": "/state/software", "slots": 2, "loadedBytes": 65536, "lastLoad": "completed",
+            "modules": [{"slot": 0, "software": "QXR1_R1A", "type": "PREINSTALLED", "size": 0, "status": "VALID",
+                         "access": "READ_ONLY", "running": true},
+                        {"slot": 1, "software": "QXR2_R1A", "type": "AUAPPLIC", "size": 100, "status": "WRITING",
+                         "access": "READ_WRITE", "running": false}]},
+        "received": {"swm::PushLoadData": 5, "swm::DeleteReq": 0}, "malformed": {"swm::PushLoadData": 0},
+        "confirmed": {"swm::PushLoadData": 4}, "rejected": {"swm::PushLoadData": 1},
+        "delayed": {"swm::PushLoadData": 0}, "dropped": {"swm::PushLoadData": 2},
+        "cutFrames": 1, "unknownFrames": 2, "tooLongFrames": 3, "earlyFrames": 4,
+        "plans": [{"action": "abort", "kind": "swm::PushLoadData", "count": 2}]})");
+    EXPECT_EQ(
+        swmdStatusText(status),
+        "swmd 1.2.3, process 7\n"
+        "  ux:SWMServer, revisions 1, 2 connections, at most 64 established\n"
+        "    connection 1: revision 1\n"
+        "    connection 2: not established\n"
+        "    ticket 3: connection 1, active\n"
+        "    ticket 4: connection 1, waits\n"
+        "  store /state/software, 2 slots\n"
+        "    slot 0: QXR1_R1A, PREINSTALLED, 0 bytes, VALID, READ_ONLY, running\n"
+        "    slot 1: QXR2_R1A, AUAPPLIC, 100 bytes, WRITING, READ_WRITE\n"
+        "    a load is on its way, 65536 bytes so far\n"
+        "    the last load: completed\n"
+        "    frames                            received malformed confirmed  rejected   delayed   "
+        "dropped\n"
+        "    swm::PushLoadData                        5         0         4         1         0         "
+        "2\n"
+        "    dropped: 1 cut frames, 2 unknown frames, 3 too long, 4 before the connection was "
+        "established\n"
+        "  planned: abort swm::PushLoadData, next 2\n");
+}
+
 TEST_F(StatusTextTest, missingMembersLeaveGaps)
 {
     for (const nlohmann::json& status : {nlohmann::json(), nlohmann::json::array({1}), nlohmann::json(5),
                                          nlohmann::json({{"bri", 5}, {"plans", {1}}, {"received", "x"}})}) {
         EXPECT_THAT(brhdStatusText(status), HasSubstr("process -"));
         EXPECT_THAT(legacydStatusText(status), HasSubstr("process -"));
+        EXPECT_THAT(swmdStatusText(status), HasSubstr("process -"));
         EXPECT_NO_THROW(kindsText(status));
         EXPECT_NO_THROW(faultsText(status));
     }
