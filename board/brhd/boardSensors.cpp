@@ -16,7 +16,7 @@ namespace {
 
 constexpr TemperatureRange rangeWithoutLimits{0, 500, 0};
 
-/// Without what it is based on: a sensor that has not been looked for in the machine yet.
+/// As a simulated one: it has not been looked for in the machine yet.
 BoardSensors::Sensor sensorOf(const BoardDescription& board, std::size_t number)
 {
     BoardSensors::Sensor sensor{board.temperature.places[number], {}, "", 0, 0, 0};

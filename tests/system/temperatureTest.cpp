@@ -4,6 +4,7 @@
 #include "unit.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <deque>
 #include <gtest/gtest.h>
@@ -140,6 +141,26 @@ TEST_F(TemperatureTest, aClientThatGoesTakesItsMeasurementAlong)
     EXPECT_TRUE(waitUntil([this] { return measurements() == 1; }));
     const auto soFar = stays.readings().size();
     stays.measure(soFar + 3);
+}
+
+TEST_F(TemperatureTest, theCommandPrintsReadingsUntilItIsInterrupted)
+{
+    ASSERT_EQ(m_unit.boardctl({"temp", "set", "board", "-12.5"}).status, 0);
+    const auto counted = m_unit.bcictl({"temp", "--period", "1", "--count", "3"});
+    EXPECT_EQ(counted.status, 0) << counted.err;
+    EXPECT_NE(counted.out.find("Z sensor 0 -12.5, sensor 1 "), std::string::npos) << counted.out;
+    EXPECT_NE(counted.out.find("\n3 readings\n"), std::string::npos) << counted.out;
+
+    Process measuring("bcictl", {"temp", "--period", "2"}, m_unit.environment());
+    EXPECT_TRUE(waitUntil([&] { return measuring.out().find("sensor 0") != std::string::npos; }));
+    EXPECT_EQ(measurements(), 1u);
+    measuring.signal(SIGINT);
+    EXPECT_EQ(measuring.wait(), 0) << measuring.err();
+    EXPECT_NE(measuring.out().find(" reading"), std::string::npos);
+    EXPECT_EQ(measurements(), 0u);
+    const auto refused = m_unit.bcictl({"temp", "--period", "31"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("Invalid hotSpotMeasurementPeriod: exp: 1 - 30"), std::string::npos);
 }
 
 TEST_F(TemperatureTest, heatIsAFaultUntilItIsOver)

@@ -4,6 +4,7 @@
 #include "mnetMsgPtr.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -99,7 +100,18 @@ void FakeUnit::serve(const char* name, mnet_mbox_id_t mailbox)
             mnet_delete_mailbox(mailbox);
             mailbox = m_control;
         }
-        for (const Reply& reply : m_answers[msg->msgNo]) {
+        auto& replies = m_answers[msg->msgNo];
+        const auto next = std::find_if(replies.begin(), replies.end(),
+                                       [](const Reply& reply) { return reply.number == nextTime; });
+        const std::vector<Reply> now(replies.begin(), next);
+        if (next != replies.end()) {
+            replies.erase(replies.begin(), next + 1);
+        }
+        for (const Reply& reply : now) {
+            if (reply.number == interrupt) {
+                EXPECT_EQ(pthread_kill(m_maker, SIGINT), 0);
+                continue;
+            }
             if (reply.number == leave) {
                 mnet_delete_mailbox(mailbox);
                 mailbox = m_control;

@@ -6,6 +6,7 @@
 #include <map>
 #include <mnet.h>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,6 +57,10 @@ public:
     static constexpr std::uint32_t leave = 0x7000004;
     /// The same, and another one of that name comes.
     static constexpr std::uint32_t comeAgain = 0x7000010;
+    /// The number of a reply that is not sent: what follows it is for the next request of the same number.
+    static constexpr std::uint32_t nextTime = 0x7000020;
+    /// The number of a reply that is not sent: the thread that made this object gets a SIGINT.
+    static constexpr std::uint32_t interrupt = 0x7000021;
 
 private:
     void serve(const char* name, mnet_mbox_id_t mailbox);
@@ -64,6 +69,7 @@ private:
     mutable std::mutex m_mutex;
     std::map<std::uint32_t, std::string> m_received;
     mnet_mbox_id_t m_control = MNET_MBOX_NONE; // outlives the other mailbox, for the stop
+    pthread_t m_maker = pthread_self();
     std::thread m_thread;
 };
 

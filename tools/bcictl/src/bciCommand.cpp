@@ -22,6 +22,7 @@ constexpr std::array commands{
     CommandRow{"acquire", "Hold the software store; a session goes on with it", makeAcquire},
     CommandRow{"release", "Give the software store back, in a session", makeRelease},
     CommandRow{"faults", "List the unit's active faults, or follow them", makeFaults},
+    CommandRow{"temp", "Have the unit's temperatures measured, and print or plot them", makeTemp},
     CommandRow{"utc", "Hand the board a UTC time", makeUtc},
     CommandRow{"mmi", "Select the MMI mode; 1 is the one that exists", makeMmi},
     CommandRow{"maint", "Set the maintenance state, or follow it", makeMaint},

@@ -4,6 +4,7 @@
 #include "faultSignals.h"
 #include "hex.h"
 #include "mmiStates.h"
+#include "temperatures.h"
 
 #include <array>
 #include <chrono>
@@ -92,6 +93,10 @@ void tellIndication(tools::Output& output, const tools::Signal& signal)
 {
     if (const auto event = decodeFault(signal)) {
         tellFaultEvent(output, *event);
+        return;
+    }
+    if (const auto temperatures = decodeTemperatures(signal)) {
+        tellTemperatures(output, *temperatures);
         return;
     }
     if (signal.number() == TARN_BC_RESTART_BOARD_NOTIFICATION_IND) {

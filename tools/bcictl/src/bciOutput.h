@@ -25,7 +25,7 @@ std::string describeSignal(const tools::Signal& signal);
 tools::Fields fieldsOf(const tools::Signal& signal);
 
 void tellConnected(tools::Output& output, const TarnNodeCommonAddressInfoS& references);
-/// A fault, a restart or a state of the MMI by what it says, any other signal by its bytes.
+/// A fault, temperatures, a restart or a state of the MMI by what it says, any other signal by its bytes.
 void tellIndication(tools::Output& output, const tools::Signal& signal);
 
 } // namespace merlow::bcictl

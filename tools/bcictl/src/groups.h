@@ -31,6 +31,9 @@ std::unique_ptr<Command> makeRelease();
 // loadCommand.cpp
 std::unique_ptr<Command> makeLoad();
 
+// temperatureCommand.cpp
+std::unique_ptr<Command> makeTemp();
+
 // timeCommands.cpp
 std::unique_ptr<Command> makeUtc();
 

@@ -37,8 +37,10 @@ public:
     /// Something that no command asked for.
     void event(const char* name, const std::string& text, const Fields& fields);
 
-    /// A line that what is told next replaces; only for people at a terminal.
-    void transient(const std::string& line);
+    /// A line, or several, that what is told next replaces; only for people at a terminal.
+    void transient(const std::string& text);
+    /// Whether transients show.
+    [[nodiscard]] bool isTerminal() const { return m_style.terminal && !m_style.json; }
 
     /// "SENT -> ANSWER: " when signals are to be named, else nothing.
     [[nodiscard]] std::string names(std::uint32_t sent, std::uint32_t answer) const;
@@ -49,12 +51,14 @@ public:
 private:
     void printObject(const Fields& object);
     void clearTransient();
+    void rewindTransient();
 
     std::ostream& m_out;
     std::ostream& m_err;
     Style m_style;
     std::string m_command;
     bool m_hasTransient = false;
+    std::size_t m_transientNewlines = 0;
 };
 
 } // namespace merlow::tools

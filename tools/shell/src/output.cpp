@@ -16,6 +16,7 @@ std::string_view nameOf(ExitStatus status)
 }
 
 constexpr char eraseRestOfLine[] = "\x1b[K";
+constexpr char eraseRestOfScreen[] = "\x1b[J";
 
 std::string withNewline(const std::string& text)
 {
@@ -99,19 +100,41 @@ void Output::event(const char* name, const std::string& text, const Fields& fiel
     printObject(object);
 }
 
-void Output::transient(const std::string& line)
+void Output::transient(const std::string& text)
 {
-    if (m_style.terminal && !m_style.json) {
-        m_out << '\r' << line << eraseRestOfLine << std::flush;
-        m_hasTransient = true;
+    if (!isTerminal()) {
+        return;
     }
+    rewindTransient();
+    std::size_t newlines = 0;
+    for (const char c : text) {
+        if (c == '\n') {
+            m_out << eraseRestOfLine;
+            ++newlines;
+        }
+        m_out << c;
+    }
+    m_out << (newlines < m_transientNewlines ? eraseRestOfScreen : eraseRestOfLine) << std::flush;
+    m_hasTransient = true;
+    m_transientNewlines = newlines;
 }
 
 void Output::clearTransient()
 {
     if (m_hasTransient) {
-        m_out << '\r' << eraseRestOfLine << std::flush;
+        rewindTransient();
+        m_out << (m_transientNewlines != 0 ? eraseRestOfScreen : eraseRestOfLine) << std::flush;
         m_hasTransient = false;
+        m_transientNewlines = 0;
+    }
+}
+
+/// To where the transient that stands begins.
+void Output::rewindTransient()
+{
+    m_out << '\r';
+    if (m_transientNewlines != 0) {
+        m_out << "\x1b[" << m_transientNewlines << 'A';
     }
 }
 
