@@ -3,9 +3,12 @@
 #include "statusText.h"
 
 #include <cmath>
+#include <cstdlib>
 #include <iostream>
 #include <limits>
 #include <runDir.h>
+#include <string_view>
+#include <unistd.h>
 
 namespace merlow::board {
 namespace {
@@ -27,6 +30,7 @@ struct Options {
     std::string cause;
     std::string fields;
     std::string fault;
+    std::string presence;
     std::string fan;
     std::string parent;
     std::string sensor;
@@ -166,6 +170,13 @@ void addCommands(CLI::App& app, Options& options)
     addFault(app, options);
     addTemperature(app, options);
 
+    CLI::App* leds = app.add_subcommand("leds", "Show the board's lamps in a row");
+    leds->add_flag("--json", options.json, "As one JSON list");
+    CLI::App* serviceMan = app.add_subcommand("serviceman", "A service man comes to the board, or leaves it");
+    serviceMan->add_option("PRESENCE", options.presence, "on or off")
+        ->required()
+        ->check(CLI::IsMember({"on", "off"}));
+
     CLI::App* describe = app.add_subcommand("describe", "Print the board description that is in force");
     describe->add_flag("--json", options.json, "As one JSON object, in the form of the file");
 
@@ -253,6 +264,12 @@ Order orderOf(const CLI::App& command, const Options& options)
                  {"number", options.number},
                  {"fields", options.fields}}};
     }
+    if (name == "leds") {
+        return {{brhd}, {{"command", "leds"}}};
+    }
+    if (name == "serviceman") {
+        return {{brhd}, {{"command", "serviceman"}, {"present", options.presence == "on"}}};
+    }
     if (name == "describe") {
         return {{brhd}, {{"command", "describe"}}};
     }
@@ -260,6 +277,13 @@ Order orderOf(const CLI::App& command, const Options& options)
         return planOf(command, options);
     }
     return {targetsOf(options), {{"command", name}}};
+}
+
+/// Standard output is a terminal that has them.
+bool hasColours()
+{
+    const char* const terminal = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
 /// A neighbour's answer for people: on stdout when it was done, else on stderr.
@@ -286,6 +310,8 @@ int report(const Target& target, const Reply& reply, const std::string& command)
         std::cout << kindsText(answer.data);
     } else if (command == "describe") {
         std::cout << descriptionText(answer.text, answer.data);
+    } else if (command == "leds") {
+        std::cout << ledsText(answer.data, hasColours());
     } else if (command == "fault" && answer.data.is_array()) {
         std::cout << faultsText(answer.data);
     } else if (command == "temp" && answer.data.is_array()) {

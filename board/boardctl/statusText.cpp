@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 #include <sstream>
+#include <utility>
 
 namespace merlow::board {
 
@@ -188,6 +189,53 @@ void writeTemperature(std::ostream& out, const json& sensor)
     out << "\n";
 }
 
+/// "(*)" in the colour of the lamp, "( )" for a dark one.
+std::string lampGlyph(const std::string& colour, bool flashes, bool isColoured)
+{
+    static constexpr std::array<std::pair<const char*, const char*>, 5> colours{
+        {{"red", "31"}, {"green", "32"}, {"yellow", "33"}, {"blue", "34"}, {"white", "37"}}};
+    if (colour == "off" || colour == "-") {
+        return "( )";
+    }
+    for (const auto& [name, code] : colours) {
+        if (isColoured && colour == name) {
+            return std::string("\033[1;") + (flashes ? "5;" : "") + code + "m(*)\033[0m";
+        }
+    }
+    return "(*)";
+}
+
+void writeLamps(std::ostream& out, const json& lamps, bool isColoured)
+{
+    const char* separator = "";
+    for (const json& lamp : lamps) {
+        const std::string colour = textOf(lamp, "colour");
+        const bool flashes = memberOf(lamp, "flashes") == true;
+        out << separator << textOf(lamp, "lamp") << " " << lampGlyph(colour, flashes, isColoured) << " "
+            << colour << (flashes ? " flashing" : "");
+        separator = "   ";
+    }
+    out << "\n";
+}
+
+void writeMmi(std::ostream& out, const json& server)
+{
+    if (const json& lamps = memberOf(server, "indicators"); lamps.is_array()) {
+        out << "    lamps: ";
+        writeLamps(out, lamps, false);
+    }
+    if (const json& maintenance = memberOf(server, "maintenance"); maintenance.is_object()) {
+        out << "    maintenance state " << textOf(maintenance, "name")
+            << (memberOf(maintenance, "serviceMan") == true ? ", a service man is at the unit" : "") << ", "
+            << textOf(maintenance, "subscribers") << " subscribed\n";
+    }
+    if (const json& hereIAm = memberOf(server, "hereIAm"); hereIAm.is_object()) {
+        out << "    Here I Am "
+            << (memberOf(hereIAm, "on") == true ? "on for " + textOf(hereIAm, "leftMs") + " ms" : "off")
+            << ", " << textOf(hereIAm, "subscribers") << " subscribed\n";
+    }
+}
+
 void writeServer(std::ostream& out, const json& server)
 {
     out << "  " << textOf(server, "mailboxName") << ", mailbox " << textOf(server, "mailbox")
@@ -224,6 +272,7 @@ void writeServer(std::ostream& out, const json& server)
         out << "    measurement " << textOf(measurement, "ref") << ": connection "
             << textOf(measurement, "connectionRef") << ", every " << textOf(measurement, "period") << " s\n";
     }
+    writeMmi(out, server);
     writeFrames(out, server);
 }
 
@@ -318,6 +367,21 @@ std::string temperaturesText(const json& temperatures)
         writeTemperature(out, sensor);
     }
     return temperatures.empty() ? "no sensors\n" : out.str();
+}
+
+std::string ledsText(const json& lamps, bool isColoured)
+{
+    std::ostringstream out;
+    writeLamps(out, lamps, isColoured);
+    for (const json& lamp : lamps) {
+        for (const json& led : memberOf(lamp, "leds")) {
+            if (const std::string error = textOf(led, "error"); !error.empty()) {
+                out << textOf(lamp, "lamp") << " cannot switch the LED " << textOf(led, "led") << ": "
+                    << error << "\n";
+            }
+        }
+    }
+    return out.str();
 }
 
 std::string descriptionText(const std::string& origin, const json& description)

@@ -18,6 +18,10 @@ std::string faultsText(const nlohmann::json& faults);
 /// The board's sensors, one a line.
 std::string temperaturesText(const nlohmann::json& temperatures);
 
+/// The lamps in a row, then what is wrong with LEDs that show them. `isColoured`: for a terminal that has
+/// colours.
+std::string ledsText(const nlohmann::json& lamps, bool isColoured);
+
 /// A board description in the form of its file: one key a line. `origin` says where it came from.
 std::string descriptionText(const std::string& origin, const nlohmann::json& description);
 

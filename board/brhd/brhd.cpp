@@ -11,7 +11,8 @@ Brhd::Brhd(Config config, BoardClock::SystemClock systemClock, StateStore& store
       m_bri(std::move(config.bri), m_board.description,
             BoardSensors(m_board.description, std::move(config.hwmonFolder), config.seed),
             std::move(systemClock), store, outbox, m_plans),
-      m_bmmi(std::move(config.bmmi), m_board.description.bmmi, outbox, m_plans)
+      m_bmmi(std::move(config.bmmi), m_board.description.bmmi, LedClass(std::move(config.ledFolder)), outbox,
+             m_plans)
 {
 }
 
@@ -32,6 +33,7 @@ void Brhd::attach(const std::string& mailboxName, MailboxId mailbox)
 void Brhd::begin()
 {
     m_bri.begin();
+    m_bmmi.begin();
 }
 
 void Brhd::receive(const Received& received)
@@ -124,6 +126,12 @@ ControlAnswer Brhd::control(const std::string& command, const nlohmann::json& re
     }
     if (command == "describe") {
         return describe();
+    }
+    if (command == "leds") {
+        return m_bmmi.controlLeds();
+    }
+    if (command == "serviceman") {
+        return m_bmmi.controlServiceMan(request);
     }
     return {Result::usage, "brhd has no command \"" + command + "\"", {}};
 }

@@ -16,6 +16,7 @@ public:
         LoadedBoard board{};
         std::string hwmonFolder{}; ///< the kernel's hwmon class; empty: all temperatures are simulated
         std::uint32_t seed = 1;    ///< of what is left to chance
+        std::string ledFolder{};   ///< where the machine has its LEDs
     };
 
     /// `store` is where the board's faults outlive the process.

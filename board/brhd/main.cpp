@@ -24,6 +24,7 @@ struct Options {
     std::size_t maxConnections = merlow::board::BrhServerConfig().maxConnections;
     unsigned clockSpeed = 1;
     std::string hwmonFolder = "/sys/class/hwmon";
+    std::string ledFolder = "/sys/class/leds";
 };
 
 void addOptions(CLI::App& app, Options& options)
@@ -47,6 +48,7 @@ void addOptions(CLI::App& app, Options& options)
         ->capture_default_str();
     app.add_option("--hwmon", options.hwmonFolder, "Where the machine tells its temperatures")
         ->capture_default_str();
+    app.add_option("--leds", options.ledFolder, "Where the machine has its LEDs")->capture_default_str();
 }
 
 merlow::board::Brhd::Config configOf(const Options& options, merlow::board::LoadedBoard board)
@@ -55,7 +57,8 @@ merlow::board::Brhd::Config configOf(const Options& options, merlow::board::Load
             {{options.bmmiRevisions.begin(), options.bmmiRevisions.end()}, options.maxConnections},
             std::move(board),
             options.hwmonFolder,
-            std::random_device()()};
+            std::random_device()(),
+            options.ledFolder};
 }
 
 } // namespace

@@ -31,7 +31,9 @@ constexpr std::size_t maxPlaces = 32;            // more than clients are told o
 constexpr std::size_t longestPlace = 31;         // bytes
 constexpr const char* machineSensors = "machine";
 constexpr const char* simulatedSensors = "simulated";
-constexpr std::int64_t longestNotice = 600'000; // ms
+constexpr std::int64_t longestNotice = 600'000;     // ms
+constexpr std::int64_t longestHereIAm = 86'400'000; // ms
+constexpr std::size_t maxLeds = 32;
 constexpr std::int64_t largestBudget = 65536;
 constexpr std::int64_t maxSlots = 64;
 constexpr std::int64_t largestBlock = 262'000; // a message to the store's server has to hold it
@@ -80,13 +82,16 @@ constexpr Member<BmmiDescription, bool> bmmiCapabilities[] = {
     {"COMMON_MMI", &BmmiDescription::commonMmi},
 };
 
-/// The index of the name that `node` is.
-std::size_t indexOf(const JsonNode& node, const std::string& path, const std::vector<std::string>& names)
+const std::vector<std::string> lampColours{"green", "yellow", "red", "blue", "white"};
+
+/// The index of the name that `node` is; `kind` is what they name.
+std::size_t indexOf(const JsonNode& node, const std::string& path, const std::vector<std::string>& names,
+                    const std::string& kind = "capability")
 {
     const auto found = std::find(names.begin(), names.end(), jsonText(node, path, longestText));
     if (found == names.end()) {
         throw JsonMistake(node.line, path,
-                          node.value.dump() + " is no capability; there are " + commaList(names));
+                          node.value.dump() + " is no " + kind + "; there are " + commaList(names));
     }
     return static_cast<std::size_t>(found - names.begin());
 }
@@ -153,8 +158,47 @@ void readBri(JsonSection& file, BriDescription& bri)
     readSets(file, "hotspots", bri.hotspots, hotspotNumbers);
 }
 
+LedMapping readLed(const JsonNode& node, const std::string& path)
+{
+    JsonSection section(node, path);
+    LedMapping mapping;
+    mapping.lamp = static_cast<std::uint32_t>(
+        indexOf(section.require("lamp"), section.pathOf("lamp"), lampNames, "lamp"));
+    if (const JsonNode* colour = section.take("colour")) {
+        mapping.colour =
+            lampColours.at(indexOf(*colour, section.pathOf("colour"), lampColours, "colour of a lamp"));
+    }
+    const JsonNode& led = section.require("led");
+    mapping.led = jsonText(led, section.pathOf("led"), longestText);
+    if (mapping.led.empty() || mapping.led.front() == '.' || mapping.led.find('/') != std::string::npos) {
+        throw JsonMistake(led.line, section.pathOf("led"), "is no name of an LED");
+    }
+    section.finish();
+    return mapping;
+}
+
+void readLeds(JsonSection& file, std::vector<LedMapping>& leds)
+{
+    std::vector<LedMapping> read;
+    const bool there = file.list("leds", maxLeds, [&](const JsonNode& node, const std::string& path) {
+        LedMapping mapping = readLed(node, path);
+        const auto isSame = [&mapping](const LedMapping& other) {
+            return other.led == mapping.led;
+        };
+        if (std::any_of(read.begin(), read.end(), isSame)) { // the lamps would fight over it
+            throw JsonMistake(node.line, path + ".led", "\"" + mapping.led + "\" is there twice");
+        }
+        read.push_back(std::move(mapping));
+    });
+    if (there) {
+        leds = std::move(read);
+    }
+}
+
 void readBmmi(JsonSection& file, BmmiDescription& bmmi)
 {
+    file.number("hereIAmMs", 1, longestHereIAm, bmmi.hereIAmMs);
+    readLeds(file, bmmi.leds);
     std::vector<std::string> names;
     for (const auto& [key, member] : bmmiCapabilities) {
         names.emplace_back(key);
@@ -403,7 +447,15 @@ json bmmiToJson(const BmmiDescription& bmmi)
             names.push_back(key);
         }
     }
-    return {{"capabilities", std::move(names)}};
+    json leds = json::array();
+    for (const LedMapping& mapping : bmmi.leds) {
+        json led{{"lamp", lampNames.at(mapping.lamp)}, {"led", mapping.led}};
+        if (mapping.colour) {
+            led["colour"] = *mapping.colour;
+        }
+        leds.push_back(std::move(led));
+    }
+    return {{"capabilities", std::move(names)}, {"hereIAmMs", bmmi.hereIAmMs}, {"leds", std::move(leds)}};
 }
 
 json temperatureToJson(const TemperatureDescription& temperature)
@@ -458,6 +510,8 @@ const std::vector<std::string> briCapabilityNames{
     "RESTART_RANK_LABEL",
     "EVENT_HISTORY",
 };
+
+const std::vector<std::string> lampNames{"group0", "group1", "group3", "group4", "supportUnit"};
 
 std::uint32_t HardwareLogDescription::budgetOf(std::uint32_t log) const
 {

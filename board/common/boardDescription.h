@@ -70,11 +70,22 @@ struct BriDescription {
     bool operator==(const BriDescription&) const = default;
 };
 
-/// What BMMI announces.
+/// A lamp of the board that an LED of the machine shows.
+struct LedMapping {
+    std::uint32_t lamp = 0; ///< its index in `lampNames`
+    BoardText colour;       ///< the one that lights the LED; without one all do
+    std::string led;        ///< its name in the kernel's LED class
+
+    bool operator==(const LedMapping&) const = default;
+};
+
+/// What BMMI announces, and how the board's MMI behaves.
 struct BmmiDescription {
     bool supportUnitFaultIndicator = true;
     bool hereIAm = true;
     bool commonMmi = true;
+    std::uint32_t hereIAmMs = 60'000; ///< after which Here I Am ends by itself
+    std::vector<LedMapping> leds{};
 
     bool operator==(const BmmiDescription&) const = default;
 };
@@ -148,6 +159,10 @@ constexpr std::uint32_t maxLogNumber = 999;
 
 /// The names of BRI's capabilities in the file, by their value in the schema.
 extern const std::vector<std::string> briCapabilityNames;
+
+/// The names of the board's lamps in the file.
+constexpr std::size_t lampCount = 5;
+extern const std::vector<std::string> lampNames;
 
 /// A description and where it came from, or what is wrong with it.
 struct LoadedBoard {

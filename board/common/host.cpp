@@ -211,6 +211,12 @@ void Host::sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId 
     }
 }
 
+std::chrono::milliseconds Host::now() const
+{
+    const auto passed = std::chrono::steady_clock::now() - m_start;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(passed * m_clockSpeed);
+}
+
 bool Host::runAfter(std::chrono::milliseconds delay, std::function<void()> action)
 {
     return m_actions.add(std::chrono::duration_cast<std::chrono::microseconds>(delay) / m_clockSpeed,

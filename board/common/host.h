@@ -43,6 +43,7 @@ public:
     void send(MailboxId from, MailboxId to, BytesView message) override;
     void sendBack(const Received& received) override;
     void sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message) override;
+    [[nodiscard]] std::chrono::milliseconds now() const override;
     [[nodiscard]] bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) override;
     [[nodiscard]] bool watch(MailboxId mailbox) override;
     [[nodiscard]] MailboxId reopenMailbox(MailboxId mailbox) override;
@@ -64,6 +65,7 @@ private:
     void handleSignal();
 
     const unsigned m_clockSpeed;
+    const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
     Service* m_service = nullptr;
     int m_signalFd = -1;
     MailboxId m_control = noMailbox;

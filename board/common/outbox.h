@@ -40,6 +40,9 @@ public:
     /// As `send`, but after a delay. Messages without a delay overtake it. It is lost when `from` is gone.
     virtual void sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message) = 0;
 
+    /// The board's clock, since some time in the past.
+    [[nodiscard]] virtual std::chrono::milliseconds now() const = 0;
+
     /// Runs `action` once, after a delay on the board's clock, which may run faster than the system's. There
     /// is no way back: what is no longer wanted has to find that out by itself. False, and nothing is kept,
     /// when too much is due already.

@@ -67,7 +67,9 @@ TEST(BoardDescriptionTest, everyKeyCounts)
         "bri": {"capabilities": ["EVENT_HISTORY", "UTC_TIME"],
                 "temperatureRanges": [{"lower": -32768, "upper": 32767, "hysteresis": 1}],
                 "hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": 3}]},
-        "bmmi": {"capabilities": ["HERE_I_AM"]},
+        "bmmi": {"capabilities": ["HERE_I_AM"], "hereIAmMs": 86400000,
+                 "leds": [{"lamp": "supportUnit", "colour": "red", "led": "fault:red"},
+                          {"lamp": "group0", "led": "a b"}]},
         "restart": {"ranks": [5, 1], "noticeMs": 600000},
         "temperature": {"sensors": "simulated",
                         "places": [{"name": "n", "chip": "c", "label": null},
@@ -80,7 +82,7 @@ TEST(BoardDescriptionTest, everyKeyCounts)
     expected.capabilities = {65535, 0};
     expected.capabilityText = "";
     expected.bri = {{12, 0}, {{-32768, 32767, 1}}, {{1, 2, 3}}};
-    expected.bmmi = {false, true, false};
+    expected.bmmi = {false, true, false, 86400000, {{4, "red", "fault:red"}, {0, std::nullopt, "a b"}}};
     expected.restart = {{5, 1}, 600000};
     expected.temperature = {true, {{"n", "c", std::nullopt}, {"N", "C", "L"}}};
     expected.hardwareLog = {65536, {{0, 8}, {2, 1}, {999, 9}}};
@@ -162,6 +164,10 @@ INSTANTIATE_TEST_SUITE_P(
                 "bri.hotspots[0].hysteresis: is missing"),
         inLine3(R"("bri": {"hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": 3, "x": 4}]})",
                 "bri.hotspots[0].x: is no known key; there are sensor, threshold, hysteresis"),
+        inLine3(R"("bmmi": {"leds": [{"lamp": "group1"}]})", "bmmi.leds[0].led: is missing"),
+        inLine3(R"("bmmi": {"leds": [{"led": "a"}]})", "bmmi.leds[0].lamp: is missing"),
+        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a", "x": 1}]})",
+                "bmmi.leds[0].x: is no known key; there are lamp, colour, led"),
         inLine3(R"("store": {"preinstalled": {"number": "A"}})", "store.preinstalled.revision: is missing"),
         inLine3(R"("hardwareLog": {"budgetBytesOf": {"1000": 5}})",
                 "hardwareLog.budgetBytesOf.1000: is no number of a log, \"0\" to \"999\""),
@@ -239,6 +245,24 @@ INSTANTIATE_TEST_SUITE_P(
                 "temperature.places[0].place: is no known key; there are name, chip, label"),
         inLine3(R"("temperature": {"places": [{"name": "a", "chip": 7}]})",
                 "temperature.places[0].chip: must be a text, not 7"),
+        inLine3(R"("bmmi": {"hereIAmMs": 0})",
+                "bmmi.hereIAmMs: must be a whole number from 1 to 86400000, not 0"),
+        inLine3(R"("bmmi": {"hereIAmMs": 86400001})",
+                "bmmi.hereIAmMs: must be a whole number from 1 to 86400000, not 86400001"),
+        inLine3(R"("bmmi": {"leds": [{"lamp": "group2", "led": "a"}]})",
+                "bmmi.leds[0].lamp: \"group2\" is no lamp; there are group0, group1, group3, group4, "
+                "supportUnit"),
+        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "colour": "off", "led": "a"}]})",
+                "bmmi.leds[0].colour: \"off\" is no colour of a lamp; there are green, yellow, red, blue, "
+                "white"),
+        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": ""}]})",
+                "bmmi.leds[0].led: is no name of an LED"),
+        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "../x"}]})",
+                "bmmi.leds[0].led: is no name of an LED"),
+        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a/b"}]})",
+                "bmmi.leds[0].led: is no name of an LED"),
+        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a"}, {"lamp": "group3", "led": "a"}]})",
+                "bmmi.leds[1].led: \"a\" is there twice"),
         inLine3(R"("hardwareLog": {"budgetBytes": 0})",
                 "hardwareLog.budgetBytes: must be a whole number from 1 to 65536, not 0"),
         inLine3(R"("hardwareLog": {"budgetBytesOf": {"2": 65537}})",

@@ -90,6 +90,8 @@ public:
         sent.push_back({from, to, textOf(message), delay.count()});
     }
 
+    [[nodiscard]] std::chrono::milliseconds now() const override { return m_now; }
+
     [[nodiscard]] bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) override
     {
         if (canDelay) {
@@ -97,6 +99,9 @@ public:
         }
         return canDelay;
     }
+
+    /// How many actions wait for their time.
+    std::size_t dueActions() const { return m_actions.size(); }
 
     /// Lets the board's clock go on, and what is due happen.
     void advance(std::chrono::milliseconds time)
