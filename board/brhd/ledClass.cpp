@@ -64,8 +64,7 @@ std::string LedClass::show(const std::string& led, Light light) const
     const std::string place = m_folder + "/" + led;
     // A trigger that still stands would go on switching the LED; one that has none needs none taken away.
     const std::string untriggered = writeAttribute(place, "trigger", "none");
-    const std::string bright =
-        writeAttribute(place, "brightness", light == Light::dark ? "0" : mostOf(place));
+    std::string bright = writeAttribute(place, "brightness", light == Light::dark ? "0" : mostOf(place));
     if (!bright.empty() || light != Light::flashing) {
         return bright;
     }
