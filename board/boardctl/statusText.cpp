@@ -236,6 +236,18 @@ void writeMmi(std::ostream& out, const json& server)
     }
 }
 
+void writeLogAndRestart(std::ostream& out, const json& server)
+{
+    const json& log = memberOf(server, "hardwareLog");
+    if (const std::string error = textOf(log, "error"); log.is_object() && !error.empty()) {
+        out << "    hardware log: " << textOf(log, "place") << ": " << error << "\n";
+    }
+    if (const json& order = memberOf(server, "restartOrder"); order.is_object()) {
+        out << "    the board restarts: code " << textOf(order, "code") << ", rank " << textOf(order, "rank")
+            << ", load module \"" << textOf(order, "loadModule") << "\"\n";
+    }
+}
+
 void writeServer(std::ostream& out, const json& server)
 {
     out << "  " << textOf(server, "mailboxName") << ", mailbox " << textOf(server, "mailbox")
@@ -273,6 +285,7 @@ void writeServer(std::ostream& out, const json& server)
             << textOf(measurement, "connectionRef") << ", every " << textOf(measurement, "period") << " s\n";
     }
     writeMmi(out, server);
+    writeLogAndRestart(out, server);
     writeFrames(out, server);
 }
 

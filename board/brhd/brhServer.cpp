@@ -69,6 +69,10 @@ void BrhServer::serve(Row& row, const BrhConnection& connection, const BrhFrame&
                                   << frame.body.size() << " bytes does not parse");
         return;
     }
+    if (!row.hasAnswer) {
+        row.handle(connection, *request);
+        return;
+    }
     const auto plan = m_plans.take(row.kind);
     const bool refuse = plan && plan->action == AnswerPlan::Action::refuse;
     const BrhAnswer answer = refuse ? refused(row, plan->cause) : row.handle(connection, *request);
@@ -234,7 +238,9 @@ std::vector<AnswerKind> BrhServer::kinds() const
 {
     std::vector<AnswerKind> kinds;
     for (const auto& [number, row] : m_rows) {
-        kinds.push_back(answerKindOf(row.kind, row.reject));
+        if (row.hasAnswer) {
+            kinds.push_back(answerKindOf(row.kind, row.reject));
+        }
     }
     return kinds;
 }
@@ -242,7 +248,7 @@ std::vector<AnswerKind> BrhServer::kinds() const
 std::optional<AnswerKind> BrhServer::findKind(const std::string& name) const
 {
     for (const auto& [number, row] : m_rows) {
-        if (row.kind == name) {
+        if (row.kind == name && row.hasAnswer) {
             return answerKindOf(row.kind, row.reject);
         }
     }

@@ -34,8 +34,8 @@ struct BrhConnection {
 
 /// What a handler answers: a confirm or a reject with its number.
 struct BrhAnswer {
-    std::uint32_t number;
-    bool confirms;
+    std::uint32_t number = 0;
+    bool confirms = false;
     std::unique_ptr<google::protobuf::Message> message;
     /// What goes out behind the answer, with the request's procedure reference; empty for nothing.
     std::function<void(std::uint32_t procedureRef)> afterwards{};
@@ -92,6 +92,9 @@ protected:
     /// The same for a request that cannot be rejected.
     template <class Request, class Server>
     void onRequest(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&));
+    /// The same for an order, which has no answer, so that no plan acts on it.
+    template <class Order, class Server>
+    void onOrder(void (Server::*handler)(const BrhConnection&, const Order&));
     /// The messages by which connections are established.
     template <class Request, class Confirm, class Reject> void onConnEstablish();
 
@@ -116,7 +119,8 @@ private:
         const google::protobuf::Message* reject = nullptr;  ///< null when there is none
         std::uint32_t rejectNumber = 0;
         bool establishes = false;
-        /// Empty for the one that establishes a connection.
+        bool hasAnswer = true;
+        /// Empty for the one that establishes a connection; the answer to an order has no message.
         std::function<BrhAnswer(const BrhConnection&, const google::protobuf::Message&)> handle;
         Counters counters;
     };
@@ -173,6 +177,17 @@ template <class Request, class Server>
 void BrhServer::onRequest(BrhAnswer (Server::*handler)(const BrhConnection&, const Request&))
 {
     addRow(handler);
+}
+
+template <class Order, class Server>
+void BrhServer::onOrder(void (Server::*handler)(const BrhConnection&, const Order&))
+{
+    Row& row = addRow(Order::default_instance(), Order::MESSAGE_NUMBER);
+    row.hasAnswer = false;
+    row.handle = [this, handler](const BrhConnection& connection, const google::protobuf::Message& order) {
+        (static_cast<Server*>(this)->*handler)(connection, static_cast<const Order&>(order));
+        return BrhAnswer();
+    };
 }
 
 template <class Request, class Server>

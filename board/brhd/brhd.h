@@ -19,8 +19,8 @@ public:
         std::string ledFolder{};   ///< where the machine has its LEDs
     };
 
-    /// `store` is where the board's faults outlive the process.
-    Brhd(Config config, BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox);
+    /// `systemClock` gives milliseconds since 1970.
+    Brhd(Config config, BoardRestart::Clock systemClock, BoardStores stores, Outbox& outbox);
 
     std::string name() const override { return "brhd"; }
     std::string controlMailboxName() const override { return "BrhdControl"; }

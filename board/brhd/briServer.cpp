@@ -19,14 +19,26 @@ std::optional<TimeAccuracy> accuracyOf(const bri::RegisterUtcTimeSourceReq& req)
                                                                    : TimeAccuracy::reduced;
 }
 
+/// The log of the node configuration, which has its own request.
+constexpr std::uint32_t nodeConfigLog = 2;
+
+template <class Request> bool namesLog(const Request& req)
+{
+    return req.has_log_id() && req.log_id() <= maxLogNumber;
+}
+
+template <class Request> HardwareLog::Addition additionOf(const Request& req)
+{
+    return {req.log_id(), req.log_label(), std::nullopt, {req.entries().begin(), req.entries().end()}};
+}
+
 } // namespace
 
 BriServer::BriServer(BrhServerConfig config, const BoardDescription& board, BoardSensors sensors,
-                     BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox,
-                     AnswerPlans& plans)
+                     BoardRestart::Clock systemClock, BoardStores stores, Outbox& outbox, AnswerPlans& plans)
     : BrhServer("bri::", bri::BriServerMetadata().name(), std::move(config), outbox, plans), m_board(board),
-      m_clock(std::move(systemClock)),
-      m_faults(store, outbox,
+      m_clock([systemClock] { return systemClock() / 1000; }),
+      m_faults(stores.faults, outbox,
                [this](const Connection& connection, std::uint32_t procedureRef, std::uint32_t number,
                       const google::protobuf::Message& message) {
                    this->outbox().send(mailbox(), connection.mailbox,
@@ -38,7 +50,9 @@ BriServer::BriServer(BrhServerConfig config, const BoardDescription& board, Boar
               this->outbox().send(
                   mailbox(), connection.mailbox,
                   encodeFrame(bri::TempMeasInd::MESSAGE_NUMBER, procedureRef, connection.clientRef, ind));
-          })
+          }),
+      m_hardwareLog(std::move(stores.hardwareLog), board.hardwareLog, outbox),
+      m_restart(board, systemClock, stores.restartOrder, outbox)
 {
     onConnEstablish<bri::ConnEstablishReq, bri::ConnEstablishCfm, bri::ConnEstablishRej>();
     onRequest<bri::GetCapabilitiesReq, bri::GetCapabilitiesRej>(&BriServer::handleGetCapabilitiesReq);
@@ -53,12 +67,18 @@ BriServer::BriServer(BrhServerConfig config, const BoardDescription& board, Boar
     onRequest<bri::TempMeasStartReq, bri::TempMeasStartRej>(&BriServer::handleTempMeasStartReq);
     onRequest<bri::TempMeasRestartReq, bri::TempMeasRestartRej>(&BriServer::handleTempMeasRestartReq);
     onRequest<bri::TempMeasStopReq, bri::TempMeasStopRej>(&BriServer::handleTempMeasStopReq);
+    onRequest<bri::HwLogSetReq, bri::HwLogSetRej>(&BriServer::handleHwLogSetReq);
+    onRequest<bri::HwLogGetReq, bri::HwLogGetRej>(&BriServer::handleHwLogGetReq);
+    onRequest<bri::StoreNodeConfigEntryReq, bri::StoreNodeConfigEntryRej>(
+        &BriServer::handleStoreNodeConfigEntryReq);
+    onOrder<bri::RestartBoardFwd>(&BriServer::handleRestartBoardFwd);
 }
 
 void BriServer::begin()
 {
     m_faults.load();
     m_temperatures.begin();
+    m_hardwareLog.begin();
 }
 
 BrhAnswer BriServer::handleGetCapabilitiesReq(const Connection& /*connection*/,
@@ -167,6 +187,45 @@ BrhAnswer BriServer::handleTempMeasStopReq(const Connection& connection, const b
     return confirmWith(bri::TempMeasStopCfm());
 }
 
+BrhAnswer BriServer::handleHwLogSetReq(const Connection& /*connection*/, const bri::HwLogSetReq& req)
+{
+    if (!namesLog(req) || req.log_id() == nodeConfigLog || !m_hardwareLog.append(additionOf(req))) {
+        return rejectWith(bri::HwLogSetRej());
+    }
+    return confirmWith(bri::HwLogSetCfm());
+}
+
+BrhAnswer BriServer::handleStoreNodeConfigEntryReq(const Connection& /*connection*/,
+                                                   const bri::StoreNodeConfigEntryReq& req)
+{
+    HardwareLog::Addition addition = additionOf(req);
+    addition.serverRef = req.server_ref();
+    if (!namesLog(req) || req.log_id() != nodeConfigLog || !req.has_server_ref() ||
+        !m_hardwareLog.append(addition)) {
+        return rejectWith(bri::StoreNodeConfigEntryRej());
+    }
+    return confirmWith(bri::StoreNodeConfigEntryCfm());
+}
+
+BrhAnswer BriServer::handleHwLogGetReq(const Connection& /*connection*/, const bri::HwLogGetReq& req)
+{
+    const auto entries = namesLog(req) ? m_hardwareLog.read(req.log_id()) : std::nullopt;
+    if (!entries) {
+        bri::HwLogGetRej rej;
+        rej.set_errortype(namesLog(req) ? bri::HwLogGetRej::READ_FAILED
+                                        : bri::HwLogGetRej::LOG_ID_OUT_OF_RANGE);
+        return rejectWith(std::move(rej));
+    }
+    bri::HwLogGetCfm cfm;
+    cfm.mutable_entries()->Add(entries->begin(), entries->end());
+    return confirmWith(std::move(cfm));
+}
+
+void BriServer::handleRestartBoardFwd(const Connection& connection, const bri::RestartBoardFwd& fwd)
+{
+    m_restart.order(connection.mailbox, fwd);
+}
+
 void BriServer::connectionEnded(const Connection& connection)
 {
     m_clock.connectionEnded(connection.ref);
@@ -197,6 +256,8 @@ nlohmann::json BriServer::status() const
         {"now", m_clock.now()}, {"offset", m_clock.offset()}, {"believedSource", m_clock.believedSource()}};
     m_faults.addStatus(status);
     m_temperatures.addStatus(status);
+    status["hardwareLog"] = m_hardwareLog.status();
+    m_restart.addStatus(status);
     return status;
 }
 

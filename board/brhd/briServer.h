@@ -1,26 +1,37 @@
-/// The BRI server of the reference board: capabilities, product and container data, UTC time, faults
-/// and temperatures.
+/// The BRI server of the reference board: capabilities, product and container data, UTC time, faults,
+/// temperatures, the hardware log and restarts.
 #pragma once
 
 #include "boardClock.h"
 #include "boardDescription.h"
 #include "boardFaults.h"
+#include "boardRestart.h"
 #include "boardTemperatures.h"
 #include "brhServer.h"
+#include "hardwareLog.h"
 
 #include <bri.pb.h>
 
 namespace merlow::board {
 
+/// What of the board outlives the process.
+struct BoardStores {
+    StateStore& faults;
+    StateStore& restartOrder;
+    std::string hardwareLog; ///< the path of its database, or SqliteDatabase::inMemory
+};
+
 class BriServer : public BrhServer {
 public:
-    /// `board` lives longer.
+    /// `board` and the stores live longer. `systemClock` gives milliseconds since 1970.
     BriServer(BrhServerConfig config, const BoardDescription& board, BoardSensors sensors,
-              BoardClock::SystemClock systemClock, StateStore& store, Outbox& outbox, AnswerPlans& plans);
+              BoardRestart::Clock systemClock, BoardStores stores, Outbox& outbox, AnswerPlans& plans);
+
+    /// Goes on where the process before this one ended.
+    void begin();
 
     BoardFaults& faults() { return m_faults; }
     BoardTemperatures& temperatures() { return m_temperatures; }
-    void begin();
     void clientGone(MailboxId mailbox) override;
 
     nlohmann::json status() const override;
@@ -49,6 +60,14 @@ private:
                                        const boardresourcehandler::bri::TempMeasRestartReq& req);
     BrhAnswer handleTempMeasStopReq(const Connection& connection,
                                     const boardresourcehandler::bri::TempMeasStopReq& req);
+    BrhAnswer handleHwLogSetReq(const Connection& connection,
+                                const boardresourcehandler::bri::HwLogSetReq& req);
+    BrhAnswer handleHwLogGetReq(const Connection& connection,
+                                const boardresourcehandler::bri::HwLogGetReq& req);
+    BrhAnswer handleStoreNodeConfigEntryReq(const Connection& connection,
+                                            const boardresourcehandler::bri::StoreNodeConfigEntryReq& req);
+    void handleRestartBoardFwd(const Connection& connection,
+                               const boardresourcehandler::bri::RestartBoardFwd& fwd);
 
     void connectionEnded(const Connection& connection) override;
 
@@ -56,6 +75,8 @@ private:
     BoardClock m_clock;
     BoardFaults m_faults;
     BoardTemperatures m_temperatures;
+    HardwareLog m_hardwareLog;
+    BoardRestart m_restart;
 };
 
 } // namespace merlow::board

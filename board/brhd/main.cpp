@@ -1,6 +1,8 @@
 #include "brhd.h"
 #include "host.h"
 #include "programOptions.h"
+#include "restartOrder.h"
+#include "stateDir.h"
 #include "stateFile.h"
 
 #include <chrono>
@@ -14,7 +16,7 @@ namespace {
 std::int64_t systemTime()
 {
     using namespace std::chrono;
-    return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
 }
 
 struct Options {
@@ -79,7 +81,9 @@ int main(int argc, char** argv)
         return merlow::board::failToStart("brhd", board.error);
     }
     merlow::board::Host host(options.clockSpeed);
-    merlow::board::StateFile store("brhd.state");
-    merlow::board::Brhd brhd(configOf(options, std::move(board)), systemTime, store, host);
+    merlow::board::StateFile faults("brhd.state");
+    merlow::board::StateFile restartOrder = merlow::board::givenRestartOrder();
+    merlow::board::Brhd brhd(configOf(options, std::move(board)), systemTime,
+                             {faults, restartOrder, merlow::board::stateDirPath() + "/hardwareLog.db"}, host);
     return host.run(brhd);
 }

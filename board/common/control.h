@@ -1,7 +1,8 @@
-/// The control protocol between boardctl and the neighbours: one JSON object each way in a mailbox message.
+/// The control protocol between boardctl and the neighbours: one JSON object each way in a mailbox message. A
+/// neighbour tells another something in the same way, without an answer.
 ///
 /// | Offset | Size | Field | Order |
-/// | 0 | 4 | number: `controlRequest` or `controlAnswer` | host |
+/// | 0 | 4 | number: `controlRequest`, `controlAnswer` or `controlNotice` | host |
 /// | 4 | 4 | reference, chosen by the asker and echoed | network |
 /// | 8 | n | a JSON object in UTF-8 | |
 ///
@@ -9,7 +10,8 @@
 /// {"command": "plan", "action": "refuse" | "delay" | "drop" | "abort", "kind": K, "count": N, "ms": N,
 /// "cause": C};
 /// {"command": "lose", "server": S, "ref": N}; and what a neighbour has of its own.
-/// Answers: {"result": "done" | "refused" | "usage" | "notFound", "text": T, "data": D}.
+/// A notice of brhd to legacyd: {"command": "restart", "code": C}, the code's 16 bits as a number without
+/// sign. Answers: {"result": "done" | "refused" | "usage" | "notFound", "text": T, "data": D}.
 #pragma once
 
 #include "message.h"
@@ -23,6 +25,8 @@ namespace merlow::board {
 /// Far from the numbers of every interface of the unit.
 constexpr std::uint32_t controlRequest = 0x42440001;
 constexpr std::uint32_t controlAnswer = 0x42440002;
+/// A request that one neighbour sends another, and that is not answered.
+constexpr std::uint32_t controlNotice = 0x42440003;
 
 /// Longest control message that is looked at.
 constexpr std::size_t maxControlSize = 1U << 20U;

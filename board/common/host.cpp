@@ -149,8 +149,7 @@ void Host::handleMailboxes()
     const Received received{mnet_sender(msg), mnet_receiver(msg),
                             BytesView(reinterpret_cast<const std::byte*>(msg), mnet_size(msg))};
     if (mnet_is_notice(msg) == 1) {
-        m_watched.erase(received.sender);
-        m_service->mailboxGone(received.sender);
+        handleNotice();
     } else if (received.receiver == m_control) {
         handleControl(received);
     } else {
@@ -159,8 +158,27 @@ void Host::handleMailboxes()
     m_inHand.reset();
 }
 
+/// The loss of a watched mailbox, or a message that waited for its receiver.
+void Host::handleNotice()
+{
+    const MailboxId mailbox = mnet_sender(m_inHand.get());
+    if (m_inHand->msgNo == MNET_MONITOR_DEFAULT_MSGNO) {
+        m_watched.erase(mailbox);
+        m_service->mailboxGone(mailbox);
+        return;
+    }
+    send(m_control, mailbox,
+         BytesView(reinterpret_cast<const std::byte*>(m_inHand.get()), mnet_size(m_inHand.get())));
+}
+
 void Host::handleControl(const Received& received)
 {
+    if (const auto notice = decodeControl(received.bytes, controlNotice)) {
+        const ControlAnswer answer = serveControl(*m_service, notice->body);
+        BOARD_LOG(*this, LogLevel::info,
+                  "told " << notice->body.dump() << " by " << hex(received.sender) << ": " << answer.text);
+        return;
+    }
     const auto request = decodeControl(received.bytes, controlRequest);
     if (!request) {
         BOARD_LOG(*this, LogLevel::abnormal,
@@ -221,6 +239,26 @@ bool Host::runAfter(std::chrono::milliseconds delay, std::function<void()> actio
 {
     return m_actions.add(std::chrono::duration_cast<std::chrono::microseconds>(delay) / m_clockSpeed,
                          std::move(action));
+}
+
+void Host::tell(const std::string& name, BytesView message)
+{
+    mnet_msg* msg = mnet_alloc(message.size(), 0);
+    if (msg == nullptr) {
+        BOARD_LOG(*this, LogLevel::error,
+                  "no memory for a message of " << message.size() << " bytes to " << name);
+        return;
+    }
+    std::memcpy(msg, message.data(), message.size());
+    if (mnet_locate_async(name.c_str(), &msg, m_control) != 0) {
+        BOARD_LOG(*this, LogLevel::error, "cannot look for " << name << ": " << reasonOf(errno));
+    }
+}
+
+void Host::end(int exitStatus)
+{
+    m_exitStatus = exitStatus;
+    loop().stop();
 }
 
 bool Host::watch(MailboxId mailbox)

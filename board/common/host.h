@@ -36,8 +36,8 @@ public:
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    /// The exit status: 0 after a signal; 1, with a line on stderr, when the service could not be given or
-    /// not be kept up.
+    /// The exit status: 0 after a signal; the one that the service asked for; 1, with a line on stderr, when
+    /// the service could not be given or not be kept up.
     int run(Service& service);
 
     void send(MailboxId from, MailboxId to, BytesView message) override;
@@ -45,6 +45,8 @@ public:
     void sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message) override;
     [[nodiscard]] std::chrono::milliseconds now() const override;
     [[nodiscard]] bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) override;
+    void tell(const std::string& name, BytesView message) override;
+    void end(int exitStatus) override;
     [[nodiscard]] bool watch(MailboxId mailbox) override;
     [[nodiscard]] MailboxId reopenMailbox(MailboxId mailbox) override;
     [[nodiscard]] bool logs(LogLevel level) const override;
@@ -61,6 +63,7 @@ private:
     bool openDescriptors();
     void fail(const std::string& text);
     void handleMailboxes();
+    void handleNotice();
     void handleControl(const Received& received);
     void handleSignal();
 

@@ -27,8 +27,7 @@ public:
     virtual void log(LogLevel level, const char* file, unsigned line, const std::string& text) = 0;
 };
 
-/// No call throws for a peer that is gone: what is sent to it is
-/// lost, and its notice comes or has come.
+/// No call throws for a peer that is gone: what is sent to it is lost, and its notice comes or has come.
 class Outbox : public Log {
 public:
     virtual void send(MailboxId from, MailboxId to, BytesView message) = 0;
@@ -47,6 +46,12 @@ public:
     /// is no way back: what is no longer wanted has to find that out by itself. False, and nothing is kept,
     /// when too much is due already.
     [[nodiscard]] virtual bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) = 0;
+
+    /// Sends the message from the control mailbox to the mailbox called `name`, as soon as there is one.
+    virtual void tell(const std::string& name, BytesView message) = 0;
+
+    /// Ends the process with `exitStatus`, once what is in hand is done.
+    virtual void end(int exitStatus) = 0;
 
     /// Has the loss of `mailbox` reported, once, at once if it is gone already. Watching twice is watching
     /// once. False when the loss could not be noticed.

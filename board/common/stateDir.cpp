@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <runDir.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace merlow::board {
@@ -21,20 +20,34 @@ std::string chosenStateDir()
     return path != nullptr ? path : "";
 }
 
+bool syncFolder(const std::filesystem::path& path)
+{
+    const int fd = open(path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    const bool synced = fsync(fd) == 0;
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return synced;
+}
+
+/// Makes a folder that is missing, with its parents, each so that it outlives a loss of power.
+bool makeFolder(const std::filesystem::path& path)
+{
+    int result = mkdir(path.c_str(), folderMode);
+    if (result != 0 && errno == ENOENT && path.has_relative_path() && makeFolder(path.parent_path())) {
+        result = mkdir(path.c_str(), folderMode);
+    }
+    return result == 0 ? syncFolder(path.parent_path()) : errno == EEXIST;
+}
+
 /// An O_PATH descriptor of a folder below a chosen one, or -1 with `errno`.
 int openBelow(const std::string& stateDir, const std::string& path)
 {
-    std::error_code error;
-    std::filesystem::create_directories(stateDir, error);
-    if (error) {
-        errno = error.value();
-        return -1;
-    }
     const std::string folder = path.empty() ? stateDir : stateDir + "/" + path;
-    if (!path.empty() && mkdir(folder.c_str(), folderMode) != 0 && errno != EEXIST) {
-        return -1;
-    }
-    return open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    return makeFolder(folder) ? open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
 }
 
 } // namespace

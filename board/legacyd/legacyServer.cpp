@@ -3,6 +3,7 @@
 #include "control.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace merlow::board {
@@ -15,13 +16,19 @@ constexpr std::uint32_t TARN_BC_CONN_ESTABLISH_REQ = 0x1658000;
 constexpr std::uint32_t TARN_BC_CONN_ESTABLISH_CFM = 0x1658001;
 constexpr std::uint32_t TARN_BC_CONN_ESTABLISH_REJ = 0x1658002;
 
+constexpr std::uint32_t TARN_BC_RESTART_BOARD_NOTIFICATION_IND = 0x1659B03;
+
 constexpr std::size_t envelopeSize = 12;
 constexpr std::size_t connEstablishReqSize = 14; // to the end of its last field
 constexpr std::size_t connEstablishRejSize = 132;
 constexpr std::size_t errorDescriptionSize = 110;
+constexpr std::size_t restartNotificationSize = 180;
 
 constexpr std::uint16_t lowestProtocolRev = 1;
 constexpr std::uint16_t highestProtocolRev = 3;
+
+/// Somebody else ordered the restart; who did is found out on the way.
+constexpr std::uint16_t initiatorFlag = 1;
 
 constexpr std::uint16_t errorCode = 1;
 constexpr const char* ratNotSupported = "RAT not supported";
@@ -58,6 +65,20 @@ Bytes connEstablishRej(std::int32_t clientRef, std::int32_t serverRef, const std
     putText(rej, text, errorDescriptionSize);
     rej.resize(connEstablishRejSize);
     return rej;
+}
+
+Bytes restartNotification(std::int32_t clientRef, std::int32_t serverRef, std::uint16_t code)
+{
+    Bytes ind;
+    ind.reserve(restartNotificationSize);
+    putHost32(ind, TARN_BC_RESTART_BOARD_NOTIFICATION_IND);
+    putNetwork32(ind, static_cast<std::uint32_t>(clientRef));
+    putNetwork32(ind, static_cast<std::uint32_t>(serverRef));
+    putNetwork16(ind, code);
+    putNetwork16(ind, 0);
+    putNetwork16(ind, initiatorFlag);
+    ind.resize(restartNotificationSize);
+    return ind;
 }
 
 std::string otherKind(std::uint32_t number)
@@ -324,7 +345,24 @@ ControlAnswer LegacyServer::control(const std::string& command, const nlohmann::
     if (command == "answer") {
         return addRule(request);
     }
+    if (command == "restart") {
+        return notifyRestart(request);
+    }
     return {Result::usage, "legacyd has no command \"" + command + "\"", {}};
+}
+
+ControlAnswer LegacyServer::notifyRestart(const nlohmann::json& request)
+{
+    const auto code = numberMember(request, "code");
+    if (!code || *code > std::numeric_limits<std::uint16_t>::max()) {
+        return {Result::usage, "a restart needs a code of 16 bits", {}};
+    }
+    for (const auto& [mailbox, connection] : m_connections) {
+        m_outbox.send(m_mailbox, mailbox,
+                      restartNotification(connection.clientRef, connection.serverRef,
+                                          static_cast<std::uint16_t>(*code)));
+    }
+    return {Result::done, "legacyd notified " + countOf(m_connections.size(), "client"), {}};
 }
 
 ControlAnswer LegacyServer::addRule(const nlohmann::json& request)

@@ -19,7 +19,8 @@ namespace merlow::board {
 ///   mailbox gone --> its reference is free again
 ///
 /// Any other signal goes back to its sender unchanged, connected or not, unless a rule answers it. Connection
-/// signals are never echoed: an echoed confirm would be taken for one.
+/// signals are never echoed: an echoed confirm would be taken for one. When brhd tells that the board
+/// restarts, each connected client gets a notification with its own references.
 class LegacyServer : public Service {
 public:
     explicit LegacyServer(Outbox& outbox);
@@ -79,6 +80,7 @@ private:
     bool hasFree(const Range& range) const;
     void sendPlanned(MailboxId client, Bytes message, const std::optional<AnswerPlan>& plan);
     ControlAnswer addRule(const nlohmann::json& request);
+    ControlAnswer notifyRestart(const nlohmann::json& request);
     void countOther(std::uint32_t number);
 
     Outbox& m_outbox;

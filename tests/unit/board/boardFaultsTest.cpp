@@ -19,7 +19,8 @@ protected:
     void start()
     {
         m_brhd = std::make_unique<Brhd>(
-            Brhd::Config{}, [] { return 0; }, m_store, m_outbox);
+            Brhd::Config{}, [] { return 0; }, BoardStores{m_store, m_restartStore, SqliteDatabase::inMemory},
+            m_outbox);
         m_brhd->attach("BriServer", briMailbox);
         m_brhd->attach("BmmiServer", bmmiMailbox);
         m_brhd->begin();
@@ -68,6 +69,7 @@ protected:
     json bri() const { return m_brhd->status().at("bri"); }
 
     FakeStateStore m_store;
+    FakeStateStore m_restartStore;
     FakeOutbox m_outbox;
     std::unique_ptr<Brhd> m_brhd;
 };
@@ -350,10 +352,11 @@ public:
 TEST(BoardFaultsDeathTest, aFaultIsRememberedBeforeItIsToldAndForgottenAfterItsCease)
 {
     FakeStateStore store;
+    FakeStateStore restartStore;
     DyingOutbox outbox;
     outbox.store = &store;
     Brhd brhd(
-        Brhd::Config{}, [] { return 0; }, store, outbox);
+        Brhd::Config{}, [] { return 0; }, {store, restartStore, SqliteDatabase::inMemory}, outbox);
     brhd.attach("BriServer", briMailbox);
     const auto receive = [&brhd](const char* text) {
         const HeapMessage message(messageFrom(text));

@@ -318,7 +318,7 @@ TEST_F(BoardTemperaturesTest, aMeasuredFaultOutlivesBrhdAndCeasesWhenItIsOver)
     set("board", 500);
     m_outbox.takeSent();
     Brhd next(
-        simulated(), [] { return 0; }, m_store, m_outbox);
+        simulated(), [] { return 0; }, {m_store, m_restartStore, SqliteDatabase::inMemory}, m_outbox);
     next.attach("BriServer", briMailbox);
     next.begin();
     EXPECT_THAT(next.status()["bri"]["faults"], IsEmpty()) << "the override went with the process";

@@ -22,7 +22,8 @@ protected:
 
     explicit BrhdTest(Brhd::Config config)
         : m_brhd(
-              std::move(config), [this] { return m_time; }, m_store, m_outbox)
+              std::move(config), [this] { return m_time * 1000 + 789; },
+              {m_store, m_restartStore, SqliteDatabase::inMemory}, m_outbox)
     {
         m_brhd.attach("BriServer", briMailbox);
         m_brhd.attach("BmmiServer", bmmiMailbox);
@@ -69,6 +70,7 @@ protected:
 
     std::int64_t m_time = 1'000'000;
     FakeStateStore m_store;
+    FakeStateStore m_restartStore;
     FakeOutbox m_outbox;
     Brhd m_brhd;
 };

@@ -117,7 +117,7 @@ TEST_F(ControlTest, statusTellsWhoAnswers)
 TEST_F(ControlTest, kindsTellTheirCauses)
 {
     const auto kinds = control({{"command", "kinds"}}).data;
-    ASSERT_THAT(kinds, SizeIs(21));
+    ASSERT_THAT(kinds, SizeIs(24));
     EXPECT_EQ(kinds[0]["kind"], "bri::ConnEstablishReq");
     EXPECT_EQ(kinds[0]["causes"],
               nlohmann::json({"NO_SUPPORTED_PROTOCOL_REVISION", "MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"}));

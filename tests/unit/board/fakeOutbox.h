@@ -115,6 +115,13 @@ public:
         m_now = end;
     }
 
+    void tell(const std::string& name, BytesView message) override
+    {
+        told.emplace_back(name, textOf(message));
+    }
+
+    void end(int exitStatus) override { ends.push_back(exitStatus); }
+
     [[nodiscard]] bool watch(MailboxId mailbox) override
     {
         watched.insert(mailbox);
@@ -158,6 +165,8 @@ public:
     }
 
     std::vector<Sent> sent;
+    std::vector<std::pair<std::string, std::string>> told;
+    std::vector<int> ends; ///< exit statuses with which the process was to end
     int sentBack = 0;
     std::set<MailboxId> watched;
     std::vector<MailboxId> reopened;

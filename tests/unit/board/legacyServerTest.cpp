@@ -321,5 +321,34 @@ TEST_F(LegacyServerTest, countsSignalsOfABoundedNumberOfNumbers)
     EXPECT_EQ(status["receivedUncounted"], 44);
 }
 
+TEST_F(LegacyServerTest, aRestartIsToldToEachClientWithItsOwnReferences)
+{
+    connect(legacyClient, 300);
+    ask(0x21, "01658000 fffffffe 00000064 0001 0000");
+    EXPECT_EQ(control({{"command", "restart"}, {"code", 0xFFF0}}).text, "legacyd notified 2 clients");
+    const std::string rest(2 * 162, '0');
+    const auto ind = [&rest](const std::string& head) {
+        return textOf(messageFrom("01659b03" + head + rest));
+    };
+    EXPECT_THAT(m_outbox.takeSent(),
+                ElementsAre(Sent{legacyMailbox, 0x20, ind("00000009 0000012c fff0 0000 0001")},
+                            Sent{legacyMailbox, 0x21, ind("fffffffe 00000064 fff0 0000 0001")}));
+    EXPECT_EQ(ind("00000009 0000012c fff0 0000 0001").size(), std::size_t{180 / 4 * 9 - 1});
+
+    m_server.mailboxGone(legacyClient);
+    m_server.mailboxGone(0x21);
+    EXPECT_EQ(control({{"command", "restart"}, {"code", 401}}).text, "legacyd notified 0 clients");
+    EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
+}
+
+TEST_F(LegacyServerTest, aRestartWithoutACodeIsNotTold)
+{
+    connect(legacyClient, 300);
+    for (const nlohmann::json& code : {nlohmann::json(), nlohmann::json(-1), nlohmann::json(0x10000)}) {
+        EXPECT_EQ(control({{"command", "restart"}, {"code", code}}).result, Result::usage) << code;
+    }
+    EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
+}
+
 } // namespace
 } // namespace merlow::board::test

@@ -54,6 +54,19 @@ TEST_F(StatusTextTest, showsFaultsAndWhoIsToldOfThem)
                                 "    fault memory: the store cannot be written: No space left on device\n"));
 }
 
+TEST_F(StatusTextTest, showsARestartAndAHardwareLogThatFails)
+{
+    receive(briMailbox, client, "0170772d 00000064 00000064 0801");
+    EXPECT_THAT(brhdStatusText(m_brhd.status()),
+                testing::AllOf(Not(HasSubstr("restarts")), Not(HasSubstr("hardware log"))));
+    receive(briMailbox, client, "01707749 00000005 00000001 0a034d5f31 189103 2802");
+    auto status = m_brhd.status();
+    status["bri"]["hardwareLog"] = {{"place", "/state/log"}, {"error", "database is locked"}};
+    EXPECT_THAT(brhdStatusText(status),
+                HasSubstr("    hardware log: /state/log: database is locked\n"
+                          "    the board restarts: code 401, rank 2, load module \"M_1\"\n"));
+}
+
 TEST_F(StatusTextTest, showsWhatLegacydHolds)
 {
     LegacyServer server(m_outbox);

@@ -1,0 +1,222 @@
+#include "hardwareLog.h"
+
+#include "stateDir.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace merlow::board {
+
+namespace {
+
+using Statement = SqliteDatabase::Statement;
+
+/// Kept in the database's user_version.
+constexpr int layout = 1;
+
+constexpr const char* createTable =
+    "BEGIN IMMEDIATE; "
+    "CREATE TABLE entry (id INTEGER PRIMARY KEY, log INTEGER NOT NULL, label TEXT NOT NULL, "
+    "serverRef INTEGER, text TEXT NOT NULL) STRICT; "
+    "CREATE INDEX entryOfLog ON entry (log, id); "
+    "PRAGMA user_version = 1; "
+    "COMMIT";
+
+/// An entry takes its bytes and one more.
+std::size_t roomOf(const std::string& entry)
+{
+    return entry.size() + 1;
+}
+
+} // namespace
+
+HardwareLog::HardwareLog(std::string path, const HardwareLogDescription& budgets, Log& log)
+    : m_path(std::move(path)), m_budgets(budgets), m_log(log)
+{
+}
+
+void HardwareLog::begin()
+{
+    if (open()) {
+        m_error.clear();
+    }
+}
+
+bool HardwareLog::append(const Addition& addition)
+{
+    const std::size_t budget = m_budgets.budgetOf(addition.logId);
+    const auto& entries = addition.entries;
+    if (addition.label.size() > maxLabelSize) {
+        return refuse("a label of " + std::to_string(addition.label.size()) + " bytes, at most " +
+                      std::to_string(maxLabelSize) + " are kept");
+    }
+    const auto largest = std::max_element(entries.begin(), entries.end(),
+                                          [](const auto& a, const auto& b) { return a.size() < b.size(); });
+    if (largest != entries.end() && roomOf(*largest) > budget) {
+        return refuse("an entry takes " + std::to_string(roomOf(*largest)) + " bytes, log " +
+                      std::to_string(addition.logId) + " has " + std::to_string(budget));
+    }
+    if (!open()) {
+        return false;
+    }
+    if (!m_database.execute("BEGIN IMMEDIATE") || !insert(addition) || !dropOldest(addition.logId) ||
+        !m_database.execute("COMMIT")) {
+        return failed();
+    }
+    m_error.clear();
+    return true;
+}
+
+bool HardwareLog::insert(const Addition& addition)
+{
+    return std::all_of(addition.entries.begin(), addition.entries.end(), [&](const std::string& entry) {
+        Statement write(m_database, "INSERT INTO entry (log, label, serverRef, text) VALUES (?, ?, ?, ?)");
+        write.bind(addition.logId).bind(addition.label);
+        if (addition.serverRef) {
+            write.bind(*addition.serverRef);
+        } else {
+            write.bindNull();
+        }
+        write.bind(entry);
+        return !write.step() && write.isDone();
+    });
+}
+
+bool HardwareLog::dropOldest(std::uint32_t logId)
+{
+    // Counted from the newest, the first entry that the budget has no room for goes, and all before it.
+    Statement drop(m_database,
+                   "DELETE FROM entry WHERE log = ?1 AND id <= ("
+                   "SELECT max(id) FROM ("
+                   "SELECT id, sum(length(CAST(text AS BLOB)) + 1) OVER (ORDER BY id DESC) AS room "
+                   "FROM entry WHERE log = ?1) WHERE room > ?2)");
+    drop.bind(logId).bind(m_budgets.budgetOf(logId));
+    return !drop.step() && drop.isDone();
+}
+
+std::optional<std::vector<std::string>> HardwareLog::read(std::uint32_t logId)
+{
+    if (!open()) {
+        return std::nullopt;
+    }
+    std::vector<std::string> entries;
+    bool isWhole = false;
+    {
+        Statement select(m_database, "SELECT text FROM entry WHERE log = ? ORDER BY id");
+        select.bind(logId);
+        while (select.step()) {
+            entries.push_back(select.text(0));
+        }
+        isWhole = select.isDone();
+    }
+    if (!isWhole) {
+        failed();
+        return std::nullopt;
+    }
+    m_error.clear();
+    return entries;
+}
+
+bool HardwareLog::open()
+{
+    if (m_database.isOpen() && !m_database.hasMoved()) {
+        return true;
+    }
+    if (openOnce()) {
+        return true;
+    }
+    if (!m_database.isDamaged()) {
+        return failed();
+    }
+    return moveAside() && (openOnce() || failed());
+}
+
+bool HardwareLog::openOnce()
+{
+    if (const int folder = openStateDir(""); folder >= 0) { // else the database has no place, and tells so
+        close(folder);
+    }
+    return m_database.open(m_path) && m_database.isSound() && makeTable();
+}
+
+bool HardwareLog::makeTable()
+{
+    std::int64_t found = 0;
+    {
+        Statement version(m_database, "PRAGMA user_version");
+        if (!version.step()) {
+            return false;
+        }
+        found = version.number(0);
+    }
+    if (found == 0) {
+        return m_database.execute(createTable);
+    }
+    return found == layout || m_database.fail("it has the layout " + std::to_string(found));
+}
+
+/// Gives whether a new one can be begun in its place.
+bool HardwareLog::moveAside()
+{
+    namespace fs = std::filesystem;
+    const std::string what = "it is damaged (" + m_database.reason() + ")";
+    m_database.close();
+    std::string aside;
+    std::error_code ignored;
+    for (unsigned count = 1; aside.empty() && count <= maxDamaged; ++count) {
+        const std::string name = m_path + ".damaged-" + std::to_string(count);
+        if (!fs::exists(name, ignored) && !fs::exists(name + "-wal", ignored)) {
+            aside = name;
+        }
+    }
+    if (aside.empty()) {
+        return fail(what + ", and as many as are kept lie beside it already");
+    }
+    // The write-ahead log goes first: beside a new database it would be taken for that one's.
+    const bool isWalGone =
+        std::rename((m_path + "-wal").c_str(), (aside + "-wal").c_str()) == 0 || errno == ENOENT;
+    if (!isWalGone || std::rename(m_path.c_str(), aside.c_str()) != 0) {
+        return fail(what + " and cannot be moved aside: " + std::generic_category().message(errno));
+    }
+    fs::remove(m_path + "-shm", ignored);
+    BOARD_LOG(m_log, LogLevel::error,
+              "the hardware log " << m_path << ": " << what << "; it is kept as " << aside
+                                  << ", a new one is begun");
+    return true;
+}
+
+bool HardwareLog::failed()
+{
+    fail(m_database.reason());
+    if (m_database.isDamaged()) {
+        moveAside();
+    }
+    m_database.close();
+    return false;
+}
+
+bool HardwareLog::fail(const std::string& reason)
+{
+    m_error = reason;
+    BOARD_LOG(m_log, LogLevel::error, "the hardware log " << m_path << ": " << reason);
+    return false;
+}
+
+bool HardwareLog::refuse(const std::string& reason) const
+{
+    BOARD_LOG(m_log, LogLevel::abnormal, "ABN: the hardware log takes none of it: " << reason);
+    return false;
+}
+
+nlohmann::json HardwareLog::status() const
+{
+    return {{"place", m_path}, {"error", m_error}};
+}
+
+} // namespace merlow::board

@@ -1,0 +1,216 @@
+#include "brhdTest.h"
+
+namespace merlow::board::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
+
+Brhd::Config boardWith(std::vector<std::uint32_t> capabilities, std::vector<std::uint32_t> ranks,
+                       std::uint32_t noticeMs)
+{
+    Brhd::Config config;
+    config.board.description.bri.capabilities = std::move(capabilities);
+    config.board.description.restart = {std::move(ranks), noticeMs};
+    return config;
+}
+
+class BoardRestartTest : public BrhdTest {
+protected:
+    BoardRestartTest() : BoardRestartTest(Brhd::Config{}) {}
+
+    explicit BoardRestartTest(Brhd::Config config) : BrhdTest(std::move(config))
+    {
+        receive(briMailbox, client, "0170772d 00000064 00000064 0801");
+        m_outbox.takeSent();
+    }
+
+    void order(const std::string& body) { receive(briMailbox, client, "01707749 00000005 00000001" + body); }
+
+    void expectRestartAfter(std::chrono::milliseconds notice)
+    {
+        m_outbox.advance(notice - std::chrono::milliseconds(1));
+        EXPECT_THAT(m_outbox.ends, IsEmpty());
+        m_outbox.advance(std::chrono::milliseconds(1));
+        EXPECT_THAT(m_outbox.ends, ElementsAre(86));
+    }
+
+    void expectNoRestart(const std::string& logged)
+    {
+        expectSilence(logged);
+        m_outbox.advance(std::chrono::hours(1));
+        EXPECT_EQ(m_restartStore.saves, 0);
+        EXPECT_THAT(m_outbox.told, IsEmpty());
+        EXPECT_THAT(m_outbox.ends, IsEmpty());
+        EXPECT_EQ(statusAt("/bri/restartOrder"), nullptr);
+    }
+};
+
+const std::string plainOrder = "0a034d5f31"   // load module "M_1"
+                               "1203776879"   // trace information "why"
+                               "189103 2802"; // code 401, rank 2
+const std::string rankedOrder = "0a00 1203776879"
+                                "18f0ffffffffffffffff01" // code -16
+                                "22036c6162 2804";       // label "lab", rank 4
+
+TEST_F(BoardRestartTest, aPlainOrderIsRecordedToldAndCarriedOut)
+{
+    order(plainOrder);
+    EXPECT_THAT(m_outbox.takeSent(), IsEmpty()) << "an order has no answer";
+    EXPECT_EQ(m_restartStore.text, R"({"code":401,"initiator":"why","label":"","loadModule":"M_1","rank":2,)"
+                                   R"("time":1000000789})"
+                                   "\n");
+    EXPECT_THAT(m_outbox.told,
+                ElementsAre(Pair("LegacydControl", // number, reference, {"code":401,"command":"restart"}
+                                 textOf(messageFrom("42440003 00000000 7b22636f6465223a3430312c22636f6d6d616e"
+                                                    "64223a2272657374617274227d")))));
+    expectRestartAfter(std::chrono::milliseconds(1000));
+    EXPECT_EQ(statusAt("/bri/restartOrder"),
+              (nlohmann::json{{"code", 401}, {"rank", 2}, {"loadModule", "M_1"}}));
+    EXPECT_EQ(statusAt("/bri/received/bri::RestartBoardFwd"), 1);
+}
+
+TEST_F(BoardRestartTest, anOrderWithRankAndLabelIsRecordedWithBoth)
+{
+    order(rankedOrder);
+    EXPECT_EQ(m_restartStore.text, R"({"code":-16,"initiator":"why","label":"lab","loadModule":"","rank":4,)"
+                                   R"("time":1000000789})"
+                                   "\n");
+    EXPECT_THAT(m_outbox.told,
+                ElementsAre(Pair("LegacydControl", // {"code":65520,"command":"restart"}
+                                 textOf(messageFrom("42440003 00000000 7b22636f6465223a36353532302c22636f6d6d"
+                                                    "616e64223a2272657374617274227d")))));
+    expectRestartAfter(std::chrono::milliseconds(1000));
+}
+
+TEST_F(BoardRestartTest, anOrderThatTellsNothingOfItsInitiatorHasItsMailbox)
+{
+    order("189103 2802");
+    EXPECT_THAT(m_restartStore.text, HasSubstr(R"("initiator":"the client at 0x20")"));
+}
+
+TEST_F(BoardRestartTest, ofSeveralOrdersTheFirstStands)
+{
+    order(plainOrder);
+    order(rankedOrder);
+    EXPECT_EQ(m_restartStore.saves, 1);
+    EXPECT_EQ(m_outbox.told.size(), 1u);
+    EXPECT_THAT(m_outbox.takeAbnormal(), ElementsAre("ABN: dropped the restart order from 0x20: the board "
+                                                     "restarts already"));
+}
+
+TEST_F(BoardRestartTest, anOrderThatCannotBeKeptIsNotCarriedOut)
+{
+    m_restartStore.saveError = "No space left on device";
+    order(plainOrder);
+    EXPECT_THAT(m_outbox.logged, testing::Contains(Pair(
+                                     LogLevel::error, "the board does not restart: the order cannot be kept "
+                                                      "in the store: No space left on device")));
+    EXPECT_THAT(m_outbox.told, IsEmpty());
+    m_outbox.advance(std::chrono::hours(1));
+    EXPECT_THAT(m_outbox.ends, IsEmpty());
+    m_restartStore.saveError.clear();
+    order(plainOrder);
+    expectRestartAfter(std::chrono::milliseconds(1000));
+}
+
+TEST_F(BoardRestartTest, withoutATimerItEndsAtOnce)
+{
+    m_outbox.canDelay = false;
+    order(plainOrder);
+    EXPECT_THAT(m_outbox.ends, ElementsAre(86));
+}
+
+struct BadOrderRow {
+    const char* body;
+    const char* objection;
+};
+
+void PrintTo(const BadOrderRow& row, std::ostream* out)
+{
+    *out << row.objection;
+}
+
+class BadRestartOrderTest : public BoardRestartTest, public testing::WithParamInterface<BadOrderRow> {};
+
+TEST_P(BadRestartOrderTest, isDropped)
+{
+    order(GetParam().body);
+    expectNoRestart(GetParam().objection);
+}
+
+INSTANTIATE_TEST_SUITE_P(Orders, BadRestartOrderTest,
+                         testing::Values(BadOrderRow{"", "it has no code of 16 bits"},
+                                         BadOrderRow{"18808002 2802", "it has no code of 16 bits"},
+                                         BadOrderRow{"18fffffdffffffffffff01 2802",
+                                                     "it has no code of 16 bits"},
+                                         BadOrderRow{"189103 2200", "the board does not have its rank"},
+                                         BadOrderRow{"189103 2200 2806", "the board does not have its rank"},
+                                         BadOrderRow{"0a05", "does not parse"}));
+
+TEST_F(BoardRestartTest, textsWithoutEndAreDropped)
+{
+    std::string tooLong = "12 8120";
+    for (int i = 0; i < 4097; ++i) {
+        tooLong += "61";
+    }
+    order("189103 2802" + tooLong);
+    expectNoRestart("a text of 4097 bytes");
+}
+
+TEST_F(BoardRestartTest, codesOfAllSixteenBitsAreTaken)
+{
+    order("18ffff01 2802");
+    EXPECT_EQ(statusAt("/bri/restartOrder/code"), 32767);
+}
+
+TEST_F(BoardRestartTest, aStrangersOrderIsDropped)
+{
+    receive(briMailbox, stranger, "01707749 00000005 00000001" + plainOrder);
+    expectNoRestart("it has no connection with the reference 1");
+}
+
+TEST_F(BoardRestartTest, noPlanActsOnAnOrder)
+{
+    EXPECT_NE(plan("drop", "bri::RestartBoardFwd").result, ControlAnswer::Result::done);
+    for (const AnswerKind& kind : m_brhd.kinds()) {
+        EXPECT_NE(kind.name, "bri::RestartBoardFwd");
+    }
+}
+
+class FewRanksTest : public BoardRestartTest {
+protected:
+    FewRanksTest() : BoardRestartTest(boardWith({11}, {3, 1}, 500)) {}
+};
+
+TEST_F(FewRanksTest, theBoardHasTheRanksOfItsDescription)
+{
+    order("189103 2200 2802");
+    expectNoRestart("the board does not have its rank");
+    order("189103 2200 2801");
+    expectRestartAfter(std::chrono::milliseconds(500));
+}
+
+TEST_F(FewRanksTest, aPlainOrderNeedsNone)
+{
+    order("189103 2802");
+    expectRestartAfter(std::chrono::milliseconds(500));
+}
+
+class NoRanksTest : public BoardRestartTest {
+protected:
+    NoRanksTest() : BoardRestartTest(boardWith({0}, {1, 2, 3, 4, 5}, 7)) {}
+};
+
+TEST_F(NoRanksTest, whatIsNotAnnouncedIsNotThere)
+{
+    order("189103 2200 2801");
+    expectNoRestart("no restarts with rank and label");
+    order(plainOrder);
+    expectRestartAfter(std::chrono::milliseconds(7));
+}
+
+} // namespace
+} // namespace merlow::board::test
