@@ -125,6 +125,17 @@ TEST_F(LoadTest, theNumbersOfBlocksStartAnew)
                                            "78");
 }
 
+TEST_F(LoadTest, noMoreIsUnderWayThanTheUnitKeeps)
+{
+    write(std::string(20U << 20U, 'x'));
+    auto answers = taking("00100000"); // 1 MiB
+    answers.erase(0x1658806);
+    startUnit(answers);
+    EXPECT_EQ(load({"--window", "128", "--timeout", "0.3"}), 3);
+    EXPECT_EQ(m_unit->received(0x1658806).substr(0, 20), "000000010000012d"
+                                                         "0007");
+}
+
 TEST_F(LoadTest, whatIsOnTheUnitAlreadyIsNotLoaded)
 {
     write("hello");

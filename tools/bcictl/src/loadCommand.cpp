@@ -26,6 +26,9 @@ using tools::Signal;
 constexpr std::uint16_t loadingBlocksCapability = 1;
 constexpr std::uint32_t maxBlockSize = 8U << 20U; ///< well below what a mailbox takes
 
+/// Bytes under way, half of what the unit keeps for a store that is slower: of more, blocks would get lost.
+constexpr std::size_t maxBytesUnderWay = std::size_t{8} << 20U;
+
 /// The size of blocks that the unit asks for; nothing when it names none that can be used.
 std::optional<std::uint32_t> blockSizeIn(const Signal& capabilities)
 {
@@ -84,8 +87,10 @@ public:
                 return loadmodule::softwareIdFrom(text) ? std::string()
                                                         : "no product number, '_' and revision: " + text;
             });
-        app.add_option("--window", m_window, "Blocks that may be under way without an acknowledgement")
-            ->check(CLI::Range(1, 1024))
+        app.add_option(
+               "--window", m_window,
+               "Blocks that may be under way without an acknowledgement, fewer when that is more than 8 MiB")
+            ->check(CLI::Range(1, 128))
             ->capture_default_str();
     }
 
@@ -132,6 +137,7 @@ private:
                                TARN_BC_GET_CAPABILITIES_CFM});
         }
         m_blockSize = *size;
+        m_window = std::min(m_window, std::max<std::size_t>(maxBytesUnderWay / m_blockSize, 1));
         return std::nullopt;
     }
 
@@ -261,7 +267,7 @@ private:
 
     std::string m_path;
     std::string m_software;
-    std::size_t m_window = 8;
+    std::size_t m_window = 16; ///< measured: more gains nothing
     std::uint32_t m_blockSize = 0;
     std::uint64_t m_blocks = 0; ///< that were sent
     std::uint16_t m_loadStatus = 0;
