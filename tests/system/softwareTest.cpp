@@ -227,6 +227,31 @@ TEST_F(SoftwareTest, aListOfManyPiecesIsWhole)
     EXPECT_EQ(unit.bcictl({"components"}).out, m_unit.bcictl({"components"}).out);
 }
 
+TEST_F(SoftwareTest, aGsmClientOfAKpxUnitGetsTwoPiecesOfAListAtMost)
+{
+    const std::string board = m_files.path() + "/board.json";
+    auto description = nlohmann::json::parse(m_unit.boardctl({"describe", "--json"}).out);
+    description["product"]["name"] = "KPX 12";
+    std::ofstream(board) << description;
+    Unit unit;
+    unit.setVariable("MERLOW_BOARD_FILE", board);
+    unit.start();
+    ASSERT_EQ(unit.bcictl({"pid", "hw"}).status, 0);
+    auto whole = unit.bcictl({"components"}).out;
+    ASSERT_LE(whole.size(), 255U);
+    EXPECT_EQ(unit.bcictl({"components", "--server-ref", "150"}).out, whole);
+    for (const char* software : {"QXR7/15_R1A", "QXR7/16_R1A"}) {
+        ASSERT_EQ(unit.bcictl({"load", file(10), "--software", software}).status, 0);
+    }
+    whole = unit.bcictl({"components"}).out;
+    ASSERT_GT(whole.size(), 510U);
+    // The second product number is that of the running module, too, which it is already.
+    const auto cut = unit.bcictl({"components", "--server-ref", "150", "--timeout", "0.5"});
+    EXPECT_EQ(cut.status, 3);
+    EXPECT_NE(cut.out.find(whole.substr(0, 510)), std::string::npos) << cut.out;
+    EXPECT_EQ(cut.out.find(whole.substr(0, 511)), std::string::npos) << cut.out;
+}
+
 // Clients that compete, stop, die
 
 TEST_F(SoftwareTest, theSecondClientWaitsForTheFirst)
