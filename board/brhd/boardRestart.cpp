@@ -44,10 +44,8 @@ std::string BoardRestart::objectionTo(const bri::RestartBoardFwd& fwd) const
         fwd.restartcode() > std::numeric_limits<std::int16_t>::max()) {
         return "it has no code of 16 bits";
     }
-    for (const std::string* text : {&fwd.load_module(), &fwd.trace_info(), &fwd.label()}) {
-        if (text->size() > maxTextSize) {
-            return "a text of " + std::to_string(text->size()) + " bytes";
-        }
+    if (fwd.load_module().size() > maxTextSize) {
+        return "a load module's name of " + std::to_string(fwd.load_module().size()) + " bytes";
     }
     if (!fwd.has_label()) {
         return "";
@@ -71,10 +69,13 @@ void BoardRestart::order(MailboxId client, const bri::RestartBoardFwd& fwd)
     }
     const auto rank = fwd.has_restart_rank_v2() ? fwd.restart_rank_v2() : plainRank;
     const std::string initiator =
-        fwd.trace_info().empty() ? "the client at " + hex(client) : fwd.trace_info();
-    const RestartOrder order{fwd.restartcode(), static_cast<std::uint32_t>(rank),
-                             fwd.label(),       fwd.load_module(),
-                             initiator,         m_clock()};
+        fwd.trace_info().empty() ? "the client at " + hex(client) : fwd.trace_info().substr(0, maxTextSize);
+    const RestartOrder order{fwd.restartcode(),
+                             static_cast<std::uint32_t>(rank),
+                             fwd.label().substr(0, maxTextSize),
+                             fwd.load_module(),
+                             initiator,
+                             m_clock()};
     // An order that is not kept would bring up what ran before: better no restart than that one.
     if (const std::string error = saveRestartOrder(m_store, order); !error.empty()) {
         BOARD_LOG(m_outbox, LogLevel::error,

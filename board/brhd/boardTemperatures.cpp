@@ -16,6 +16,13 @@ BoardTemperatures::BoardTemperatures(BoardSensors sensors, BoardFaults& faults, 
 
 void BoardTemperatures::begin()
 {
+    // A fault that is left of an earlier process does not tell which sensors were beyond.
+    for (Limit* const limit : {&m_upper, &m_lower}) {
+        for (std::size_t number = 0; m_faults.isMeasured(limit->fault) && number < m_sensors.sensors().size();
+             ++number) {
+            limit->beyond.insert(number);
+        }
+    }
     checkLimits();
     work();
 }
@@ -34,30 +41,30 @@ void BoardTemperatures::work()
 
 void BoardTemperatures::checkLimits()
 {
-    checkLimit(bri::EXCEPTIONAL_TEMPERATURE_TOO_HIGH,
+    checkLimit(m_upper,
                [](std::int32_t reading, const TemperatureRange& limits) { return reading - limits.upper; });
-    checkLimit(bri::EXCEPTIONAL_TEMPERATURE_TOO_LOW,
+    checkLimit(m_lower,
                [](std::int32_t reading, const TemperatureRange& limits) { return limits.lower - reading; });
 }
 
-void BoardTemperatures::checkLimit(FaultId id, Excess excessOf)
+void BoardTemperatures::checkLimit(Limit& limit, Excess excessOf)
 {
     const auto& sensors = m_sensors.sensors();
-    bool isAllBack = true;
     for (std::size_t number = 0; number < sensors.size(); ++number) {
         const auto& limits = sensors[number].limits;
-        if (!limits) {
-            continue;
-        }
-        const std::int32_t excess = excessOf(sensors[number].reading(), *limits);
-        isAllBack = isAllBack && excess <= -limits->hysteresis;
-        if (excess > 0 && !m_faults.isMeasured(id)) {
-            // Refused for too many faults, it is tried again a second later.
-            (void)m_faults.raiseMeasured(id, static_cast<std::uint32_t>(number));
+        const std::int32_t excess = limits ? excessOf(sensors[number].reading(), *limits) : 0;
+        if (!limits || (excess <= 0 && excess <= -limits->hysteresis)) {
+            limit.beyond.erase(number);
+        } else if (excess > 0) {
+            limit.beyond.insert(number);
+            if (!m_faults.isMeasured(limit.fault)) {
+                // Refused for too many faults, it is tried again a second later.
+                (void)m_faults.raiseMeasured(limit.fault, static_cast<std::uint32_t>(number));
+            }
         }
     }
-    if (isAllBack) {
-        m_faults.ceaseMeasured(id);
+    if (limit.beyond.empty()) {
+        m_faults.ceaseMeasured(limit.fault);
     }
 }
 

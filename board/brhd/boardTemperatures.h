@@ -10,6 +10,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 
 namespace merlow::board {
 
@@ -18,7 +19,7 @@ namespace merlow::board {
 ///
 ///   a reading above its upper limit  -> the fault EXCEPTIONAL_TEMPERATURE_TOO_HIGH, its case is the sensor
 ///   a reading below its lower limit  -> the fault EXCEPTIONAL_TEMPERATURE_TOO_LOW
-///   all back by their hysteresis     -> the fault ceases
+///   all that were beyond are back by their hysteresis -> the fault ceases
 ///
 /// A measurement ends when it is stopped or with its connection.
 class BoardTemperatures {
@@ -67,15 +68,23 @@ private:
     /// By how much a reading is beyond a limit.
     using Excess = std::int32_t (*)(std::int32_t reading, const TemperatureRange& limits);
 
+    /// One direction.
+    struct Limit {
+        FaultId fault;
+        std::set<std::size_t> beyond; ///< the sensors that went beyond and are not back by their hysteresis
+    };
+
     void work();
     void checkLimits();
-    void checkLimit(FaultId id, Excess excessOf);
+    void checkLimit(Limit& limit, Excess excessOf);
     void serveMeasurements();
 
     BoardSensors m_sensors;
     BoardFaults& m_faults;
     Outbox& m_outbox;
     Send m_send;
+    Limit m_upper{boardresourcehandler::bri::EXCEPTIONAL_TEMPERATURE_TOO_HIGH, {}};
+    Limit m_lower{boardresourcehandler::bri::EXCEPTIONAL_TEMPERATURE_TOO_LOW, {}};
     RefTable<Measurement> m_measurements;
 };
 

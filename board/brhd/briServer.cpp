@@ -35,7 +35,8 @@ template <class Request> HardwareLog::Addition additionOf(const Request& req)
 } // namespace
 
 BriServer::BriServer(BrhServerConfig config, const BoardDescription& board, BoardSensors sensors,
-                     BoardRestart::Clock systemClock, BoardStores stores, Outbox& outbox, AnswerPlans& plans)
+                     const BoardRestart::Clock& systemClock, BoardStores stores, Outbox& outbox,
+                     AnswerPlans& plans)
     : BrhServer("bri::", bri::BriServerMetadata().name(), std::move(config), outbox, plans), m_board(board),
       m_clock([systemClock] { return systemClock() / 1000; }),
       m_faults(stores.faults, outbox,

@@ -25,7 +25,7 @@ class BriServer : public BrhServer {
 public:
     /// `board` and the stores live longer. `systemClock` gives milliseconds since 1970.
     BriServer(BrhServerConfig config, const BoardDescription& board, BoardSensors sensors,
-              BoardRestart::Clock systemClock, BoardStores stores, Outbox& outbox, AnswerPlans& plans);
+              const BoardRestart::Clock& systemClock, BoardStores stores, Outbox& outbox, AnswerPlans& plans);
 
     /// Goes on where the process before this one ended.
     void begin();

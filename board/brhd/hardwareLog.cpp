@@ -128,13 +128,18 @@ bool HardwareLog::open()
     if (m_database.isOpen() && !m_database.hasMoved()) {
         return true;
     }
+    m_database.close();
+    if (isWriteAheadLogAlone()) { // an empty database beside it would have it deleted
+        return moveAside("it is gone, and entries of it are in its write-ahead log") &&
+               (openOnce() || failed());
+    }
     if (openOnce()) {
         return true;
     }
     if (!m_database.isDamaged()) {
         return failed();
     }
-    return moveAside() && (openOnce() || failed());
+    return moveAsideDamaged() && (openOnce() || failed());
 }
 
 bool HardwareLog::openOnce()
@@ -161,12 +166,28 @@ bool HardwareLog::makeTable()
     return found == layout || m_database.fail("it has the layout " + std::to_string(found));
 }
 
-/// Gives whether a new one can be begun in its place.
-bool HardwareLog::moveAside()
+bool HardwareLog::isWriteAheadLogAlone() const
 {
-    namespace fs = std::filesystem;
+    std::error_code noFile;
+    const auto walSize = std::filesystem::file_size(m_path + "-wal", noFile);
+    if (noFile || walSize == 0) {
+        return false;
+    }
+    const auto size = std::filesystem::file_size(m_path, noFile);
+    return noFile == std::errc::no_such_file_or_directory || (!noFile && size == 0);
+}
+
+bool HardwareLog::moveAsideDamaged()
+{
     const std::string what = "it is damaged (" + m_database.reason() + ")";
     m_database.close();
+    return moveAside(what);
+}
+
+/// Gives whether a new one can be begun in its place.
+bool HardwareLog::moveAside(const std::string& what)
+{
+    namespace fs = std::filesystem;
     std::string aside;
     std::error_code ignored;
     for (unsigned count = 1; aside.empty() && count <= maxDamaged; ++count) {
@@ -179,9 +200,10 @@ bool HardwareLog::moveAside()
         return fail(what + ", and as many as are kept lie beside it already");
     }
     // The write-ahead log goes first: beside a new database it would be taken for that one's.
-    const bool isWalGone =
-        std::rename((m_path + "-wal").c_str(), (aside + "-wal").c_str()) == 0 || errno == ENOENT;
-    if (!isWalGone || std::rename(m_path.c_str(), aside.c_str()) != 0) {
+    const auto isMoved = [](const std::string& from, const std::string& to) {
+        return std::rename(from.c_str(), to.c_str()) == 0 || errno == ENOENT;
+    };
+    if (!isMoved(m_path + "-wal", aside + "-wal") || !isMoved(m_path, aside)) {
         return fail(what + " and cannot be moved aside: " + std::generic_category().message(errno));
     }
     fs::remove(m_path + "-shm", ignored);
@@ -195,7 +217,7 @@ bool HardwareLog::failed()
 {
     fail(m_database.reason());
     if (m_database.isDamaged()) {
-        moveAside();
+        moveAsideDamaged();
     }
     m_database.close();
     return false;

@@ -52,7 +52,9 @@ private:
     [[nodiscard]] bool open();
     [[nodiscard]] bool openOnce();
     [[nodiscard]] bool makeTable();
-    bool moveAside();
+    [[nodiscard]] bool isWriteAheadLogAlone() const;
+    bool moveAsideDamaged();
+    bool moveAside(const std::string& what);
     [[nodiscard]] bool insert(const Addition& addition);
     [[nodiscard]] bool dropOldest(std::uint32_t logId);
     // Each tells why, and gives false.

@@ -77,7 +77,7 @@ std::string DiskFiles::list(std::vector<Listed>& files)
     const int fd = openat(m_folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     DIR* const folder = fd < 0 ? nullptr : fdopendir(fd);
     if (folder == nullptr) {
-        const std::string text = errnoText();
+        std::string text = errnoText();
         if (fd >= 0) {
             close(fd);
         }
@@ -136,7 +136,7 @@ std::string DiskFiles::create(const std::string& name, std::unique_ptr<StoreFile
         return errnoText();
     }
     if (base::setFileAccess(fd) != 0) {
-        const std::string text = errnoText();
+        std::string text = errnoText();
         close(fd);
         return text;
     }

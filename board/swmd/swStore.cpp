@@ -159,8 +159,8 @@ std::string SwStore::cleanFiles(const std::vector<StoreFiles::Listed>& files, st
         if (known || !isOwnFile(name)) {
             continue;
         }
-        if (std::string error = m_files.remove(name); !error.empty()) {
-            return "the file " + name + " cannot be removed: " + error;
+        if (const std::string error = m_files.remove(name); !error.empty()) {
+            return std::string("the file ").append(name).append(" cannot be removed: ").append(error);
         }
         said.push_back("removed the file " + name + " of " + std::to_string(size) +
                        " bytes, which belongs to no module");
@@ -340,7 +340,8 @@ void SwStore::dropLoad()
     }
     m_load->file.reset();
     m_error = m_files.remove(partNameOf(m_load->id));
-    for (std::string error : {m_files.remove(fileNameOf(m_load->id)), m_inventory.remove(m_load->slot)}) {
+    for (const std::string& error :
+         {m_files.remove(fileNameOf(m_load->id)), m_inventory.remove(m_load->slot)}) {
         m_error = error.empty() ? m_error : error;
     }
     forget(m_load->slot);

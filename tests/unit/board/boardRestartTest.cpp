@@ -150,14 +150,16 @@ INSTANTIATE_TEST_SUITE_P(Orders, BadRestartOrderTest,
                                          BadOrderRow{"189103 2200 2806", "the board does not have its rank"},
                                          BadOrderRow{"0a05", "does not parse"}));
 
-TEST_F(BoardRestartTest, textsWithoutEndAreDropped)
+TEST_F(BoardRestartTest, textsWithoutEndAreCutAndNamesOfModulesRefused)
 {
-    std::string tooLong = "12 8120";
+    std::string tooLong = " 8120";
     for (int i = 0; i < 4097; ++i) {
         tooLong += "61";
     }
-    order("189103 2802" + tooLong);
-    expectNoRestart("a text of 4097 bytes");
+    order("189103 2802 0a" + tooLong);
+    expectNoRestart("a load module's name of 4097 bytes");
+    order("189103 2802 12" + tooLong);
+    EXPECT_EQ(statusAt("/bri/restartOrder/code"), 401);
 }
 
 TEST_F(BoardRestartTest, codesOfAllSixteenBitsAreTaken)

@@ -289,6 +289,15 @@ TEST_F(BoardTemperaturesTest, theFaultLastsAsLongAsAnySensorIsBeyond)
     EXPECT_THAT(faults(), IsEmpty());
 }
 
+TEST_F(BoardTemperaturesTest, aSensorThatNeverWentBeyondHoldsNoFault)
+{
+    set("processor", 890); // below its limit by less than its hysteresis
+    set("board", 500);
+    ASSERT_EQ(faults().size(), 1u);
+    set("board", 100);
+    EXPECT_THAT(faults(), IsEmpty());
+}
+
 TEST_F(BoardTemperaturesTest, whatATestEngineerRaisedIsHisToCease)
 {
     const auto fault = [this](const char* action) {

@@ -449,6 +449,29 @@ TEST_F(HardwareLogTest, aDatabaseThatWasTakenAwayIsNotWrittenOn)
     EXPECT_THAT(read(5), testing::Contains("two"));
 }
 
+TEST_F(HardwareLogTest, entriesInAWriteAheadLogWhoseDatabaseIsGoneAreKeptAside)
+{
+    EXPECT_TRUE(append(5, {"one"}));
+    const std::string walLeft = contentOf(m_file.string() + "-wal");
+    ASSERT_NE(walLeft, "");
+    m_log.reset();
+    fs::remove(m_file);
+    std::ofstream(m_file.string() + "-wal", std::ios::binary) << walLeft;
+    reopen();
+    EXPECT_TRUE(append(5, {"two"}));
+    EXPECT_THAT(takeLine(LogLevel::error),
+                HasSubstr("it is gone, and entries of it are in its write-ahead log"));
+    EXPECT_TRUE(contentOf(m_file.string() + ".damaged-1-wal") == walLeft);
+    m_log.reset();
+    std::ofstream(m_file, std::ios::trunc).close();
+    std::ofstream(m_file.string() + "-wal", std::ios::binary) << walLeft;
+    reopen();
+    EXPECT_TRUE(append(5, {"three"}));
+    EXPECT_TRUE(contentOf(m_file.string() + ".damaged-2-wal") == walLeft)
+        << "an empty one is as good as none";
+    EXPECT_THAT(read(5), ElementsAre("three"));
+}
+
 TEST_F(HardwareLogTest, aPlaceThatCannotBeIsTold)
 {
     std::ofstream(m_folder / "a") << "a file";

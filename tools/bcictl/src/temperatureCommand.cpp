@@ -168,7 +168,7 @@ private:
         }
         const auto limit = std::chrono::seconds(m_period) + client.timeout();
         m_lastTaken = steady_clock::now();
-        for (;;) {
+        while (!m_isDone) { // readings may come before the confirm
             std::array<pollfd, 2> fds{{{client.fd(), POLLIN, 0}, {signals.fd(), POLLIN, 0}}};
             const auto left =
                 std::chrono::duration_cast<milliseconds>(m_lastTaken + limit - steady_clock::now());
@@ -183,10 +183,11 @@ private:
             if (client.isLost()) {
                 return Failure{ExitStatus::noUnit, "the unit went away", {}};
             }
-            if (m_isDone || (ready > 0 && fds[1].revents != 0)) {
-                return std::nullopt;
+            if (ready > 0 && fds[1].revents != 0) {
+                break;
             }
         }
+        return std::nullopt;
     }
 
     unsigned m_period = 0;
