@@ -6,11 +6,11 @@ namespace merlow::board {
 
 using Result = ControlAnswer::Result;
 
-Brhd::Brhd(Config config, BoardRestart::Clock systemClock, BoardStores stores, Outbox& outbox)
+Brhd::Brhd(Config config, const BoardRestart::Clock& systemClock, BoardStores stores, Outbox& outbox)
     : m_board(std::move(config.board)), m_outbox(outbox),
       m_bri(std::move(config.bri), m_board.description,
-            BoardSensors(m_board.description, std::move(config.hwmonFolder), config.seed),
-            std::move(systemClock), std::move(stores), outbox, m_plans),
+            BoardSensors(m_board.description, std::move(config.hwmonFolder), config.seed), systemClock,
+            std::move(stores), outbox, m_plans),
       m_bmmi(std::move(config.bmmi), m_board.description.bmmi, LedClass(std::move(config.ledFolder)), outbox,
              m_plans)
 {

@@ -20,7 +20,7 @@ public:
     };
 
     /// `systemClock` gives milliseconds since 1970.
-    Brhd(Config config, BoardRestart::Clock systemClock, BoardStores stores, Outbox& outbox);
+    Brhd(Config config, const BoardRestart::Clock& systemClock, BoardStores stores, Outbox& outbox);
 
     std::string name() const override { return "brhd"; }
     std::string controlMailboxName() const override { return "BrhdControl"; }

@@ -76,6 +76,18 @@ TEST_F(LoadTest, aFileGoesOutInBlocksWithTheHeaderOfALoadModuleInFront)
     EXPECT_EQ(m_unit->received(0x1659803), "000000010000012d00010000");
 }
 
+TEST_F(LoadTest, aBlockThatIsNotAcknowledgedEndsItThoughLaterOnesAre)
+{
+    write(std::string(1000000, 'x'));
+    auto answers = taking("00000001"); // a million blocks: their numbers come round many times
+    answers[0x1658806].insert(answers[0x1658806].begin(), {FakeUnit::nextTime, ""});
+    startUnit(answers);
+    EXPECT_EQ(load({"--timeout", "0.3"}), 3);
+    EXPECT_EQ(m_err.str(), "bcictl: load: block 0 of 1000096 was not acknowledged: no answer to "
+                           "TARN_BC_LMC_DATA within 0.3 s\n");
+    EXPECT_EQ(m_unit->received(0x1659803), "000000010000012d00010000");
+}
+
 TEST_F(LoadTest, jsonTellsFigures)
 {
     write("hello");

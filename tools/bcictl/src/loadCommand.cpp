@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <limits>
 
 namespace merlow::bcictl {
 
@@ -52,15 +53,25 @@ std::optional<std::uint32_t> blockSizeIn(const Signal& capabilities)
 /// low 16 bits of that as its number.
 class BlocksUnderWay {
 public:
-    void add(std::uint64_t block) { m_blocks.push_back(block); }
+    struct Block {
+        std::uint64_t place;
+        steady_clock::time_point sentAt;
+    };
+
+    void add(std::uint64_t block) { m_blocks.push_back({block, steady_clock::now()}); }
     [[nodiscard]] std::size_t count() const { return m_blocks.size(); }
-    [[nodiscard]] std::uint64_t oldest() const { return m_blocks.front(); }
+    [[nodiscard]] const Block& oldest() const { return m_blocks.front(); }
+    /// Whether the number of this block is another one than those of all that are under way.
+    [[nodiscard]] bool hasNumberFor(std::uint64_t block) const
+    {
+        return m_blocks.empty() || block - oldest().place <= std::numeric_limits<std::uint16_t>::max();
+    }
 
     /// False for a number that is not under way.
     bool acknowledge(std::uint16_t number)
     {
-        const auto found = std::find_if(m_blocks.begin(), m_blocks.end(), [number](std::uint64_t block) {
-            return static_cast<std::uint16_t>(block) == number;
+        const auto found = std::find_if(m_blocks.begin(), m_blocks.end(), [number](const Block& block) {
+            return static_cast<std::uint16_t>(block.place) == number;
         });
         if (found == m_blocks.end()) {
             return false;
@@ -70,7 +81,7 @@ public:
     }
 
 private:
-    std::deque<std::uint64_t> m_blocks;
+    std::deque<Block> m_blocks;
 };
 
 class Load : public Command {
@@ -160,7 +171,7 @@ private:
         const auto count = (file.size() + m_blockSize - 1) / m_blockSize;
         auto nextShown = begin;
         while (m_blocks < count || underWay.count() > 0) {
-            while (m_blocks < count && underWay.count() < m_window) {
+            while (m_blocks < count && underWay.count() < m_window && underWay.hasNumberFor(m_blocks)) {
                 if (auto failure = sendBlock(client, file)) {
                     return failure;
                 }
@@ -209,15 +220,27 @@ private:
         for (;;) {
             const auto answer = client.awaitAnswer(TARN_BC_LMC_DATA, {TARN_BC_LMC_DATA_ACK});
             if (const auto* const failure = std::get_if<Failure>(&answer)) {
-                Failure told = *failure;
-                told.text = "block " + std::to_string(underWay.oldest()) + " of " + std::to_string(count) +
-                            " was not acknowledged: " + told.text;
-                return StepFailure{TARN_BC_LMC_DATA, told};
+                return notAcknowledged(underWay, count, *failure);
             }
-            if (underWay.acknowledge(tools::decode<TarnBcLmcDataAckS>(std::get<Signal>(answer))->lmSeqNr)) {
+            const auto oldest = underWay.oldest();
+            const bool isOurs =
+                underWay.acknowledge(tools::decode<TarnBcLmcDataAckS>(std::get<Signal>(answer))->lmSeqNr);
+            // Those that come in order may be late together, when this process was stopped for a while.
+            const bool isOldestLeft = underWay.count() > 0 && underWay.oldest().place == oldest.place;
+            if (isOldestLeft && steady_clock::now() > oldest.sentAt + client.timeout()) {
+                return notAcknowledged(underWay, count, client.noAnswerTo(TARN_BC_LMC_DATA));
+            }
+            if (isOurs) {
                 return std::nullopt;
             }
         }
+    }
+
+    static StepFailure notAcknowledged(const BlocksUnderWay& underWay, std::uint64_t count, Failure failure)
+    {
+        failure.text = "block " + std::to_string(underWay.oldest().place) + " of " + std::to_string(count) +
+                       " was not acknowledged: " + failure.text;
+        return {TARN_BC_LMC_DATA, failure};
     }
 
     static std::optional<StepFailure> end(BciClient& client)

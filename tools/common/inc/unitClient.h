@@ -60,6 +60,8 @@ public:
     /// What this client was made with.
     [[nodiscard]] const char* unitName() const { return m_unitName; }
     [[nodiscard]] std::chrono::milliseconds timeout() const { return m_timeout; }
+    /// The failure of a request that has had all its time.
+    [[nodiscard]] Failure noAnswerTo(std::uint32_t request) const;
 
     /// The unit went away after it was found. There is no way back but a new client.
     [[nodiscard]] bool isLost() const { return m_isLost; }

@@ -154,9 +154,14 @@ UnitClient::Answer UnitClient::await(std::uint32_t request, const Predicate& isA
     if (m_isLost) {
         return lost();
     }
-    return Failure{ExitStatus::noAnswer,
-                   "no answer to " + signalName(request) + " within " + secondsText(m_timeout),
-                   {}};
+    return noAnswerTo(request);
+}
+
+Failure UnitClient::noAnswerTo(std::uint32_t request) const
+{
+    return {ExitStatus::noAnswer,
+            "no answer to " + signalName(request) + " within " + secondsText(m_timeout),
+            {}};
 }
 
 int UnitClient::fd() const
