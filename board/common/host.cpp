@@ -55,7 +55,7 @@ std::string listOf(const std::vector<std::string>& names)
 
 int failToStart(const std::string& program, const std::string& text)
 {
-    std::cerr << program << ": " << text << std::endl;
+    std::cerr << (program + ": " + text + "\n"); // one write: other processes may say something too
     rushlog_log(logCategory, (program + " " + text).c_str());
     return 1;
 }
@@ -85,7 +85,7 @@ int Host::run(Service& service)
     if (openMailboxes() && openDescriptors()) {
         service.begin();
         const std::string line = "serving " + listOf(service.servedNames()) + " in " + base::runDirPath();
-        std::cerr << service.name() << ": " << line << std::endl;
+        std::cerr << (service.name() + ": " + line + "\n");
         rushlog_log(logCategory, (service.name() + " " + line).c_str());
         if (loop().run() != 0) {
             fail("the event loop failed: " + reasonOf(errno));

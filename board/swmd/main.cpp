@@ -129,7 +129,7 @@ int serve(const Options& options)
         handover.settled(said);
     }
     for (const std::string& line : said) {
-        std::cerr << "swmd: " << line << std::endl;
+        std::cerr << ("swmd: " + line + "\n");
     }
     if (!error.empty()) {
         return failToStart("swmd", "the store " + files.place() + " cannot be used: " + error);

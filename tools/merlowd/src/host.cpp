@@ -33,7 +33,7 @@ constexpr milliseconds swmServerInterval{20}; // from one look for the SWM serve
 
 void say(const std::string& text)
 {
-    std::cerr << "merlowd: " << text << std::endl;
+    std::cerr << ("merlowd: " + text + "\n"); // one write: other processes may say something too
 }
 
 extern "C" void giveUpStopping(int /*signal*/)

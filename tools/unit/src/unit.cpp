@@ -47,7 +47,7 @@ std::chrono::milliseconds sinceThen(steady_clock::time_point then)
 
 void say(const std::string& text)
 {
-    std::cerr << "unit: " << text << std::endl;
+    std::cerr << ("unit: " + text + "\n"); // one write: the parts may say something at the same time
 }
 
 /// Whether a part that was asked to end did so. One that was asked before it could listen ends by the signal
