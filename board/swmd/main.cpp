@@ -13,6 +13,11 @@
 namespace merlow::board {
 namespace {
 
+void say(const std::string& text)
+{
+    std::cerr << ("swmd: " + text + "\n"); // one write: other processes may say something too
+}
+
 using loadmodule::SoftwareId;
 
 constexpr const char* none = "none";
@@ -129,7 +134,7 @@ int serve(const Options& options)
         handover.settled(said);
     }
     for (const std::string& line : said) {
-        std::cerr << ("swmd: " + line + "\n");
+        say(line);
     }
     if (!error.empty()) {
         return failToStart("swmd", "the store " + files.place() + " cannot be used: " + error);
