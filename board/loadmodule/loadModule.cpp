@@ -86,7 +86,7 @@ std::optional<SoftwareId> softwareIdFrom(std::string_view text)
 
 struct Sha256::State {
     struct Free {
-        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+        void operator()(EVP_MD_CTX* unused) const { EVP_MD_CTX_free(unused); }
     };
     std::unique_ptr<EVP_MD_CTX, Free> context{EVP_MD_CTX_new()};
 };

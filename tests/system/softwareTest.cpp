@@ -138,7 +138,7 @@ TEST_F(SoftwareTest, aLoadModuleIsStoredAsItIsUnderItsOwnNameOnly)
 }
 
 // Sanitizers make each byte many times as dear.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(MERLOW_ADDRESS_SANITIZER) || defined(MERLOW_THREAD_SANITIZER)
 constexpr std::size_t largeMebibytes = 4;
 #else
 constexpr std::size_t largeMebibytes = 64;

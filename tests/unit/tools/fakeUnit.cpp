@@ -10,13 +10,16 @@
 #include <filesystem>
 #include <future>
 #include <gtest/gtest.h>
-#include <span>
 
 namespace merlow::tools {
 
 namespace {
 
 constexpr std::uint32_t stopNumber = 0x7000000;
+
+/// Of what comes, so much is kept: a whole block of a load would cost a unit of the tests more time to write
+/// down than it has to answer.
+constexpr std::size_t maxBytesKept = 4096;
 
 std::string answerTo(const std::string& request, const std::string& hex)
 {
@@ -91,7 +94,8 @@ void FakeUnit::serve(const char* name, mnet_mbox_id_t mailbox)
             return;
         }
         const auto* const start = reinterpret_cast<const std::uint8_t*>(msg.get());
-        const auto request = toHex(std::span(start, mnet_size(msg.get())).subspan(sizeof(mnet_msg)));
+        const std::size_t size = mnet_size(msg.get()) - sizeof(mnet_msg);
+        const auto request = toHex({start + sizeof(mnet_msg), std::min(size, maxBytesKept)});
         {
             const std::lock_guard lock(m_mutex);
             m_received[msg->msgNo] = request;
@@ -126,7 +130,8 @@ void FakeUnit::serve(const char* name, mnet_mbox_id_t mailbox)
             auto answer = allocMsg(sizeof(mnet_msg) + bytes.size(), reply.number);
             std::copy(bytes.begin(), bytes.end(),
                       reinterpret_cast<std::uint8_t*>(answer.get()) + sizeof(mnet_msg));
-            EXPECT_EQ(sendMsg(std::move(answer), mnet_sender(msg.get()), mailbox), 0);
+            // A client that has heard enough may be gone; the one that still waits fails by itself.
+            static_cast<void>(sendMsg(std::move(answer), mnet_sender(msg.get()), mailbox));
         }
     }
 }

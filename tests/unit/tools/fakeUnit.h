@@ -48,7 +48,8 @@ public:
     FakeUnit(const FakeUnit&) = delete;
     FakeUnit& operator=(const FakeUnit&) = delete;
 
-    /// What came with `number` last, behind the number, as hexadecimal digits; empty for nothing.
+    /// What came with `number` last, behind the number, as hexadecimal digits, of no more than its
+    /// first 4 KiB; empty for nothing.
     [[nodiscard]] std::string received(std::uint32_t number) const;
 
     /// A number whose arrival makes that mailbox go.

@@ -31,7 +31,7 @@ public:
     {
         app.add_option("TIME", m_time, "\"now\", or seconds since 1970-01-01 00:00:00 UTC")
             ->required()
-            ->check([this](const std::string& text) {
+            ->check([](const std::string& text) {
                 return parse(text) ? std::string()
                                    : "neither \"now\" nor a number from 0 to 4294967295: " + text;
             });

@@ -241,7 +241,7 @@ TEST_F(QueueTest, exitWakesAThreadThatWaits)
 
 TEST_F(QueueTest, aWaitingThreadCanBeCancelledAndHoldsNoLock)
 {
-#ifdef __SANITIZE_THREAD__
+#ifdef MERLOW_THREAD_SANITIZER
     GTEST_SKIP()
         << "the sanitizer overlooks the locks of a thread that was cancelled in a call it intercepts";
 #endif

@@ -134,7 +134,7 @@ void compare(std::uint32_t seed, unsigned int events)
     }
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(MERLOW_ADDRESS_SANITIZER) || defined(MERLOW_THREAD_SANITIZER)
 constexpr unsigned int runs = 100; // what they look for shows early, and they take their time
 #else
 constexpr unsigned int runs = 4000;

@@ -409,7 +409,7 @@ TEST_F(SwmiKpxListTest, withoutItsTagItThrowsAndTheServerGoesOn)
 {
     startList();
     fromServerInPieces("no list at all");
-    const auto answer = [this] {
+    const auto answer = [] {
         fromServer(withText("00000029 00000002", 1, "QXR_R2B"));
     };
     try {

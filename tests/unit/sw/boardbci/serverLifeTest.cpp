@@ -147,7 +147,7 @@ TEST_F(ServerLifeTest, aForcedStopReturnsAtOnceAndAFurtherStartWorks)
 
 TEST_F(ServerLifeTest, theMailboxesOfAForcedStopStayUntilTheServerIsDestroyed)
 {
-#ifdef __SANITIZE_THREAD__
+#ifdef MERLOW_THREAD_SANITIZER
     GTEST_SKIP()
         << "the sanitizer overlooks the locks of a thread that was cancelled in a call it intercepts";
 #endif
@@ -167,7 +167,7 @@ TEST_F(ServerLifeTest, theMailboxesOfAForcedStopStayUntilTheServerIsDestroyed)
 
 TEST_F(ServerLifeTest, aForcedStopOfABusyServerIsNoHarm)
 {
-#ifdef __SANITIZE_THREAD__
+#ifdef MERLOW_THREAD_SANITIZER
     GTEST_SKIP()
         << "the sanitizer overlooks the locks of a thread that was cancelled in a call it intercepts";
 #endif
