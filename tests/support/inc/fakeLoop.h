@@ -19,6 +19,10 @@ public:
     void pumpUntilIdle();
     /// Calls the callback of the first readable descriptor; false when none is.
     bool callOneReadable();
+    /// Calls the callback of this descriptor; false when it is not watched or has nothing to read.
+    bool callReadable(int fd);
+    /// The watched descriptors that have something to read, in the order in which they were added.
+    [[nodiscard]] std::vector<int> readable() const;
     /// The next `times` addFd give -1.
     void failAddFd(unsigned int times = 1) { m_failAddFd = times; }
     void setRunResult(int result) { m_runResult = result; }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mnet.h>
 #include <string>
@@ -61,8 +62,15 @@ public:
     /// What the next mnet_init gives instead of its own result.
     void setInitResult(int result) { m_initResult = {true, result}; }
 
+    /// Called at each send of the server, with the message as it stands and whether it gets there.
+    using SendObserver = std::function<void(const mnet_msg& msg, const SentMessage& sent, bool arrives)>;
+    void setSendObserver(SendObserver observer) { m_sendObserver = std::move(observer); }
+
     [[nodiscard]] bool isReadable(int fd) const;
     [[nodiscard]] std::size_t waiting(Process process) const;
+    /// The message that the process receives next, still in its queue; null when there is none.
+    [[nodiscard]] const mnet_msg* next(Process process) const;
+    [[nodiscard]] std::size_t mailboxCount(Process process) const;
     [[nodiscard]] mnet_mbox_id_t find(const std::string& name) const;
     [[nodiscard]] bool exists(mnet_mbox_id_t mbox) const { return m_mailboxes.count(mbox) != 0; }
     [[nodiscard]] std::string nameOf(mnet_mbox_id_t mbox) const;
@@ -138,6 +146,7 @@ private:
     std::vector<Locate> m_locates;
     std::map<Call, Failure> m_failures;
     std::vector<SentMessage> m_sent;
+    SendObserver m_sendObserver;
     std::vector<mnet_mbox_id_t> m_deleteCalls;
     std::pair<bool, int> m_initResult{false, 0};
     std::size_t m_maxMailboxes = 0;

@@ -64,17 +64,36 @@ int FakeLoop::removeFd(int fd)
     return std::erase_if(m_entries, [fd](const Entry& entry) { return entry.fd == fd; }) > 0 ? 0 : -1;
 }
 
-bool FakeLoop::callOneReadable()
+std::vector<int> FakeLoop::readable() const
 {
+    std::vector<int> fds;
     for (const auto& entry : m_entries) {
         if (FakeMnet::instance().isReadable(entry.fd) || FakeSway::instance().isReadable(entry.fd)) {
-            const auto callback = entry.callback; // the callback may remove its own entry
-            const int fd = entry.fd;
-            callback(fd, 1);
-            return true;
+            fds.push_back(entry.fd);
         }
     }
-    return false;
+    return fds;
+}
+
+bool FakeLoop::callReadable(int fd)
+{
+    if (!FakeMnet::instance().isReadable(fd) && !FakeSway::instance().isReadable(fd)) {
+        return false;
+    }
+    const auto entry =
+        std::find_if(m_entries.begin(), m_entries.end(), [fd](const Entry& one) { return one.fd == fd; });
+    if (entry == m_entries.end()) {
+        return false;
+    }
+    const auto callback = entry->callback; // the callback may remove its own entry
+    callback(fd, 1);
+    return true;
+}
+
+bool FakeLoop::callOneReadable()
+{
+    const std::vector<int> fds = readable();
+    return !fds.empty() && callReadable(fds.front());
 }
 
 void FakeLoop::pumpUntilIdle()

@@ -91,6 +91,19 @@ std::size_t FakeMnet::waiting(Process process) const
     return found == m_queues.end() ? 0 : found->second.size();
 }
 
+const mnet_msg* FakeMnet::next(Process process) const
+{
+    const auto found = m_queues.find(process);
+    return found == m_queues.end() || found->second.empty() ? nullptr : found->second.front();
+}
+
+std::size_t FakeMnet::mailboxCount(Process process) const
+{
+    return static_cast<std::size_t>(
+        std::count_if(m_mailboxes.begin(), m_mailboxes.end(),
+                      [process](const auto& entry) { return entry.second.process == process; }));
+}
+
 mnet_mbox_id_t FakeMnet::find(const std::string& name) const
 {
     for (const auto& [id, mailbox] : m_mailboxes) {
@@ -143,10 +156,7 @@ int FakeMnet::exit()
 mnet_mbox_id_t FakeMnet::create(const char* name, Call call)
 {
     const std::string text = name == nullptr ? "" : name;
-    const auto mine = std::count_if(m_mailboxes.begin(), m_mailboxes.end(),
-                                    [this](const auto& entry) { return entry.second.process == m_current; });
-    if (failsNow(call) ||
-        (m_current == server && m_initialised && static_cast<std::size_t>(mine) >= m_maxMailboxes)) {
+    if (failsNow(call) || (m_current == server && m_initialised && mailboxCount(server) >= m_maxMailboxes)) {
         errno = ENOSPC;
         return MNET_MBOX_NONE;
     }
@@ -362,12 +372,16 @@ int FakeMnet::send(mnet_msg** msg, mnet_mbox_id_t to, mnet_mbox_id_t from)
     } else if (!exists(to)) {
         error = ENOENT;
     }
+    const SentMessage sending{.msgNo = taken->msgNo, .size = size(taken), .to = to, .from = sender};
+    if (m_current == server && m_sendObserver) {
+        m_sendObserver(*taken, sending, error == 0);
+    }
     if (error != 0) {
         freeBlock(taken);
         errno = error;
         return -1;
     }
-    m_sent.push_back({.msgNo = taken->msgNo, .size = size(taken), .to = to, .from = sender});
+    m_sent.push_back(sending);
     enqueue(taken, {.sender = sender, .receiver = to});
     return 0;
 }
