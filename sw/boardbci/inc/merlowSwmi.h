@@ -71,6 +71,8 @@ public:
     /// The SWM server has confirmed the connection. Its capabilities may not have come yet.
     [[nodiscard]] bool isReadyToPublish() const override;
     [[nodiscard]] std::string getComponentName() const override;
+    /// Open steps of procedures.
+    [[nodiscard]] std::size_t getNumRecords() const { return m_records.size(); }
 
 private:
     /// An open step of a procedure.
