@@ -90,6 +90,8 @@ TEST_F(BoardProcessTest, sayWhatTheyServeAndEndOnSignals)
 {
     startBrhd();
     startLegacyd();
+    // They say so once their mailboxes can be found.
+    EXPECT_TRUE(waitUntil([this] { return !m_brhd->err().empty() && !m_legacyd->err().empty(); }));
     EXPECT_EQ(m_brhd->err(), "brhd: serving BriServer and BmmiServer in " + m_dir.path() + "\n");
     EXPECT_EQ(m_legacyd->err(), "legacyd: serving LegacyMerlow in " + m_dir.path() + "\n");
     const Client watcher(mnet_create_mailbox("watcher", 0));
