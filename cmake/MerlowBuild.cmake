@@ -24,7 +24,7 @@ set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 set(CMAKE_UNITY_BUILD_BATCH_SIZE 6)
 
 set(MERLOW_SANITIZE "" CACHE STRING "Sanitizers for everything, as -fsanitize takes them")
-option(MERLOW_COVERAGE "Instrument for gcov" OFF)
+option(MERLOW_COVERAGE "Count what is run of the server and the platform; needs clang" OFF)
 option(MERLOW_FUZZ "Build the fuzz targets with libFuzzer" OFF)
 
 find_program(MERLOW_CCACHE ccache)
@@ -53,10 +53,20 @@ else()
     endif()
     add_link_options(LINKER:-z,relro,-z,now)
 endif()
+# Counts what is run of the folders that ask for it; each process adds to the files of one folder, whoever it
+# runs as: a file for each test program and each library in it or its children. `scripts/coverage` reads them.
 if(MERLOW_COVERAGE)
-    add_compile_options(--coverage)
-    add_link_options(--coverage)
+    set(merlow_profile "${CMAKE_BINARY_DIR}/profile")
+    file(MAKE_DIRECTORY "${merlow_profile}")
+    file(CHMOD "${merlow_profile}" PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_WRITE
+        GROUP_EXECUTE WORLD_READ WORLD_WRITE WORLD_EXECUTE)
 endif()
+macro(merlow_count_coverage)
+    if(MERLOW_COVERAGE)
+        add_compile_options("-fprofile-instr-generate=${merlow_profile}/other-%m.profraw" -fcoverage-mapping)
+        add_link_options(-fprofile-instr-generate)
+    endif()
+endmacro()
 
 # The project's own code is held to these; generated code is not. They are GCC's: clang, which builds for the
 # sanitizers, means other things by some of them.
@@ -149,8 +159,8 @@ function(merlow_precompile_test_headers)
 endfunction()
 
 # merlow_test(NAME SOURCES ... LIBS ... [TIMEOUT seconds] [LABELS ...]): a GoogleTest program, each of its
-# tests a test of ctest. Under a sanitizer a program of unit tests is one test of ctest: the start of a process
-# costs more there than the test.
+# tests a test of ctest. Under a sanitizer, or counted, a program of unit tests is one test of ctest: the
+# start of a process costs more there than the test.
 function(merlow_test name)
     cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
     find_package(GTest REQUIRED)
@@ -169,11 +179,14 @@ function(merlow_test name)
     endforeach()
     set_target_properties(${name} PROPERTIES UNITY_BUILD_BATCH_SIZE 8)
     target_link_libraries(${name} PRIVATE ${arg_LIBS} merlow_test_flags GTest::gmock GTest::gtest GTest::gtest_main)
-    if(MERLOW_SANITIZE AND arg_LABELS STREQUAL "unit")
+    if(MERLOW_COVERAGE)
+        set(environment ENVIRONMENT "LLVM_PROFILE_FILE=${merlow_profile}/${name}-%m.profraw")
+    endif()
+    if((MERLOW_SANITIZE OR MERLOW_COVERAGE) AND arg_LABELS STREQUAL "unit")
         add_test(NAME ${name} COMMAND ${name})
-        set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${arg_LABELS}")
+        set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${arg_LABELS}" ${environment})
     else()
         gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120 DISCOVERY_MODE PRE_TEST TEST_PREFIX "${name}."
-            PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
+            PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" ${environment})
     endif()
 endfunction()
