@@ -349,15 +349,17 @@ void BoardFaults::remove(std::vector<BoardFault>::iterator ceased)
     remember();
 }
 
-bool BoardFaults::isMeasured(FaultId id) const
+std::optional<std::uint32_t> BoardFaults::measuredCase(FaultId id) const
 {
-    return std::any_of(m_active.begin(), m_active.end(),
-                       [id](const BoardFault& fault) { return fault.measured && fault.id == id; });
+    const auto measured = std::find_if(m_active.begin(), m_active.end(), [id](const BoardFault& fault) {
+        return fault.measured && fault.id == id;
+    });
+    return measured == m_active.end() ? std::nullopt : std::optional(measured->faultCase);
 }
 
 bool BoardFaults::raiseMeasured(FaultId id, std::uint32_t faultCase)
 {
-    return isMeasured(id) || add({.id = id, .faultCase = faultCase, .measured = true});
+    return add({.id = id, .faultCase = faultCase, .measured = true});
 }
 
 void BoardFaults::ceaseMeasured(FaultId id)

@@ -62,10 +62,12 @@ public:
     void connectionEnded(std::uint32_t connectionRef);
     void clientGone(MailboxId mailbox);
 
-    /// Faults that the board's own sensors raise and cease, one of each id.
-    [[nodiscard]] bool isMeasured(boardresourcehandler::bri::BriFaultId id) const;
+    /// Faults that the board's own sensors raise and cease: the case of the first with this id, if there is
+    /// one.
+    [[nodiscard]] std::optional<std::uint32_t> measuredCase(boardresourcehandler::bri::BriFaultId id) const;
     /// False when there are too many faults already.
     [[nodiscard]] bool raiseMeasured(boardresourcehandler::bri::BriFaultId id, std::uint32_t faultCase);
+    /// The first one with this id.
     void ceaseMeasured(boardresourcehandler::bri::BriFaultId id);
 
     /// {"action": "raise", "id": ID or NAME, "case": N, "fan": T, "parent": T, "slot": N},

@@ -1,11 +1,10 @@
 #include "boardRestart.h"
 
 #include "control.h"
-#include "restartOrder.h"
 
 #include <algorithm>
-#include <chrono>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <partStatus.h>
 #include <utility>
 
@@ -30,14 +29,30 @@ bool announcesRanks(const BoardDescription& board)
 
 } // namespace
 
-BoardRestart::BoardRestart(const BoardDescription& board, Clock clock, StateStore& store, Outbox& outbox)
-    : m_board(board), m_clock(std::move(clock)), m_store(store), m_outbox(outbox)
+BoardRestart::BoardRestart(const BoardDescription& board, Clock clock, StateStore& given,
+                           StateStore& carriedOut, Outbox& outbox)
+    : m_board(board), m_clock(std::move(clock)), m_given(given), m_carriedOut(carriedOut), m_outbox(outbox)
 {
+}
+
+void BoardRestart::begin()
+{
+    LoadedRestartOrder left = pendingRestartOrder(m_given, m_carriedOut);
+    if (!left.error.empty()) {
+        BOARD_LOG(m_outbox, LogLevel::error,
+                  "the last restart order in " << m_given.place() << " cannot be read: " << left.error);
+    }
+    if (left.order) {
+        BOARD_LOG(m_outbox, LogLevel::info,
+                  "a restart was ordered by " << left.order->initiator << " and did not come");
+        m_isLeftOver = true;
+        carryOut(std::move(*left.order));
+    }
 }
 
 std::string BoardRestart::objectionTo(const bri::RestartBoardFwd& fwd) const
 {
-    if (!m_ordered.is_null()) {
+    if (m_order) {
         return "the board restarts already";
     }
     if (!fwd.has_restartcode() || fwd.restartcode() < std::numeric_limits<std::int16_t>::min() ||
@@ -70,39 +85,84 @@ void BoardRestart::order(MailboxId client, const bri::RestartBoardFwd& fwd)
     const auto rank = fwd.has_restart_rank_v2() ? fwd.restart_rank_v2() : plainRank;
     const std::string initiator =
         fwd.trace_info().empty() ? "the client at " + hex(client) : fwd.trace_info().substr(0, maxTextSize);
-    const RestartOrder order{fwd.restartcode(),
-                             static_cast<std::uint32_t>(rank),
-                             fwd.label().substr(0, maxTextSize),
-                             fwd.load_module(),
-                             initiator,
-                             m_clock()};
+    RestartOrder order{fwd.restartcode(),
+                       static_cast<std::uint32_t>(rank),
+                       fwd.label().substr(0, maxTextSize),
+                       fwd.load_module(),
+                       initiator,
+                       m_clock()};
     // An order that is not kept would bring up what ran before: better no restart than that one.
-    if (const std::string error = saveRestartOrder(m_store, order); !error.empty()) {
+    if (const std::string error = saveRestartOrder(m_given, order); !error.empty()) {
         BOARD_LOG(m_outbox, LogLevel::error,
-                  "the board does not restart: the order cannot be kept in " << m_store.place() << ": "
+                  "the board does not restart: the order cannot be kept in " << m_given.place() << ": "
                                                                              << error);
         return;
     }
-    m_ordered = {{"code", order.code}, {"rank", order.rank}, {"loadModule", order.loadModule}};
+    BOARD_LOG(m_outbox, LogLevel::info, "a restart is ordered from " << hex(client));
+    m_isLeftOver = false;
+    carryOut(std::move(order));
+}
+
+void BoardRestart::carryOut(RestartOrder order)
+{
     BOARD_LOG(m_outbox, LogLevel::info,
               "the board restarts in " << m_board.restart.noticeMs << " ms: code " << order.code << ", rank "
                                        << order.rank << ", label \"" << order.label << "\", to run \""
-                                       << order.loadModule << "\", ordered from " << hex(client) << " by "
-                                       << order.initiator);
-    m_outbox.tell("LegacydControl",
-                  encodeControl(controlNotice, 0,
-                                {{"command", "restart"}, {"code", static_cast<std::uint16_t>(order.code)}}));
-    const auto restart = [&outbox = m_outbox] {
-        outbox.end(base::boardRestartStatus);
+                                       << order.loadModule << "\", ordered by " << order.initiator);
+    m_order = std::move(order);
+    m_isNoticeOver = false;
+    m_areClientsTold = false;
+    const unsigned number = ++m_orders;
+    m_outbox.ask("LegacydControl", encodeControl(controlRequest, number,
+                                                 {{"command", "restart"},
+                                                  {"code", static_cast<std::uint16_t>(m_order->code)}}));
+    const std::chrono::milliseconds notice(m_board.restart.noticeMs);
+    const auto endNotice = [this, number] {
+        m_isNoticeOver = number == m_orders;
+        if (m_isNoticeOver && m_areClientsTold) {
+            restart();
+        }
     };
-    if (!m_outbox.runAfter(std::chrono::milliseconds(m_board.restart.noticeMs), restart)) {
+    const auto endPatience = [this, number] {
+        if (number == m_orders) {
+            restart();
+        }
+    };
+    if (!m_outbox.runAfter(notice, endNotice) || !m_outbox.runAfter(notice + tellingPatience, endPatience)) {
         restart();
     }
 }
 
+void BoardRestart::clientsAreTold()
+{
+    m_areClientsTold = true;
+    if (m_isNoticeOver) {
+        restart();
+    }
+}
+
+void BoardRestart::restart()
+{
+    ++m_orders;
+    m_isNoticeOver = false;
+    if (const std::string error = saveRestartOrder(m_carriedOut, *m_order); !error.empty()) {
+        BOARD_LOG(m_outbox, LogLevel::error,
+                  "that the board restarts cannot be kept in " << m_carriedOut.place() << ": " << error);
+        if (m_isLeftOver) { // each process would find it left over, and restart the board once more
+            m_order.reset();
+            return;
+        }
+    }
+    m_outbox.end(base::boardRestartStatus);
+}
+
 void BoardRestart::addStatus(nlohmann::json& status) const
 {
-    status["restartOrder"] = m_ordered;
+    status["restartOrder"] = nullptr;
+    if (m_order) {
+        status["restartOrder"] = {
+            {"code", m_order->code}, {"rank", m_order->rank}, {"loadModule", m_order->loadModule}};
+    }
 }
 
 } // namespace merlow::board

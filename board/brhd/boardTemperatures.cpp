@@ -18,8 +18,8 @@ void BoardTemperatures::begin()
 {
     // A fault that is left of an earlier process does not tell which sensors were beyond.
     for (Limit* const limit : {&m_upper, &m_lower}) {
-        for (std::size_t number = 0; m_faults.isMeasured(limit->fault) && number < m_sensors.sensors().size();
-             ++number) {
+        for (std::size_t number = 0;
+             m_faults.measuredCase(limit->fault) && number < m_sensors.sensors().size(); ++number) {
             limit->beyond.insert(number);
         }
     }
@@ -57,14 +57,18 @@ void BoardTemperatures::checkLimit(Limit& limit, Excess excessOf)
             limit.beyond.erase(number);
         } else if (excess > 0) {
             limit.beyond.insert(number);
-            if (!m_faults.isMeasured(limit.fault)) {
+            if (!m_faults.measuredCase(limit.fault)) {
                 // Refused for too many faults, it is tried again a second later.
                 (void)m_faults.raiseMeasured(limit.fault, static_cast<std::uint32_t>(number));
             }
         }
     }
+    const auto named = m_faults.measuredCase(limit.fault);
     if (limit.beyond.empty()) {
         m_faults.ceaseMeasured(limit.fault);
+    } else if (named && !limit.beyond.contains(*named) &&
+               m_faults.raiseMeasured(limit.fault, static_cast<std::uint32_t>(*limit.beyond.begin()))) {
+        m_faults.ceaseMeasured(limit.fault); // the first of them, so that there is one all the time
     }
 }
 

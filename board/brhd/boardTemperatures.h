@@ -19,7 +19,7 @@ namespace merlow::board {
 ///
 ///   a reading above its upper limit  -> the fault EXCEPTIONAL_TEMPERATURE_TOO_HIGH, its case is the sensor
 ///   a reading below its lower limit  -> the fault EXCEPTIONAL_TEMPERATURE_TOO_LOW
-///   all that were beyond are back by their hysteresis -> the fault ceases
+///   that sensor is back by its hysteresis -> the fault ceases, or is another sensor's that is still beyond
 ///
 /// A measurement ends when it is stopped or with its connection.
 class BoardTemperatures {

@@ -51,6 +51,12 @@ void Brhd::mailboxGone(MailboxId mailbox)
     m_bmmi.clientGone(mailbox);
 }
 
+/// Only the legacy server is ever asked something: to tell its clients of a restart.
+void Brhd::answered(const ControlAnswer& /*answer*/)
+{
+    m_bri.restart().clientsAreTold();
+}
+
 nlohmann::json Brhd::status() const
 {
     return {{"bri", m_bri.status()}, {"bmmi", m_bmmi.status()}, {"plans", m_plans.toJson()}};

@@ -30,6 +30,7 @@ public:
     void begin() override;
     void receive(const Received& received) override;
     void mailboxGone(MailboxId mailbox) override;
+    void answered(const ControlAnswer& answer) override;
 
     nlohmann::json status() const override;
     std::vector<AnswerKind> kinds() const override;

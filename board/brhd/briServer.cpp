@@ -53,7 +53,7 @@ BriServer::BriServer(BrhServerConfig config, const BoardDescription& board, Boar
                   encodeFrame(bri::TempMeasInd::MESSAGE_NUMBER, procedureRef, connection.clientRef, ind));
           }),
       m_hardwareLog(std::move(stores.hardwareLog), board.hardwareLog, outbox),
-      m_restart(board, systemClock, stores.restartOrder, outbox)
+      m_restart(board, systemClock, stores.restartOrder, stores.carriedOutRestart, outbox)
 {
     onConnEstablish<bri::ConnEstablishReq, bri::ConnEstablishCfm, bri::ConnEstablishRej>();
     onRequest<bri::GetCapabilitiesReq, bri::GetCapabilitiesRej>(&BriServer::handleGetCapabilitiesReq);
@@ -80,6 +80,7 @@ void BriServer::begin()
     m_faults.load();
     m_temperatures.begin();
     m_hardwareLog.begin();
+    m_restart.begin();
 }
 
 BrhAnswer BriServer::handleGetCapabilitiesReq(const Connection& /*connection*/,

@@ -18,6 +18,7 @@ namespace merlow::board {
 struct BoardStores {
     StateStore& faults;
     StateStore& restartOrder;
+    StateStore& carriedOutRestart;
     std::string hardwareLog; ///< the path of its database, or SqliteDatabase::inMemory
 };
 
@@ -32,6 +33,7 @@ public:
 
     BoardFaults& faults() { return m_faults; }
     BoardTemperatures& temperatures() { return m_temperatures; }
+    BoardRestart& restart() { return m_restart; }
     void clientGone(MailboxId mailbox) override;
 
     nlohmann::json status() const override;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <numeric>
 #include <system_error>
 #include <unistd.h>
 #include <utility>
@@ -56,11 +57,13 @@ bool HardwareLog::append(const Addition& addition)
         return refuse("a label of " + std::to_string(addition.label.size()) + " bytes, at most " +
                       std::to_string(maxLabelSize) + " are kept");
     }
-    const auto largest = std::max_element(entries.begin(), entries.end(),
-                                          [](const auto& a, const auto& b) { return a.size() < b.size(); });
-    if (largest != entries.end() && roomOf(*largest) > budget) {
-        return refuse("an entry takes " + std::to_string(roomOf(*largest)) + " bytes, log " +
-                      std::to_string(addition.logId) + " has " + std::to_string(budget));
+    // Else the request itself would drop some of what it has confirmed.
+    const std::size_t room =
+        std::accumulate(entries.begin(), entries.end(), std::size_t{0},
+                        [](std::size_t sum, const std::string& entry) { return sum + roomOf(entry); });
+    if (room > budget) {
+        return refuse("it takes " + std::to_string(room) + " bytes, log " + std::to_string(addition.logId) +
+                      " has " + std::to_string(budget));
     }
     if (!open()) {
         return false;
@@ -130,16 +133,9 @@ bool HardwareLog::open()
     }
     m_database.close();
     if (isWriteAheadLogAlone()) { // an empty database beside it would have it deleted
-        return moveAside("it is gone, and entries of it are in its write-ahead log") &&
-               (openOnce() || failed());
+        return replace("it is gone, and entries of it are in its write-ahead log");
     }
-    if (openOnce()) {
-        return true;
-    }
-    if (!m_database.isDamaged()) {
-        return failed();
-    }
-    return moveAsideDamaged() && (openOnce() || failed());
+    return openOnce() || failed();
 }
 
 bool HardwareLog::openOnce()
@@ -177,15 +173,8 @@ bool HardwareLog::isWriteAheadLogAlone() const
     return noFile == std::errc::no_such_file_or_directory || (!noFile && size == 0);
 }
 
-bool HardwareLog::moveAsideDamaged()
-{
-    const std::string what = "it is damaged (" + m_database.reason() + ")";
-    m_database.close();
-    return moveAside(what);
-}
-
-/// Gives whether a new one can be begun in its place.
-bool HardwareLog::moveAside(const std::string& what)
+/// Moves it aside and begins a new one. Always false: what was asked of the old one has failed.
+bool HardwareLog::replace(const std::string& what)
 {
     namespace fs = std::filesystem;
     std::string aside;
@@ -207,20 +196,71 @@ bool HardwareLog::moveAside(const std::string& what)
         return fail(what + " and cannot be moved aside: " + std::generic_category().message(errno));
     }
     fs::remove(m_path + "-shm", ignored);
+    fail(what + "; it is kept as " + aside);
+    if (!openOnce() || !salvage(aside)) {
+        const std::string reason = m_database.reason();
+        m_database.close();
+        BOARD_LOG(m_log, LogLevel::error,
+                  "the hardware log " << m_path << ": a new one cannot be begun: " << reason);
+        return false;
+    }
     BOARD_LOG(m_log, LogLevel::error,
-              "the hardware log " << m_path << ": " << what << "; it is kept as " << aside
-                                  << ", a new one is begun");
+              "the hardware log " << m_path
+                                  << ": a new one is begun; entries that could still be read: " << count());
+    return false;
+}
+
+/// Copies what can be read of the database `aside`: from either end up to the damage.
+bool HardwareLog::salvage(const std::string& aside)
+{
+    std::error_code noFile;
+    const auto size = std::filesystem::file_size(aside, noFile);
+    SqliteDatabase damaged;
+    // SQLite would delete the write-ahead log of an empty one.
+    if (noFile || size == 0 || !damaged.openToRead(aside)) {
+        return true; // not a single entry
+    }
+    return m_database.execute("BEGIN IMMEDIATE") &&
+           copyFrom(damaged, "SELECT id, log, label, serverRef, text FROM entry ORDER BY id") &&
+           copyFrom(damaged, "SELECT id, log, label, serverRef, text FROM entry ORDER BY id DESC") &&
+           m_database.execute("COMMIT");
+}
+
+bool HardwareLog::copyFrom(SqliteDatabase& damaged, const char* select)
+{
+    Statement row(damaged, select);
+    while (row.step()) {
+        const std::string label = row.text(2);
+        const std::string text = row.text(4);
+        Statement write(
+            m_database,
+            "INSERT OR IGNORE INTO entry (id, log, label, serverRef, text) VALUES (?, ?, ?, ?, ?)");
+        write.bind(row.number(0)).bind(row.number(1)).bind(label);
+        if (row.isNull(3)) {
+            write.bindNull();
+        } else {
+            write.bind(row.number(3));
+        }
+        write.bind(text);
+        if (write.step() || !write.isDone()) {
+            return false;
+        }
+    }
     return true;
+}
+
+std::int64_t HardwareLog::count()
+{
+    Statement count(m_database, "SELECT count(*) FROM entry");
+    return count.step() ? count.number(0) : 0;
 }
 
 bool HardwareLog::failed()
 {
-    fail(m_database.reason());
-    if (m_database.isDamaged()) {
-        moveAsideDamaged();
-    }
+    const std::string reason = m_database.reason();
+    const bool isDamaged = m_database.isDamaged();
     m_database.close();
-    return false;
+    return isDamaged ? replace("it is damaged (" + reason + ")") : fail(reason);
 }
 
 bool HardwareLog::fail(const std::string& reason)

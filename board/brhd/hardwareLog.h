@@ -16,7 +16,8 @@ namespace merlow::board {
 /// Kept in a SQLite database. What `append` has said yes to is on the disk.
 ///
 /// A failure goes to the log, loses nothing that was kept before, and ends with the request that it befell:
-/// the next one opens the database anew. A damaged one is moved aside, and a new one is begun.
+/// the next one opens the database anew. A damaged one is moved aside, and a new one is begun with what can
+/// still be read of it.
 class HardwareLog {
 public:
     /// What one request adds to a log.
@@ -39,7 +40,7 @@ public:
     void begin();
 
     /// Adds the entries behind those of the log, whose oldest go as far as its budget demands. All of them
-    /// or, with false, none: an entry is larger than the budget, the label too long, or the database fails.
+    /// or, with false, none: they are larger than the budget, the label is too long, or the database fails.
     [[nodiscard]] bool append(const Addition& addition);
 
     /// All of a log, the oldest first; nothing when the database fails.
@@ -53,14 +54,16 @@ private:
     [[nodiscard]] bool openOnce();
     [[nodiscard]] bool makeTable();
     [[nodiscard]] bool isWriteAheadLogAlone() const;
-    bool moveAsideDamaged();
-    bool moveAside(const std::string& what);
+    bool replace(const std::string& what);
+    bool salvage(const std::string& aside);
+    bool copyFrom(SqliteDatabase& damaged, const char* select);
+    [[nodiscard]] std::int64_t count();
     [[nodiscard]] bool insert(const Addition& addition);
     [[nodiscard]] bool dropOldest(std::uint32_t logId);
     // Each tells why, and gives false.
     bool refuse(const std::string& reason) const; ///< what a client asked for
     bool fail(const std::string& reason);         ///< the board lacks something
-    bool failed();                                ///< the database failed, and is closed
+    bool failed();                                ///< the database failed, and is closed or replaced
 
     const std::string m_path;
     const HardwareLogDescription& m_budgets;

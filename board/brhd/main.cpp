@@ -83,7 +83,9 @@ int main(int argc, char** argv)
     merlow::board::Host host(options.clockSpeed);
     merlow::board::StateFile faults("brhd.state");
     merlow::board::StateFile restartOrder = merlow::board::givenRestartOrder();
-    merlow::board::Brhd brhd(configOf(options, std::move(board)), systemTime,
-                             {faults, restartOrder, merlow::board::stateDirPath() + "/hardwareLog.db"}, host);
+    merlow::board::StateFile carriedOutRestart = merlow::board::carriedOutRestartOrder();
+    merlow::board::Brhd brhd(
+        configOf(options, std::move(board)), systemTime,
+        {faults, restartOrder, carriedOutRestart, merlow::board::stateDirPath() + "/hardwareLog.db"}, host);
     return host.run(brhd);
 }

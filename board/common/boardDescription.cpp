@@ -64,16 +64,22 @@ constexpr Member<ContainerData, BoardText> containerTexts[] = {
     {"serialNumber", &ContainerData::serialNumber},
 };
 
-constexpr Member<TemperatureRange, std::int32_t> rangeNumbers[] = {
-    {"lower", &TemperatureRange::lower},
-    {"upper", &TemperatureRange::upper},
-    {"hysteresis", &TemperatureRange::hysteresis},
+template <class Struct> struct Parameter {
+    const char* key;
+    std::int32_t Struct::*member;
+    std::int64_t least = -largestParameter - 1;
 };
 
-constexpr Member<Hotspot, std::int32_t> hotspotNumbers[] = {
+constexpr Parameter<TemperatureRange> rangeNumbers[] = {
+    {"lower", &TemperatureRange::lower},
+    {"upper", &TemperatureRange::upper},
+    {"hysteresis", &TemperatureRange::hysteresis, 0},
+};
+
+constexpr Parameter<Hotspot> hotspotNumbers[] = {
     {"sensor", &Hotspot::sensor},
     {"threshold", &Hotspot::threshold},
-    {"hysteresis", &Hotspot::hysteresis},
+    {"hysteresis", &Hotspot::hysteresis, 0},
 };
 
 constexpr Member<BmmiDescription, bool> bmmiCapabilities[] = {
@@ -124,6 +130,22 @@ template <class Struct, class Texts> void readTexts(JsonSection& file, Struct& t
     }
 }
 
+/// What was beyond one limit must be back before it reaches the other.
+void checkSet(JsonSection& section, const TemperatureRange& range)
+{
+    if (range.upper < range.lower) {
+        throw JsonMistake(section.require("upper").line, section.pathOf("upper"), "is below the lower limit");
+    }
+    if (range.hysteresis > range.upper - range.lower) {
+        throw JsonMistake(section.require("hysteresis").line, section.pathOf("hysteresis"),
+                          std::to_string(range.hysteresis) +
+                              " is wider than from the lower limit to the upper, " +
+                              std::to_string(range.upper - range.lower));
+    }
+}
+
+void checkSet(JsonSection& /*section*/, const Hotspot& /*hotspot*/) {}
+
 /// A list of objects that have all of the numbers.
 template <class Struct, class Numbers>
 void readSets(JsonSection& file, const char* name, std::vector<Struct>& sets, const Numbers& members)
@@ -132,11 +154,12 @@ void readSets(JsonSection& file, const char* name, std::vector<Struct>& sets, co
     const bool there = file.list(name, maxParameterSets, [&](const JsonNode& node, const std::string& path) {
         JsonSection section(node, path);
         Struct set;
-        for (const auto& [key, member] : members) {
-            set.*member = static_cast<std::int32_t>(jsonNumber(section.require(key), section.pathOf(key),
-                                                               -largestParameter - 1, largestParameter));
+        for (const auto& [key, member, least] : members) {
+            set.*member = static_cast<std::int32_t>(
+                jsonNumber(section.require(key), section.pathOf(key), least, largestParameter));
         }
         section.finish();
+        checkSet(section, set);
         read.push_back(set);
     });
     if (there) {
@@ -420,8 +443,8 @@ json setsToJson(const std::vector<Struct>& sets, const Numbers& members)
     json list = json::array();
     for (const Struct& set : sets) {
         json object;
-        for (const auto& [key, member] : members) {
-            object[key] = set.*member;
+        for (const auto& number : members) {
+            object[number.key] = set.*number.member;
         }
         list.push_back(std::move(object));
     }

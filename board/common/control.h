@@ -1,8 +1,8 @@
 /// The control protocol between boardctl and the neighbours: one JSON object each way in a mailbox message. A
-/// neighbour tells another something in the same way, without an answer.
+/// neighbour asks another in the same way.
 ///
 /// | Offset | Size | Field | Order |
-/// | 0 | 4 | number: `controlRequest`, `controlAnswer` or `controlNotice` | host |
+/// | 0 | 4 | number: `controlRequest` or `controlAnswer` | host |
 /// | 4 | 4 | reference, chosen by the asker and echoed | network |
 /// | 8 | n | a JSON object in UTF-8 | |
 ///
@@ -10,7 +10,7 @@
 /// {"command": "plan", "action": "refuse" | "delay" | "drop" | "abort", "kind": K, "count": N, "ms": N,
 /// "cause": C};
 /// {"command": "lose", "server": S, "ref": N}; and what a neighbour has of its own.
-/// A notice of brhd to legacyd: {"command": "restart", "code": C}, the code's 16 bits as a number without
+/// Of brhd to legacyd: {"command": "restart", "code": C}, the code's 16 bits as a number without
 /// sign. Answers: {"result": "done" | "refused" | "usage" | "notFound", "text": T, "data": D}.
 #pragma once
 
@@ -25,8 +25,6 @@ namespace merlow::board {
 /// Far from the numbers of every interface of the unit.
 constexpr std::uint32_t controlRequest = 0x42440001;
 constexpr std::uint32_t controlAnswer = 0x42440002;
-/// A request that one neighbour sends another, and that is not answered.
-constexpr std::uint32_t controlNotice = 0x42440003;
 
 /// Longest control message that is looked at.
 constexpr std::size_t maxControlSize = 1U << 20U;

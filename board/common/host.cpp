@@ -64,6 +64,7 @@ Host::Host(unsigned clockSpeed) : m_clockSpeed(clockSpeed)
 {
     const sigset_t signals = endingSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a write that fails
 }
 
 Host::~Host()
@@ -173,10 +174,11 @@ void Host::handleNotice()
 
 void Host::handleControl(const Received& received)
 {
-    if (const auto notice = decodeControl(received.bytes, controlNotice)) {
-        const ControlAnswer answer = serveControl(*m_service, notice->body);
-        BOARD_LOG(*this, LogLevel::info,
-                  "told " << notice->body.dump() << " by " << hex(received.sender) << ": " << answer.text);
+    if (const auto message = decodeControl(received.bytes, controlAnswer)) {
+        if (const auto answer = answerFromJson(message->body)) {
+            BOARD_LOG(*this, LogLevel::info, "answered by " << hex(received.sender) << ": " << answer->text);
+            m_service->answered(*answer);
+        }
         return;
     }
     const auto request = decodeControl(received.bytes, controlRequest);
@@ -241,15 +243,15 @@ bool Host::runAfter(std::chrono::milliseconds delay, std::function<void()> actio
                          std::move(action));
 }
 
-void Host::tell(const std::string& name, BytesView message)
+void Host::ask(const std::string& name, BytesView request)
 {
-    mnet_msg* msg = mnet_alloc(message.size(), 0);
+    mnet_msg* msg = mnet_alloc(request.size(), 0);
     if (msg == nullptr) {
         BOARD_LOG(*this, LogLevel::error,
-                  "no memory for a message of " << message.size() << " bytes to " << name);
+                  "no memory for a message of " << request.size() << " bytes to " << name);
         return;
     }
-    std::memcpy(msg, message.data(), message.size());
+    std::memcpy(msg, request.data(), request.size());
     if (mnet_locate_async(name.c_str(), &msg, m_control) != 0) {
         BOARD_LOG(*this, LogLevel::error, "cannot look for " << name << ": " << reasonOf(errno));
     }

@@ -45,7 +45,7 @@ public:
     void sendAfter(std::chrono::milliseconds delay, MailboxId from, MailboxId to, Bytes message) override;
     [[nodiscard]] std::chrono::milliseconds now() const override;
     [[nodiscard]] bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) override;
-    void tell(const std::string& name, BytesView message) override;
+    void ask(const std::string& name, BytesView request) override;
     void end(int exitStatus) override;
     [[nodiscard]] bool watch(MailboxId mailbox) override;
     [[nodiscard]] MailboxId reopenMailbox(MailboxId mailbox) override;

@@ -47,8 +47,9 @@ public:
     /// when too much is due already.
     [[nodiscard]] virtual bool runAfter(std::chrono::milliseconds delay, std::function<void()> action) = 0;
 
-    /// Sends the message from the control mailbox to the mailbox called `name`, as soon as there is one.
-    virtual void tell(const std::string& name, BytesView message) = 0;
+    /// Sends the control request from the control mailbox to the one called `name`, as soon as there is one.
+    /// Its answer goes to the service; none may come.
+    virtual void ask(const std::string& name, BytesView request) = 0;
 
     /// Ends the process with `exitStatus`, once what is in hand is done.
     virtual void end(int exitStatus) = 0;

@@ -11,6 +11,11 @@ StateFile givenRestartOrder()
     return StateFile("restartOrder.json", StateFile::Folder::state);
 }
 
+StateFile carriedOutRestartOrder()
+{
+    return StateFile("restartOrder.carriedOut.json", StateFile::Folder::state);
+}
+
 StateFile servedRestartOrder()
 {
     return StateFile("restartOrder.served.json", StateFile::Folder::state);
@@ -34,11 +39,11 @@ LoadedRestartOrder loadRestartOrder(StateStore& store)
     }
 }
 
-LoadedRestartOrder pendingRestartOrder(StateStore& given, StateStore& served)
+LoadedRestartOrder pendingRestartOrder(StateStore& given, StateStore& done)
 {
     LoadedRestartOrder pending = loadRestartOrder(given);
-    // Served twice does no harm, so that one which cannot be read counts as none.
-    if (pending.order && pending.order == loadRestartOrder(served).order) {
+    // Done twice does little harm, so that one which cannot be read counts as none.
+    if (pending.order && pending.order == loadRestartOrder(done).order) {
         pending.order.reset();
     }
     return pending;

@@ -23,6 +23,8 @@ struct RestartOrder {
 
 /// The last order that was given; brhd alone writes it.
 StateFile givenRestartOrder();
+/// The last order for which brhd ended, so that the board restarts once for it; brhd alone writes it.
+StateFile carriedOutRestartOrder();
 /// The last order whose module was found or missed at a start; swmd alone writes it. So a start that follows
 /// no new order leaves what runs as it is.
 StateFile servedRestartOrder();
@@ -34,8 +36,8 @@ struct LoadedRestartOrder {
 
 /// A field that is missing has its default; one of another type is an error.
 LoadedRestartOrder loadRestartOrder(StateStore& store);
-/// The given order, unless a start has served it already.
-LoadedRestartOrder pendingRestartOrder(StateStore& given, StateStore& served);
+/// The given order, unless it is the one that was done last.
+LoadedRestartOrder pendingRestartOrder(StateStore& given, StateStore& done);
 /// The order outlives a loss of power once this has succeeded. Gives what went wrong, empty when nothing did.
 [[nodiscard]] std::string saveRestartOrder(StateStore& store, const RestartOrder& order);
 

@@ -49,6 +49,8 @@ public:
     virtual void receive(const Received& received) = 0;
     /// A watched mailbox is gone.
     virtual void mailboxGone(MailboxId mailbox) = 0;
+    /// What `Outbox::ask` asked for is done, or refused.
+    virtual void answered(const ControlAnswer& /*answer*/) {}
 
     virtual nlohmann::json status() const = 0;
     virtual std::vector<AnswerKind> kinds() const = 0;

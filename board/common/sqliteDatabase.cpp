@@ -52,14 +52,32 @@ bool SqliteDatabase::open(const std::string& path)
     return true;
 }
 
+bool SqliteDatabase::openToRead(const std::string& path)
+{
+    close();
+    m_isDamaged = false;
+    const int result = sqlite3_open_v2(path.c_str(), &m_database, SQLITE_OPEN_READONLY, nullptr);
+    if (result != SQLITE_OK && !failed()) {
+        close();
+        return false;
+    }
+    leaveWriteAheadLog();
+    return true;
+}
+
 void SqliteDatabase::close()
 {
     if (m_isDamaged && m_database != nullptr) {
-        // What the write-ahead log holds of it stays beside it.
-        sqlite3_db_config(m_database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+        leaveWriteAheadLog();
     }
     sqlite3_close(m_database);
     m_database = nullptr;
+}
+
+/// What it holds of the database stays beside that.
+void SqliteDatabase::leaveWriteAheadLog()
+{
+    sqlite3_db_config(m_database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
 }
 
 bool SqliteDatabase::execute(const char* sql)
@@ -148,6 +166,11 @@ bool SqliteDatabase::Statement::step()
 std::int64_t SqliteDatabase::Statement::number(int column) const
 {
     return sqlite3_column_int64(m_statement, column);
+}
+
+bool SqliteDatabase::Statement::isNull(int column) const
+{
+    return sqlite3_column_type(m_statement, column) == SQLITE_NULL;
 }
 
 std::string SqliteDatabase::Statement::text(int column) const

@@ -25,6 +25,8 @@ public:
     /// Opens the database at `path`, with the access rights of the unit's files, and makes it when there is
     /// none. False leaves it as it is; `reason` tells why, whatever failed last.
     [[nodiscard]] bool open(const std::string& path);
+    /// Opens what is there, to read as much of it as can be read: neither it nor its write-ahead log changes.
+    [[nodiscard]] bool openToRead(const std::string& path);
     /// Undoes a change that was begun. No statement may be left.
     void close();
     [[nodiscard]] bool isOpen() const { return m_database != nullptr; }
@@ -49,6 +51,7 @@ public:
 
 private:
     bool failed();
+    void leaveWriteAheadLog();
 
     sqlite3* m_database = nullptr;
     std::string m_reason;
@@ -77,6 +80,7 @@ public:
 
     [[nodiscard]] std::int64_t number(int column) const;
     [[nodiscard]] std::string text(int column) const;
+    [[nodiscard]] bool isNull(int column) const;
 
 private:
     SqliteDatabase& m_database;

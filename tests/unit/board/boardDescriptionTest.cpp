@@ -65,7 +65,9 @@ TEST(BoardDescriptionTest, everyKeyCounts)
                       "manufacturer": "M", "serialNumber": ""},
         "capabilities": [65535, 0], "capabilityText": "",
         "bri": {"capabilities": ["EVENT_HISTORY", "UTC_TIME"],
-                "temperatureRanges": [{"lower": -32768, "upper": 32767, "hysteresis": 1}],
+                "temperatureRanges": [{"lower": -32768, "upper": 32767, "hysteresis": 1},
+                                      {"lower": 2, "upper": 7, "hysteresis": 5},
+                                      {"lower": 2, "upper": 2, "hysteresis": 0}],
                 "hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": 3}]},
         "bmmi": {"capabilities": ["HERE_I_AM"], "hereIAmMs": 86400000,
                  "leds": [{"lamp": "supportUnit", "colour": "red", "led": "fault:red"},
@@ -81,7 +83,7 @@ TEST(BoardDescriptionTest, everyKeyCounts)
     expected.container = {"D", "N", "P", "R", "M", ""};
     expected.capabilities = {65535, 0};
     expected.capabilityText = "";
-    expected.bri = {{12, 0}, {{-32768, 32767, 1}}, {{1, 2, 3}}};
+    expected.bri = {{12, 0}, {{-32768, 32767, 1}, {2, 7, 5}, {2, 2, 0}}, {{1, 2, 3}}};
     expected.bmmi = {false, true, false, 86400000, {{4, "red", "fault:red"}, {0, std::nullopt, "a b"}}};
     expected.restart = {{5, 1}, 600000};
     expected.temperature = {true, {{"n", "c", std::nullopt}, {"N", "C", "L"}}};
@@ -218,6 +220,15 @@ INSTANTIATE_TEST_SUITE_P(
                 "bri.hotspots[0].sensor: must be a whole number from -32768 to 32767, not 32768"),
         inLine3(R"("bri": {"temperatureRanges": [{"lower": -32769, "upper": 2, "hysteresis": 3}]})",
                 "bri.temperatureRanges[0].lower: must be a whole number from -32768 to 32767, not -32769"),
+        inLine3(R"("bri": {"temperatureRanges": [{"lower": 1, "upper": 2, "hysteresis": -1}]})",
+                "bri.temperatureRanges[0].hysteresis: must be a whole number from 0 to 32767, not -1"),
+        inLine3(R"("bri": {"hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": -1}]})",
+                "bri.hotspots[0].hysteresis: must be a whole number from 0 to 32767, not -1"),
+        inLine3(
+            R"("bri": {"temperatureRanges": [{"lower": -5, "upper": 10, "hysteresis": 16}]})",
+            "bri.temperatureRanges[0].hysteresis: 16 is wider than from the lower limit to the upper, 15"),
+        inLine3(R"("bri": {"temperatureRanges": [{"lower": 3, "upper": 2, "hysteresis": 0}]})",
+                "bri.temperatureRanges[0].upper: is below the lower limit"),
         inLine3(R"("bri": {"capabilities": ["UTC_TIME", "HWLOG"]})",
                 "bri.capabilities[1]: \"HWLOG\" is no capability; there are UTC_TIME, HW_LOG, "
                 "PRODUCT_INVENTORY, CONTAINER_PID, INTEGRATED_HW_CATEGORY_1, MARKET_PID, "

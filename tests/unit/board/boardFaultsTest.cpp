@@ -19,8 +19,8 @@ protected:
     void start()
     {
         m_brhd = std::make_unique<Brhd>(
-            Brhd::Config{}, [] { return 0; }, BoardStores{m_store, m_restartStore, SqliteDatabase::inMemory},
-            m_outbox);
+            Brhd::Config{}, [] { return 0; },
+            BoardStores{m_store, m_restartStore, m_carriedOutStore, SqliteDatabase::inMemory}, m_outbox);
         m_brhd->attach("BriServer", briMailbox);
         m_brhd->attach("BmmiServer", bmmiMailbox);
         m_brhd->begin();
@@ -70,6 +70,7 @@ protected:
 
     FakeStateStore m_store;
     FakeStateStore m_restartStore;
+    FakeStateStore m_carriedOutStore;
     FakeOutbox m_outbox;
     std::unique_ptr<Brhd> m_brhd;
 };
@@ -356,7 +357,8 @@ TEST(BoardFaultsDeathTest, aFaultIsRememberedBeforeItIsToldAndForgottenAfterItsC
     DyingOutbox outbox;
     outbox.store = &store;
     Brhd brhd(
-        Brhd::Config{}, [] { return 0; }, {store, restartStore, SqliteDatabase::inMemory}, outbox);
+        Brhd::Config{}, [] { return 0; }, {store, restartStore, restartStore, SqliteDatabase::inMemory},
+        outbox);
     brhd.attach("BriServer", briMailbox);
     const auto receive = [&brhd](const char* text) {
         const HeapMessage message(messageFrom(text));

@@ -29,8 +29,13 @@ protected:
 
     void order(const std::string& body) { receive(briMailbox, client, "01707749 00000005 00000001" + body); }
 
+    /// What legacyd says when it has told its clients.
+    void clientsAreTold() { m_brhd.answered({}); }
+
+    /// With a legacyd that answers at once.
     void expectRestartAfter(std::chrono::milliseconds notice)
     {
+        clientsAreTold();
         m_outbox.advance(notice - std::chrono::milliseconds(1));
         EXPECT_THAT(m_outbox.ends, IsEmpty());
         m_outbox.advance(std::chrono::milliseconds(1));
@@ -42,7 +47,7 @@ protected:
         expectSilence(logged);
         m_outbox.advance(std::chrono::hours(1));
         EXPECT_EQ(m_restartStore.saves, 0);
-        EXPECT_THAT(m_outbox.told, IsEmpty());
+        EXPECT_THAT(m_outbox.asked, IsEmpty());
         EXPECT_THAT(m_outbox.ends, IsEmpty());
         EXPECT_EQ(statusAt("/bri/restartOrder"), nullptr);
     }
@@ -62,9 +67,9 @@ TEST_F(BoardRestartTest, aPlainOrderIsRecordedToldAndCarriedOut)
     EXPECT_EQ(m_restartStore.text, R"({"code":401,"initiator":"why","label":"","loadModule":"M_1","rank":2,)"
                                    R"("time":1000000789})"
                                    "\n");
-    EXPECT_THAT(m_outbox.told,
+    EXPECT_THAT(m_outbox.asked,
                 ElementsAre(Pair("LegacydControl", // number, reference, {"code":401,"command":"restart"}
-                                 textOf(messageFrom("42440003 00000000 7b22636f6465223a3430312c22636f6d6d616e"
+                                 textOf(messageFrom("42440001 00000001 7b22636f6465223a3430312c22636f6d6d616e"
                                                     "64223a2272657374617274227d")))));
     expectRestartAfter(std::chrono::milliseconds(1000));
     EXPECT_EQ(statusAt("/bri/restartOrder"),
@@ -78,9 +83,9 @@ TEST_F(BoardRestartTest, anOrderWithRankAndLabelIsRecordedWithBoth)
     EXPECT_EQ(m_restartStore.text, R"({"code":-16,"initiator":"why","label":"lab","loadModule":"","rank":4,)"
                                    R"("time":1000000789})"
                                    "\n");
-    EXPECT_THAT(m_outbox.told,
+    EXPECT_THAT(m_outbox.asked,
                 ElementsAre(Pair("LegacydControl", // {"code":65520,"command":"restart"}
-                                 textOf(messageFrom("42440003 00000000 7b22636f6465223a36353532302c22636f6d6d"
+                                 textOf(messageFrom("42440001 00000001 7b22636f6465223a36353532302c22636f6d6d"
                                                     "616e64223a2272657374617274227d")))));
     expectRestartAfter(std::chrono::milliseconds(1000));
 }
@@ -96,7 +101,7 @@ TEST_F(BoardRestartTest, ofSeveralOrdersTheFirstStands)
     order(plainOrder);
     order(rankedOrder);
     EXPECT_EQ(m_restartStore.saves, 1);
-    EXPECT_EQ(m_outbox.told.size(), 1u);
+    EXPECT_EQ(m_outbox.asked.size(), 1u);
     EXPECT_THAT(m_outbox.takeAbnormal(), ElementsAre("ABN: dropped the restart order from 0x20: the board "
                                                      "restarts already"));
 }
@@ -108,12 +113,106 @@ TEST_F(BoardRestartTest, anOrderThatCannotBeKeptIsNotCarriedOut)
     EXPECT_THAT(m_outbox.logged, testing::Contains(Pair(
                                      LogLevel::error, "the board does not restart: the order cannot be kept "
                                                       "in the store: No space left on device")));
-    EXPECT_THAT(m_outbox.told, IsEmpty());
+    EXPECT_THAT(m_outbox.asked, IsEmpty());
     m_outbox.advance(std::chrono::hours(1));
     EXPECT_THAT(m_outbox.ends, IsEmpty());
     m_restartStore.saveError.clear();
     order(plainOrder);
     expectRestartAfter(std::chrono::milliseconds(1000));
+}
+
+TEST_F(BoardRestartTest, itWaitsUntilTheClientsAreTold)
+{
+    order(plainOrder);
+    m_outbox.advance(std::chrono::milliseconds(1500));
+    EXPECT_THAT(m_outbox.ends, IsEmpty());
+    order(rankedOrder);
+    EXPECT_THAT(m_outbox.takeAbnormal(), ElementsAre(HasSubstr("the board restarts already")));
+    clientsAreTold();
+    EXPECT_THAT(m_outbox.ends, ElementsAre(86));
+    clientsAreTold();
+    m_outbox.advance(std::chrono::hours(1));
+    EXPECT_THAT(m_outbox.ends, ElementsAre(86));
+}
+
+TEST_F(BoardRestartTest, aLegacyServerThatDoesNotAnswerHoldsItUpForAWhile)
+{
+    clientsAreTold(); // of no restart
+    order(plainOrder);
+    m_outbox.advance(std::chrono::milliseconds(2999));
+    EXPECT_THAT(m_outbox.ends, IsEmpty());
+    m_outbox.advance(std::chrono::milliseconds(1));
+    EXPECT_THAT(m_outbox.ends, ElementsAre(86));
+}
+
+/// brhd again, on what the one before it left.
+class LeftOverRestartTest : public BoardRestartTest {
+protected:
+    void startAgain()
+    {
+        m_successor.reset();
+        m_next = {};
+        m_successor.emplace(
+            Brhd::Config{}, [] { return 0; },
+            BoardStores{m_store, m_restartStore, m_carriedOutStore, SqliteDatabase::inMemory}, m_next);
+        m_successor->begin();
+    }
+
+    FakeOutbox m_next;
+    std::optional<Brhd> m_successor;
+};
+
+TEST_F(LeftOverRestartTest, anOrderThatWasNotCarriedOutIsCarriedOutOnce)
+{
+    order(plainOrder);
+    const std::string given = m_restartStore.text;
+    startAgain();
+    EXPECT_THAT(m_next.asked, ElementsAre(Pair("LegacydControl", HasSubstr("42440001 00000001"))));
+    EXPECT_EQ(m_successor->status()["bri"]["restartOrder"]["loadModule"], "M_1");
+    m_successor->answered({});
+    m_next.advance(std::chrono::milliseconds(1000));
+    EXPECT_THAT(m_next.ends, ElementsAre(86));
+    EXPECT_EQ(m_restartStore.text, given);
+    EXPECT_EQ(m_carriedOutStore.text, given);
+
+    startAgain();
+    m_next.advance(std::chrono::hours(1));
+    EXPECT_THAT(m_next.asked, IsEmpty());
+    EXPECT_THAT(m_next.ends, IsEmpty());
+    EXPECT_EQ(m_successor->status()["bri"]["restartOrder"], nullptr);
+}
+
+TEST_F(LeftOverRestartTest, anOrderThatWasCarriedOutStaysAtThat)
+{
+    order(plainOrder);
+    expectRestartAfter(std::chrono::milliseconds(1000));
+    startAgain();
+    EXPECT_THAT(m_next.asked, IsEmpty());
+}
+
+TEST_F(LeftOverRestartTest, withoutARecordOfItTheBoardDoesNotRestartAgainAndAgain)
+{
+    m_carriedOutStore.saveError = "No space left on device";
+    order(plainOrder);
+    expectRestartAfter(std::chrono::milliseconds(1000)); // it is the first time
+    startAgain();
+    m_successor->answered({});
+    m_next.advance(std::chrono::hours(1));
+    EXPECT_THAT(m_next.ends, IsEmpty());
+    EXPECT_EQ(m_successor->status()["bri"]["restartOrder"], nullptr) << "the next order counts";
+    EXPECT_THAT(m_next.logged,
+                testing::Contains(Pair(LogLevel::error, "that the board restarts cannot be kept in the "
+                                                        "store: No space left on device")));
+}
+
+TEST_F(LeftOverRestartTest, aRecordThatCannotBeReadRestartsNothing)
+{
+    m_restartStore.text = "{";
+    startAgain();
+    m_next.advance(std::chrono::hours(1));
+    EXPECT_THAT(m_next.ends, IsEmpty());
+    EXPECT_THAT(m_next.logged,
+                testing::Contains(Pair(LogLevel::error, HasSubstr("the store cannot be read: "))));
 }
 
 TEST_F(BoardRestartTest, withoutATimerItEndsAtOnce)
@@ -130,7 +229,7 @@ struct BadOrderRow {
 
 void PrintTo(const BadOrderRow& row, std::ostream* out)
 {
-    *out << row.objection;
+    *out << row.body << ": " << row.objection;
 }
 
 class BadRestartOrderTest : public BoardRestartTest, public testing::WithParamInterface<BadOrderRow> {};

@@ -280,12 +280,21 @@ TEST_F(BoardTemperaturesTest, aTemperatureBeyondItsLimitIsAFaultUntilItIsBackByT
 
 TEST_F(BoardTemperaturesTest, theFaultLastsAsLongAsAnySensorIsBeyond)
 {
+    ask("01707753 00000009 00000001");
     set("processor", 901);
+    EXPECT_EQ(m_outbox.takeOne(), "01707759 00000009 00000064 08051001") << "too high, sensor 1";
     set("board", 500);
-    set("processor", 100);
+    EXPECT_THAT(m_outbox.takeSent(), IsEmpty());
     EXPECT_EQ(faults().size(), 1u);
     EXPECT_EQ(faults()[0]["case"], 1) << "who was first";
+    set("processor", 100);
+    EXPECT_THAT(after(seconds(1)), testing::ElementsAre("01707759 00000009 00000064 08051000",
+                                                        "0170775a 00000009 00000064 0805"))
+        << "sensor 0 still is; the first of two ceases";
+    EXPECT_EQ(faults().size(), 1u);
+    EXPECT_EQ(faults()[0]["case"], 0);
     set("board", 100);
+    EXPECT_EQ(m_outbox.takeOne(), "0170775a 00000009 00000064 0805");
     EXPECT_THAT(faults(), IsEmpty());
 }
 
@@ -327,7 +336,8 @@ TEST_F(BoardTemperaturesTest, aMeasuredFaultOutlivesBrhdAndCeasesWhenItIsOver)
     set("board", 500);
     m_outbox.takeSent();
     Brhd next(
-        simulated(), [] { return 0; }, {m_store, m_restartStore, SqliteDatabase::inMemory}, m_outbox);
+        simulated(), [] { return 0; }, {m_store, m_restartStore, m_carriedOutStore, SqliteDatabase::inMemory},
+        m_outbox);
     next.attach("BriServer", briMailbox);
     next.begin();
     EXPECT_THAT(next.status()["bri"]["faults"], IsEmpty()) << "the override went with the process";

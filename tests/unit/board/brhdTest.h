@@ -23,7 +23,7 @@ protected:
     explicit BrhdTest(Brhd::Config config)
         : m_brhd(
               std::move(config), [this] { return m_time * 1000 + 789; },
-              {m_store, m_restartStore, SqliteDatabase::inMemory}, m_outbox)
+              {m_store, m_restartStore, m_carriedOutStore, SqliteDatabase::inMemory}, m_outbox)
     {
         m_brhd.attach("BriServer", briMailbox);
         m_brhd.attach("BmmiServer", bmmiMailbox);
@@ -71,6 +71,7 @@ protected:
     std::int64_t m_time = 1'000'000;
     FakeStateStore m_store;
     FakeStateStore m_restartStore;
+    FakeStateStore m_carriedOutStore;
     FakeOutbox m_outbox;
     Brhd m_brhd;
 };

@@ -115,9 +115,9 @@ public:
         m_now = end;
     }
 
-    void tell(const std::string& name, BytesView message) override
+    void ask(const std::string& name, BytesView request) override
     {
-        told.emplace_back(name, textOf(message));
+        asked.emplace_back(name, textOf(request));
     }
 
     void end(int exitStatus) override { ends.push_back(exitStatus); }
@@ -165,7 +165,7 @@ public:
     }
 
     std::vector<Sent> sent;
-    std::vector<std::pair<std::string, std::string>> told;
+    std::vector<std::pair<std::string, std::string>> asked;
     std::vector<int> ends; ///< exit statuses with which the process was to end
     int sentBack = 0;
     std::set<MailboxId> watched;

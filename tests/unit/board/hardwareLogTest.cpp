@@ -31,10 +31,12 @@ extern "C" __attribute__((visibility("default"))) int fsync(int fd)
 namespace merlow::board::test {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Optional;
+using testing::Pair;
 using testing::SizeIs;
 
 namespace fs = std::filesystem;
@@ -173,21 +175,26 @@ TEST_F(HardwareLogTest, theOldestEntriesGoWhenTheBudgetIsUsedUp)
     EXPECT_THAT(read(7), ElementsAre("1234", "5678"));
     EXPECT_TRUE(append(7, {""})); // one byte more: a whole entry goes
     EXPECT_THAT(read(7), ElementsAre("5678", ""));
-    EXPECT_TRUE(append(7, {"a", "bc", "def", "ghi"})); // 13 bytes at once
-    EXPECT_THAT(read(7), ElementsAre("def", "ghi"));
+    EXPECT_TRUE(append(7, {"bc", "def", "gh"})); // 10 bytes at once: all others go
+    EXPECT_THAT(read(7), ElementsAre("bc", "def", "gh"));
     EXPECT_TRUE(append(7, {"123456789"}));
     EXPECT_THAT(read(7), ElementsAre("123456789"));
-    EXPECT_TRUE(append(8, {"", ""}));
+    EXPECT_TRUE(append(8, {""}));
+    EXPECT_TRUE(append(8, {""}));
     EXPECT_THAT(read(8), ElementsAre(""));
     EXPECT_THAT(read(5), ElementsAre("another log"));
 }
 
-TEST_F(HardwareLogTest, anEntryLargerThanTheBudgetIsRefusedWithAllThatCameWithIt)
+TEST_F(HardwareLogTest, ofARequestLargerThanTheBudgetNothingIsTaken)
 {
     EXPECT_TRUE(append(7, {"1234"}));
-    EXPECT_FALSE(append(7, {"one", "1234567890", "two"}));
-    EXPECT_THAT(takeLine(LogLevel::abnormal), HasSubstr("an entry takes 11 bytes, log 7 has 10"));
+    EXPECT_FALSE(append(7, {"1234567890"}));
+    EXPECT_THAT(takeLine(LogLevel::abnormal), HasSubstr("it takes 11 bytes, log 7 has 10"));
+    EXPECT_FALSE(append(7, {"a", "bc", "def", "g"}));
+    EXPECT_THAT(takeLine(LogLevel::abnormal), HasSubstr("it takes 11 bytes, log 7 has 10"))
+        << "the log would drop some of what it confirms";
     EXPECT_FALSE(append(8, {"1"}));
+    EXPECT_FALSE(append(8, {"", ""}));
     EXPECT_TRUE(append(5, {std::string(39, 'x')}));
     EXPECT_FALSE(append(5, {std::string(40, 'x')}));
     EXPECT_THAT(read(7), ElementsAre("1234"));
@@ -352,9 +359,14 @@ TEST_F(HardwareLogTest, whatIsNoDatabaseIsMovedAsideAndANewOneBegun)
         reopen();
         m_log->begin();
         const std::string aside = m_file.string() + ".damaged-" + std::to_string(count);
-        EXPECT_EQ(takeLine(LogLevel::error), "the hardware log " + m_file.string() +
-                                                 ": it is damaged (file is not a database); it is kept as " +
-                                                 aside + ", a new one is begun");
+        EXPECT_THAT(std::exchange(m_outbox.logged, {}),
+                    ElementsAre(Pair(LogLevel::error,
+                                     "the hardware log " + m_file.string() +
+                                         ": it is damaged (file is not a database); it is kept as " + aside),
+                                Pair(LogLevel::error, "the hardware log " + m_file.string() +
+                                                          ": a new one is begun; entries that could still "
+                                                          "be read: 0")));
+        EXPECT_EQ(m_log->status()["error"], "it is damaged (file is not a database); it is kept as " + aside);
         EXPECT_EQ(contentOf(aside), garbage);
         EXPECT_TRUE(append(5, {"one"}));
         EXPECT_THAT(read(5), ElementsAre("one"));
@@ -370,10 +382,57 @@ TEST_F(HardwareLogTest, aDamagedPageIsFoundAtTheStart)
     const std::string damaged = contentOf(m_file);
     reopen();
     m_log->begin();
-    EXPECT_THAT(takeLine(LogLevel::error), HasSubstr("it is damaged ("));
+    EXPECT_THAT(m_outbox.logged, Contains(Pair(LogLevel::error, HasSubstr("it is damaged ("))));
     EXPECT_EQ(contentOf(m_file.string() + ".damaged-1"), damaged);
     EXPECT_TRUE(append(5, {"two"}));
     EXPECT_THAT(read(5), ElementsAre("two"));
+    EXPECT_EQ(m_log->status()["error"], "");
+}
+
+TEST_F(HardwareLogTest, aRequestThatFindsDamageIsRejectedAlsoWhenItOpensTheLog)
+{
+    EXPECT_TRUE(append(5, {"one"}));
+    for (const bool reads : {true, false}) {
+        m_log.reset();
+        std::ofstream(m_file, std::ios::trunc) << std::string(5000, 'x');
+        reopen();
+        if (reads) {
+            EXPECT_EQ(m_log->read(5), std::nullopt);
+        } else {
+            EXPECT_FALSE(append(5, {"one"}));
+        }
+        EXPECT_THAT(m_log->status()["error"], HasSubstr("it is kept as " + m_file.string() + ".damaged-"));
+        EXPECT_THAT(read(5), IsEmpty()) << "the next one has a log again";
+    }
+}
+
+TEST_F(HardwareLogTest, whatCanBeReadOfADamagedOneIsInTheNewOne)
+{
+    m_budgets.budgetBytes = 65536;
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_TRUE(m_log->append({5, "label", i, {std::to_string(i) + ":" + std::string(1000, 'x')}}));
+    }
+    EXPECT_TRUE(append(6, {"the last"}));
+    m_log.reset();
+    ASSERT_FALSE(fs::exists(m_file.string() + "-wal"));
+    ASSERT_GT(fs::file_size(m_file), 40000U);
+    overwrite(m_file, 20480, std::string(4096, '\xEE')); // a page of entries in the middle
+    const std::string damaged = contentOf(m_file);
+    reopen();
+    m_log->begin();
+    const Entries left = read(5);
+    EXPECT_LT(left.size(), 40U);
+    EXPECT_GT(left.size(), 30U) << "of the 4 in the page all are gone";
+    EXPECT_THAT(left.front(), testing::StartsWith("0:"));
+    EXPECT_THAT(left.back(), testing::StartsWith("39:"));
+    EXPECT_THAT(read(6), ElementsAre("the last"));
+    OtherConnection other(m_file);
+    EXPECT_THAT(other.rows("SELECT label, serverRef FROM entry WHERE log = 6 OR serverRef = 0 ORDER BY id"),
+                ElementsAre("label|0", "label|-"));
+    EXPECT_EQ(contentOf(m_file.string() + ".damaged-1"), damaged);
+    EXPECT_THAT(m_outbox.logged,
+                Contains(Pair(LogLevel::error, HasSubstr("entries that could still be read: " +
+                                                         std::to_string(left.size() + 1)))));
 }
 
 TEST_F(HardwareLogTest, damageThatComesWhileItIsOpenEndsTheRequestThatMeetsIt)
@@ -387,8 +446,7 @@ TEST_F(HardwareLogTest, damageThatComesWhileItIsOpenEndsTheRequestThatMeetsIt)
     overwrite(m_file, 8192, std::string(8, '\xEE'));              // and the index
     OtherConnection(m_file).execute("PRAGMA application_id = 1"); // so that pages are read anew
     EXPECT_FALSE(append(5, {"two"}));
-    EXPECT_THAT(m_outbox.logged,
-                testing::Contains(testing::Pair(LogLevel::error, HasSubstr("it is kept as"))));
+    EXPECT_THAT(m_outbox.logged, Contains(Pair(LogLevel::error, HasSubstr("it is kept as"))));
     EXPECT_TRUE(fs::exists(m_file.string() + ".damaged-1"));
     EXPECT_TRUE(append(5, {"three"}));
     EXPECT_THAT(read(5), ElementsAre("three"));
@@ -403,10 +461,11 @@ TEST_F(HardwareLogTest, theWriteAheadLogStaysWithTheDatabaseThatItBelongsTo)
     std::ofstream(m_file, std::ios::trunc) << std::string(5000, 'x');
     std::ofstream(m_file.string() + "-wal", std::ios::binary) << walLeft;
     reopen();
+    m_log->begin();
     EXPECT_THAT(read(5), testing::AnyOf(IsEmpty(), ElementsAre("one")));
     EXPECT_TRUE(append(5, {"two"}));
     reopen();
-    EXPECT_THAT(read(5), testing::Contains("two"));
+    EXPECT_THAT(read(5), Contains("two"));
 }
 
 TEST_F(HardwareLogTest, noDamagedOneEverReplacesAnother)
@@ -423,6 +482,7 @@ TEST_F(HardwareLogTest, noDamagedOneEverReplacesAnother)
     EXPECT_EQ(contentOf(m_file), std::string(5000, 'x'));
     EXPECT_EQ(contentOf(m_file.string() + ".damaged-9"), "9");
     fs::remove(m_file.string() + ".damaged-4");
+    EXPECT_EQ(m_log->read(5), std::nullopt);
     EXPECT_TRUE(append(5, {"two"}));
     EXPECT_EQ(contentOf(m_file.string() + ".damaged-4"), std::string(5000, 'x'));
 }
@@ -443,10 +503,11 @@ TEST_F(HardwareLogTest, aDatabaseThatWasTakenAwayIsNotWrittenOn)
 {
     EXPECT_TRUE(append(5, {"one"}));
     fs::rename(m_file, m_folder / "taken.db");
+    EXPECT_FALSE(append(5, {"two"})) << "it left its write-ahead log";
     EXPECT_TRUE(append(5, {"two"}));
     EXPECT_TRUE(fs::exists(m_file));
     reopen();
-    EXPECT_THAT(read(5), testing::Contains("two"));
+    EXPECT_THAT(read(5), Contains("two"));
 }
 
 TEST_F(HardwareLogTest, entriesInAWriteAheadLogWhoseDatabaseIsGoneAreKeptAside)
@@ -458,14 +519,17 @@ TEST_F(HardwareLogTest, entriesInAWriteAheadLogWhoseDatabaseIsGoneAreKeptAside)
     fs::remove(m_file);
     std::ofstream(m_file.string() + "-wal", std::ios::binary) << walLeft;
     reopen();
-    EXPECT_TRUE(append(5, {"two"}));
-    EXPECT_THAT(takeLine(LogLevel::error),
-                HasSubstr("it is gone, and entries of it are in its write-ahead log"));
+    EXPECT_FALSE(append(5, {"two"}));
+    EXPECT_THAT(m_outbox.logged,
+                Contains(Pair(LogLevel::error,
+                              HasSubstr("it is gone, and entries of it are in its write-ahead log; it is "
+                                        "kept as"))));
     EXPECT_TRUE(contentOf(m_file.string() + ".damaged-1-wal") == walLeft);
     m_log.reset();
     std::ofstream(m_file, std::ios::trunc).close();
     std::ofstream(m_file.string() + "-wal", std::ios::binary) << walLeft;
     reopen();
+    m_log->begin();
     EXPECT_TRUE(append(5, {"three"}));
     EXPECT_TRUE(contentOf(m_file.string() + ".damaged-2-wal") == walLeft)
         << "an empty one is as good as none";
@@ -550,7 +614,7 @@ TEST_F(BriHardwareLogFailureTest, aFailureIsRejectedAndBrhdGoesOn)
     FakeStateStore store;
     FakeOutbox outbox;
     Brhd brhd(
-        {}, [] { return 0; }, {store, store, folder + "/file/hardwareLog.db"}, outbox);
+        {}, [] { return 0; }, {store, store, store, folder + "/file/hardwareLog.db"}, outbox);
     brhd.attach("BriServer", briMailbox);
     brhd.begin();
     const auto ask = [&](const std::string& text) {
