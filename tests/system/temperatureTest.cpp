@@ -167,6 +167,22 @@ TEST_F(TemperatureTest, theCommandPrintsReadingsUntilItIsInterrupted)
     EXPECT_NE(refused.err.find("Invalid hotSpotMeasurementPeriod: exp: 1 - 30"), std::string::npos);
 }
 
+TEST_F(TemperatureTest, onATerminalThePlotIsDrawnInPlaceAndNoWiderThanThat)
+{
+    ASSERT_EQ(m_unit.boardctl({"temp", "set", "board", "-12.5"}).status, 0);
+    const auto plot = runProgram(
+        "/usr/bin/script",
+        {"-qec", "stty cols 20 rows 8; exec " + programPath("bcictl") + " temp --period 1 --count 3 --plot",
+         "/dev/null"},
+        m_unit.environment());
+    EXPECT_EQ(plot.status, 0) << plot.out << plot.err;
+    EXPECT_NE(plot.out.find("\r\n        +----------\x1b[K\r\nsensor 0 -12.5, sen\x1b["), std::string::npos)
+        << plot.out;
+    EXPECT_NE(plot.out.find("\r\x1b[6A"), std::string::npos) << "seven lines, each plot over the one before";
+    EXPECT_NE(plot.out.find("\r\nsensor 0 -12.5, sen\r\n3 readings\r\n"), std::string::npos) << plot.out;
+    EXPECT_EQ(plot.out.find("sensor 1"), std::string::npos);
+}
+
 TEST_F(TemperatureTest, heatIsAFaultUntilItIsOver)
 {
     const auto comes = [this](const char* text) {

@@ -174,7 +174,8 @@ TEST(TemperaturePlotTest, drawsALineForEachSensor)
                            "        | 0  0\n"
                            "   10.0 |11111\n"
                            "        +------\n"
-                           "sensor 0 10.0, sensor 1 10.0");
+                           "sensor 0 10.0, ")
+        << "no wider than the rest";
 }
 
 TEST(TemperaturePlotTest, showsTheYoungestAndAtLeastADegree)
@@ -187,14 +188,14 @@ TEST(TemperaturePlotTest, showsTheYoungestAndAtLeastADegree)
                            "        |\n"
                            "   -0.5 |000\n"
                            "        +---\n"
-                           "sensor 0 -0.4");
+                           "sensor 0 -0.");
     plot.add(reading({}));
     plot.add(reading({-32768, 32767}));
     EXPECT_EQ(plot.text(), " 3276.7 |  1\n"
                            "        |0\n"
                            "-3276.8 |  0\n"
                            "        +---\n"
-                           "sensor 0 -3276.8, sensor 1 3276.7");
+                           "sensor 0 -32");
 }
 
 TEST(TemperaturePlotTest, anyTerminalIsLargeEnough)
@@ -202,6 +203,13 @@ TEST(TemperaturePlotTest, anyTerminalIsLargeEnough)
     TemperaturePlot plot(0, 0);
     plot.add(reading({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
     EXPECT_THAT(plot.text(), HasSubstr("        +--\n"));
+}
+
+TEST(TemperaturePlotTest, tellsTheLastReadingsWholeWhereThereIsRoom)
+{
+    TemperaturePlot plot(28, 5);
+    plot.add(reading({100, 100}));
+    EXPECT_THAT(plot.text(), EndsWith("-\nsensor 0 10.0, sensor 1 10.0"));
 }
 
 TEST(TransientTest, severalLinesAreDrawnInPlace)

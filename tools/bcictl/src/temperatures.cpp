@@ -151,7 +151,8 @@ std::string TemperaturePlot::text() const
         text += line + "\n";
     }
     text += std::string(labelWidth - 1, ' ') + "+" + std::string(m_columns, '-') + "\n";
-    return text + (m_readings.empty() ? "" : textOf(m_readings.back()));
+    // Wider than the terminal it would take a second line, and the next plot be drawn below this one.
+    return text + (m_readings.empty() ? "" : textOf(m_readings.back()).substr(0, labelWidth + m_columns));
 }
 
 } // namespace merlow::bcictl

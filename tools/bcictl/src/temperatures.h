@@ -34,7 +34,8 @@ public:
 
     void add(Temperatures temperatures);
 
-    /// Lines without a newline at the end; the last one tells the last readings.
+    /// Lines without a newline at the end, none wider than there is room; the last one tells the last
+    /// readings.
     [[nodiscard]] std::string text() const;
 
 private:
