@@ -43,8 +43,11 @@ void Ledger::dispatch(const Event& event)
         onMailboxLost(event);
         return;
     case subscriberLostNo:
-        onSubscriberLost(event);
-        return;
+        if (event.isNotice) {
+            onSubscriberLost(event);
+            return;
+        }
+        break; // from anybody else it is a number like any other
     default:
         break;
     }

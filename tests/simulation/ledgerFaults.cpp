@@ -158,9 +158,6 @@ void Ledger::unsubscribe(mnet_mbox_id_t mbox)
 
 void Ledger::onSubscriberLost(const Event& event)
 {
-    if (!event.isNotice) {
-        return;
-    }
     m_watched.erase(event.sender);
     for (Subscribers* list : {&m_defaultSubscribers, &m_labelSubscribers, &m_recoverySubscribers}) {
         std::erase_if(*list, [&](const Subscriber& subscriber) { return subscriber.mbox == event.sender; });

@@ -53,6 +53,14 @@ protected:
             msgNo, [self, handler](const std::shared_ptr<mnet_msg>& msg) { (self->*handler)(msg); });
     }
 
+    /// Calls `handler` for each notice of the mailbox library with this number, of the caller's own choice.
+    template <class C> void onNotice(unsigned int msgNo, void (C::*handler)(const std::shared_ptr<mnet_msg>&))
+    {
+        auto* self = static_cast<C*>(this);
+        MnetMessageSubscriptionCustom::getInstance().addNoticeHandler(
+            msgNo, [self, handler](const std::shared_ptr<mnet_msg>& msg) { (self->*handler)(msg); });
+    }
+
     /// Calls `handler` for each frame that carries an M for this backend client.
     template <class M, class C>
     void onFrame(BrhClient& client, void (C::*handler)(const std::shared_ptr<mnet_msg>&))

@@ -45,6 +45,9 @@ public:
     /// A handler may remove itself: it is kept until it has returned.
     int removeMsgHandler(unsigned int msgNo) override;
     int getMsgHandler(unsigned int msgNo, MsgHandler& out) const override;
+    /// As `addMsgHandler`, for what the mailbox library itself sends under this number. What anybody else
+    /// sends under it goes the way of any other number.
+    int addNoticeHandler(unsigned int msgNo, const MsgHandler& handler);
     /// Takes the descriptor off the event loop.
     ~MnetMessageSubscriptionCustom() override;
     /// Replaces the default handler, which owns each message that it is given. Always DONE: the thread is not
@@ -59,8 +62,14 @@ private:
 
     [[nodiscard]] bool isOwnerThread() const { return pthread_equal(pthread_self(), m_ownerThread) != 0; }
 
+    using Handlers = std::unordered_map<std::uint32_t, std::shared_ptr<const MsgHandler>>;
+
+    /// Who takes the message; null for nobody. A copy, since a handler may remove itself while it runs.
+    [[nodiscard]] std::shared_ptr<const MsgHandler> handlerOf(const mnet_msg& msg) const;
+
     pthread_t m_ownerThread;
     std::int32_t m_fd{-1};
     std::shared_ptr<const DefaultHandler> m_defaultHandler;
-    std::unordered_map<std::uint32_t, std::shared_ptr<const MsgHandler>> m_handlers;
+    Handlers m_handlers;
+    Handlers m_noticeHandlers;
 };

@@ -52,7 +52,7 @@ bool MerlowFaultHandling::init()
              &MerlowFaultHandling::handleSubscribeHwFaultLabelReq);
     onSignal(TARN_BC_SUBSCRIBE_FAULTS_WITH_RECOVERY_TIME_REQ,
              &MerlowFaultHandling::handleSubscribeRecoveryTimeFaultsReq);
-    onSignal(SUBSCRIBER_LOST, &MerlowFaultHandling::handleSubscriberLost);
+    onNotice(SUBSCRIBER_LOST, &MerlowFaultHandling::handleSubscriberLost);
     m_watched.clear(); // the watches of an earlier server thread ended with its mailbox
     return true;
 }
@@ -96,11 +96,6 @@ void MerlowFaultHandling::watch(mnet_mbox_id_t mbox)
 void MerlowFaultHandling::handleSubscriberLost(const std::shared_ptr<mnet_msg>& msg)
 {
     const mnet_mbox_id_t mbox = mnet_sender(msg.get());
-    if (mnet_is_notice(msg.get()) == 0) {
-        SCRY_TRACE(4, "ABN: A loss notice from mbox: 0x" << std::hex << mbox
-                                                         << " is not the mailbox library's. Ignoring it.");
-        return;
-    }
     m_watched.erase(mbox);
     for (Subscribers* subscribers :
          {&m_defaultSubscribers, &m_hwFaultLabelSubscribers, &m_recoveryTimeSubscribers}) {

@@ -99,6 +99,15 @@ int MnetMessageSubscriptionCustom::addMsgHandler(unsigned int msgNo, const MsgHa
     return DONE;
 }
 
+int MnetMessageSubscriptionCustom::addNoticeHandler(unsigned int msgNo, const MsgHandler& handler)
+{
+    if (!isOwnerThread()) {
+        return FOREIGN_THREAD;
+    }
+    const bool isNew = m_noticeHandlers.emplace(msgNo, std::make_shared<const MsgHandler>(handler)).second;
+    return isNew ? DONE : ALREADY_THERE;
+}
+
 int MnetMessageSubscriptionCustom::removeMsgHandler(unsigned int msgNo)
 {
     if (!isOwnerThread()) {
@@ -126,6 +135,17 @@ int MnetMessageSubscriptionCustom::addDefaultHandler(const DefaultHandler& handl
     return DONE;
 }
 
+std::shared_ptr<const MnetMessageSubscriptionCustom::MsgHandler>
+MnetMessageSubscriptionCustom::handlerOf(const mnet_msg& msg) const
+{
+    if (const auto it = m_noticeHandlers.find(msg.msgNo);
+        it != m_noticeHandlers.end() && mnet_is_notice(&msg) == 1) {
+        return it->second;
+    }
+    const auto it = m_handlers.find(msg.msgNo);
+    return it != m_handlers.end() ? it->second : nullptr;
+}
+
 void MnetMessageSubscriptionCustom::handleFdEvent()
 {
     const CancelGuard notCancelled;
@@ -134,9 +154,7 @@ void MnetMessageSubscriptionCustom::handleFdEvent()
         return;
     }
     const std::uint32_t msgNo = msg->msgNo;
-    // The handlers are held by a copy, since one may remove or replace itself while it runs.
-    if (const auto it = m_handlers.find(msgNo); it != m_handlers.end()) {
-        const auto handler = it->second;
+    if (const auto handler = handlerOf(*msg)) {
         (*handler)(std::shared_ptr<mnet_msg>(std::move(msg)));
     } else if (const auto defaultHandler = m_defaultHandler; defaultHandler && *defaultHandler) {
         SCRY_OBJ_TRACE(13, "Using default handler to process message 0x" << std::hex << msgNo);

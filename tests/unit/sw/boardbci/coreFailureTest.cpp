@@ -198,6 +198,16 @@ TEST_F(CoreTest, aRequestIsForwardedAtEachLengthAndWhatItLacksReadsAsZero)
     }
 }
 
+TEST_F(CoreTest, aSignalWithTheNumberOfANoticeOfTheServersOwnIsForwardedLikeAnyOther)
+{
+    publish();
+    MerlowFaultHandling faults(data());
+    ASSERT_TRUE(faults.init());
+    const Peer client = confirmedClient();
+    client.send("deadbef0 00000007", publicMbox());
+    EXPECT_EQ(m_legacy->receive().hex, "deadbef0 00000007");
+}
+
 TEST_F(CoreTest, aConfirmIsHeldAndReleasedAtEachLength)
 {
     publish();

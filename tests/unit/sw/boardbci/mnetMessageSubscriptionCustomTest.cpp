@@ -74,6 +74,22 @@ TEST_F(SubscriptionTest, theFirstHandlerOfANumberStays)
     EXPECT_EQ(m_handled, std::vector<std::uint32_t>{1});
 }
 
+TEST_F(SubscriptionTest, aHandlerOfNoticesGetsNothingElse)
+{
+    monitor();
+    EXPECT_EQ(m_pump.addNoticeHandler(5, [this](const auto&) { m_handled.push_back(1); }),
+              Subscription::DONE);
+    EXPECT_EQ(m_pump.addNoticeHandler(5, [this](const auto&) { m_handled.push_back(2); }),
+              Subscription::ALREADY_THERE);
+    EXPECT_EQ(m_pump.addMsgHandler(5, [this](const auto&) { m_handled.push_back(3); }), Subscription::DONE);
+    m_peer.send("00000005", m_own);
+    EXPECT_EQ(m_handled, std::vector<std::uint32_t>{3});
+    mnet_msg* notice = mnet_alloc(sizeof(mnet_msg), 5);
+    EXPECT_NE(mnet_monitor(m_peer.mbox(), &notice), MNET_MBOX_NONE);
+    m_peer.die();
+    EXPECT_EQ(m_handled, (std::vector<std::uint32_t>{3, 1}));
+}
+
 TEST_F(SubscriptionTest, aRemovedHandlerIsGoneAndCannotBeRemovedAgain)
 {
     m_pump.addMsgHandler(5, [](const auto&) {});
