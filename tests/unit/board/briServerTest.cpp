@@ -56,6 +56,11 @@ struct AnnouncedRow {
     std::string body;
 };
 
+void PrintTo(const AnnouncedRow& row, std::ostream* out)
+{
+    *out << row.body;
+}
+
 class BriAnnouncementTest : public testing::TestWithParam<AnnouncedRow> {};
 
 TEST_P(BriAnnouncementTest, followsTheDescription)

@@ -85,6 +85,11 @@ struct BrokenModuleRow {
     const char* error;
 };
 
+void PrintTo(const BrokenModuleRow& row, std::ostream* out)
+{
+    *out << row.what;
+}
+
 class BrokenLoadModuleTest : public testing::TestWithParam<BrokenModuleRow> {};
 
 const BrokenModuleRow brokenModules[] = {

@@ -158,6 +158,11 @@ struct DamagedDiskRow {
     const char* said;
 };
 
+void PrintTo(const DamagedDiskRow& row, std::ostream* out)
+{
+    *out << row.what;
+}
+
 class DamagedSwStoreTest : public SwStoreTest, public testing::WithParamInterface<DamagedDiskRow> {};
 
 const DamagedDiskRow damagedDisks[] = {
@@ -215,6 +220,11 @@ struct CutRow {
     DiskFate::Kind kind;
     bool powerLost;
 };
+
+void PrintTo(const CutRow& row, std::ostream* out)
+{
+    *out << row.what;
+}
 
 class CutSwStoreTest : public SwStoreTest, public testing::WithParamInterface<CutRow> {
 protected:

@@ -331,6 +331,11 @@ struct LoadRejectRow {
     const char* answer;
 };
 
+void PrintTo(const LoadRejectRow& row, std::ostream* out)
+{
+    *out << row.what;
+}
+
 class SwmLoadRejectTest : public SwmServerTest, public testing::WithParamInterface<LoadRejectRow> {};
 
 // Ticket 1 is active, ticket 2 waits; one of two slots holds QXR2_R1A, and QXR3_R1A is being loaded.

@@ -16,6 +16,11 @@ struct PidCommandRow {
     const char* json; ///< what follows the references
 };
 
+void PrintTo(const PidCommandRow& row, std::ostream* out)
+{
+    *out << row.what;
+}
+
 // Gaps and the bytes behind a text's end hold rubbish.
 const PidCommandRow pidRows[] = {
     {"hw",

@@ -263,6 +263,11 @@ struct BadConfirm {
     const char* trace;
 };
 
+void PrintTo(const BadConfirm& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class BrhClientBadConfirmTest : public BrhClientTest, public testing::WithParamInterface<BadConfirm> {};
 
 TEST_P(BrhClientBadConfirmTest, takesTheConnectionAway)

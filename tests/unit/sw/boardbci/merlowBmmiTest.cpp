@@ -122,6 +122,11 @@ struct BmmiRejectRow {
     const char* reason;
 };
 
+void PrintTo(const BmmiRejectRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowBmmiRejectTest : public MerlowBmmiTest, public testing::WithParamInterface<BmmiRejectRow> {};
 
 TEST_P(MerlowBmmiRejectTest, rejectIsTracedAndNotRetried)

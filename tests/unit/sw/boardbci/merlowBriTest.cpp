@@ -131,6 +131,11 @@ struct BriRejectRow {
     const char* trace;
 };
 
+void PrintTo(const BriRejectRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowBriRejectTest : public MerlowBriTest, public testing::WithParamInterface<BriRejectRow> {};
 
 TEST_P(MerlowBriRejectTest, rejectIsTracedAndNotRetried)
@@ -173,6 +178,11 @@ struct CapabilityRow {
     const char* trace;
     unsigned int id;
 };
+
+void PrintTo(const CapabilityRow& row, std::ostream* out)
+{
+    *out << row.type;
+}
 
 class MerlowBriCapabilityTest : public MerlowBriTest, public testing::WithParamInterface<CapabilityRow> {};
 

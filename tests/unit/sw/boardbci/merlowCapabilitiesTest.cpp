@@ -273,6 +273,11 @@ struct LockableStoreRow {
     bool isReported;
 };
 
+void PrintTo(const LockableStoreRow& row, std::ostream* out)
+{
+    *out << "revision " << row.revision;
+}
+
 class MerlowCapabilitiesLockableTest : public MerlowCapabilitiesTest,
                                        public testing::WithParamInterface<LockableStoreRow> {};
 
@@ -301,6 +306,11 @@ struct MarketPidRow {
     const char* serverRef;
     bool isReported;
 };
+
+void PrintTo(const MarketPidRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class MerlowCapabilitiesMarketPidTest : public MerlowCapabilitiesTest,
                                         public testing::WithParamInterface<MarketPidRow> {};

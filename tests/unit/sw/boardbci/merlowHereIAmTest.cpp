@@ -102,6 +102,11 @@ struct HereIAmIndRow {
     const char* state;
 };
 
+void PrintTo(const HereIAmIndRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowHereIAmIndTest : public MerlowHereIAmTest, public testing::WithParamInterface<HereIAmIndRow> {};
 
 TEST_P(MerlowHereIAmIndTest, theStateGoesOutAsItCame)
@@ -145,6 +150,11 @@ struct HereIAmOrderRow {
     const char* order; ///< null when there is no such order
     const char* decimal;
 };
+
+void PrintTo(const HereIAmOrderRow& row, std::ostream* out)
+{
+    *out << row.state;
+}
 
 class MerlowHereIAmOrderTest : public MerlowHereIAmTest,
                                public testing::WithParamInterface<HereIAmOrderRow> {};
@@ -222,6 +232,11 @@ struct HereIAmCfmRow {
     const char* status;
     std::string text;
 };
+
+void PrintTo(const HereIAmCfmRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class MerlowHereIAmCfmTest : public MerlowHereIAmTest, public testing::WithParamInterface<HereIAmCfmRow> {};
 
@@ -324,6 +339,11 @@ struct HereIAmAnswer {
     const char* body;
     bool endsTheTransaction;
 };
+
+void PrintTo(const HereIAmAnswer& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class MerlowHereIAmAnswerTest : public MerlowHereIAmTest,
                                 public testing::WithParamInterface<HereIAmAnswer> {};

@@ -123,6 +123,11 @@ struct HwLogFitRow {
     std::string packed; ///< up to the zeros
 };
 
+void PrintTo(const HwLogFitRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowHwLogFitTest : public MerlowHwLogTest, public testing::WithParamInterface<HwLogFitRow> {};
 
 TEST_P(MerlowHwLogFitTest, theAnswerEndsWithTheLastEntryThatFits)
@@ -170,6 +175,11 @@ struct HwLogGetRejectRow {
     const char* errorCode;
     const char* text;
 };
+
+void PrintTo(const HwLogGetRejectRow& row, std::ostream* out)
+{
+    *out << row.text;
+}
 
 class MerlowHwLogGetRejectTest : public MerlowHwLogTest,
                                  public testing::WithParamInterface<HwLogGetRejectRow> {};
@@ -353,6 +363,11 @@ struct HwLogSetRejectRow {
     const char* text;
 };
 
+void PrintTo(const HwLogSetRejectRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowHwLogSetRejectTest : public MerlowHwLogTest,
                                  public testing::WithParamInterface<HwLogSetRejectRow> {};
 
@@ -441,6 +456,11 @@ struct HwLogSetAnswerRow {
     bool isConfirm;
 };
 
+void PrintTo(const HwLogSetAnswerRow& row, std::ostream* out)
+{
+    *out << row.briName << (row.isConfirm ? " confirmed" : " rejected");
+}
+
 class MerlowHwLogSetAnswerTest : public MerlowHwLogTest,
                                  public testing::WithParamInterface<HwLogSetAnswerRow> {};
 
@@ -489,13 +509,16 @@ TEST_F(MerlowHwLogTest, unreadableAnswersToReadLeaveTheRequestOpen)
 {
     const auto client = m_board.connectClient();
     client.sendHex("0165920d 00000007 0000012c 00000005");
-    for (const auto number : {0x1707751U, 0x1707752U}) {
+    for (const auto& [number, name] :
+         {std::pair(0x1707751U, "HwLogGetCfm"), std::pair(0x1707752U, "HwLogGetRej")}) {
         m_board.bri().sendBody(number, 1, "\x0A");
+        EXPECT_TRUE(m_board.traced(1, std::string("Unable to parse GPB message boardresourcehandler.bri.") +
+                                          name + " of size 13 bytes"));
+        const auto frame = support::makeFrame(number, 1, 100, "");
+        m_board.traces().clear();
+        m_board.bri().sendBytes({frame.begin(), frame.end() - 1});
+        EXPECT_TRUE(m_board.traces().contains(4, " is too short: 11 of 12 bytes"));
     }
-    EXPECT_TRUE(m_board.traced(
-        1, "Unable to parse GPB message boardresourcehandler.bri.HwLogGetCfm of size 13 bytes"));
-    EXPECT_TRUE(m_board.traced(
-        1, "Unable to parse GPB message boardresourcehandler.bri.HwLogGetRej of size 13 bytes"));
     EXPECT_EQ(openTransactions(), 1U);
     EXPECT_TRUE(client.nothingReceived());
 }
@@ -523,6 +546,11 @@ struct HwLogDataRow {
     std::vector<std::string> entries;
     bool isMalformed = false;
 };
+
+void PrintTo(const HwLogDataRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class HwLogDataTest : public MerlowHwLogTest, public testing::WithParamInterface<HwLogDataRow> {};
 

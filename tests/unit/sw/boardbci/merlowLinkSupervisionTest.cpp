@@ -60,6 +60,11 @@ struct LinkSupervisionFrameRow {
     std::uint32_t number;
 };
 
+void PrintTo(const LinkSupervisionFrameRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowLinkSupervisionFrameTest : public MerlowLinkSupervisionTest,
                                        public testing::WithParamInterface<LinkSupervisionFrameRow> {};
 

@@ -33,6 +33,11 @@ struct MaintStateSetRow {
     const char* decimal;
 };
 
+void PrintTo(const MaintStateSetRow& row, std::ostream* out)
+{
+    *out << row.bci;
+}
+
 class MerlowMaintStateSetTest : public MerlowMaintStateTest,
                                 public testing::WithParamInterface<MaintStateSetRow> {};
 
@@ -92,6 +97,11 @@ struct MaintStateRejRow {
     const char* text;
     const char* trace; ///< null for none
 };
+
+void PrintTo(const MaintStateRejRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 constexpr const char* unknownMaintStateCode = "ABN: Unknown errorCode or errorDescription!";
 constexpr const char* missingMaintStateCode = "ABN: SetMaintStateRej missing errorCode! sending default "
@@ -177,6 +187,11 @@ struct MaintStateIndRow {
     const char* bci;   ///< null when the client is told nothing
     const char* trace; ///< null for none
 };
+
+void PrintTo(const MaintStateIndRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 constexpr const char* unknownMaintState = "ABN: Merlow:: Unknown Maintenance state!";
 constexpr const char* missingMaintState = "ABN: missing maintState in the MaintStateInd! Ignoring signal!";
@@ -292,6 +307,11 @@ struct MaintStateAnswer {
     const char* ignored;
 };
 
+void PrintTo(const MaintStateAnswer& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowMaintStateAnswerTest : public MerlowMaintStateTest,
                                    public testing::WithParamInterface<MaintStateAnswer> {};
 
@@ -334,6 +354,11 @@ struct MaintStateRequest {
     const char* name;
     const char* request;
 };
+
+void PrintTo(const MaintStateRequest& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class MerlowMaintStateRequestTest : public MerlowMaintStateTest,
                                     public testing::WithParamInterface<MaintStateRequest> {};

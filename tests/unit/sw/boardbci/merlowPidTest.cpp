@@ -29,6 +29,11 @@ struct PidService {
     const char* strangerTraceEnd;
 };
 
+void PrintTo(const PidService& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 const PidService pidServices[] = {
     {"hwPid", "01658200", 0x1658200, "0170773c", 0x170773D, 0x170773E, "GetProductInfo",
      "01658201 00000007 0000012c"
@@ -345,6 +350,11 @@ struct PidMissingField {
     void (bri::GetContainerPidCfm::*clearContainer)();
 };
 
+void PrintTo(const PidMissingField& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowPidMissingFieldTest : public MerlowPidTest,
                                   public testing::WithParamInterface<PidMissingField> {};
 
@@ -491,6 +501,11 @@ struct PidNameRow {
     const char* told; ///< what the client reads in both signals
 };
 
+void PrintTo(const PidNameRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowPidNameTest : public MerlowPidTest, public testing::WithParamInterface<PidNameRow> {};
 
 TEST_P(MerlowPidNameTest, theNameDependsOnTheClientAndTheFamily)
@@ -534,6 +549,11 @@ struct PidCutRow {
     std::string ProductInfo::*productText;
     std::string ContainerInfo::*containerText;
 };
+
+void PrintTo(const PidCutRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class MerlowPidCutTest : public MerlowPidTest, public testing::WithParamInterface<PidCutRow> {
 protected:

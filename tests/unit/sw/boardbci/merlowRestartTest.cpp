@@ -138,6 +138,11 @@ struct RestartShortRow {
     std::size_t needed;
 };
 
+void PrintTo(const RestartShortRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowRestartShortTest : public MerlowRestartTest,
                                public testing::WithParamInterface<RestartShortRow> {};
 
@@ -238,6 +243,11 @@ struct RestartRankRow {
     std::uint16_t rank;
     bool isSupported;
 };
+
+void PrintTo(const RestartRankRow& row, std::ostream* out)
+{
+    *out << "rank " << row.rank << " of mask " << row.mask;
+}
 
 class MerlowRestartRankTest : public MerlowRestartTest, public testing::WithParamInterface<RestartRankRow> {};
 
@@ -378,6 +388,23 @@ TEST_F(MerlowRestartTest, aNotificationForASessionThatIsGoneIsDropped)
     client.session()->setFwdMbox(new FwdMbox(m_board.commonData().getPrivateMbox(), "not started"));
     m_legacy.sendBytes(notification(401, 1), m_board.commonData().getPrivateMbox());
     EXPECT_TRUE(client.nothingReceived());
+    EXPECT_TRUE(m_legacy.nothingReceived());
+}
+
+TEST_F(MerlowRestartTest, aNotificationThatIsQueuedWhenItsSessionEndsReachesNobody)
+{
+    const auto client = clientWithClone(7);
+    const auto other = clientWithClone(8);
+    for (const auto& of : {client, other}) {
+        const auto bytes = notification(401, 1);
+        const support::FakeMnet::As legacy(m_legacy.process());
+        mnet_msg* msg = mnet_alloc(bytes.size(), 0);
+        std::memcpy(msg, bytes.data(), bytes.size());
+        ASSERT_EQ(mnet_send(&msg, cloneOf(of), m_legacy.mbox()), 0);
+    }
+    m_board.endSession(client);
+    EXPECT_TRUE(client.nothingReceived());
+    EXPECT_EQ(other.receivedHex(), support::messageToHex(notification(401, 1))) << "the next one is served";
     EXPECT_TRUE(m_legacy.nothingReceived());
 }
 

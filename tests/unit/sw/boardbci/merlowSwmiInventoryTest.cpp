@@ -56,6 +56,11 @@ struct SelectRow {
     bool isFound;
 };
 
+void PrintTo(const SelectRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class SwmiSelectMatchTest : public SwmiSelectTest, public ::testing::WithParamInterface<SelectRow> {};
 
 TEST_P(SwmiSelectMatchTest, comparesTheWholeName)

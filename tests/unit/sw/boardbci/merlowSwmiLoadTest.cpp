@@ -72,6 +72,11 @@ struct LoadInitRejRow {
     const char* text;
 };
 
+void PrintTo(const LoadInitRejRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class SwmiLoadInitRejTest : public SwmiLoadTest, public ::testing::WithParamInterface<LoadInitRejRow> {};
 
 TEST_P(SwmiLoadInitRejTest, isToldByItsReasonAndEndsTheLoad)
@@ -216,6 +221,11 @@ struct LoadEndRejRow {
     const char* text;
 };
 
+void PrintTo(const LoadEndRejRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class SwmiLoadEndRejTest : public SwmiLoadTest, public ::testing::WithParamInterface<LoadEndRejRow> {};
 
 TEST_P(SwmiLoadEndRejTest, leavesTheLoadOpen)
@@ -262,6 +272,11 @@ struct EvictionRow {
     std::vector<std::string> modules;
     std::string deleted;
 };
+
+void PrintTo(const EvictionRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class SwmiEvictionTest : public SwmiLoadTest, public ::testing::WithParamInterface<EvictionRow> {};
 

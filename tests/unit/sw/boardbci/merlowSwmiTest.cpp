@@ -245,6 +245,11 @@ struct SwmiShortRow {
     std::size_t size;
 };
 
+void PrintTo(const SwmiShortRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class SwmiShortSignalTest : public SwmiTest, public ::testing::WithParamInterface<SwmiShortRow> {};
 
 TEST_P(SwmiShortSignalTest, isDroppedWithATrace)
@@ -298,6 +303,11 @@ struct ImplicitRow {
     const char* text; ///< null for none
     const char* request;
 };
+
+void PrintTo(const ImplicitRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class SwmiImplicitTest : public SwmiAubootTest, public ::testing::WithParamInterface<ImplicitRow> {
 protected:
@@ -497,6 +507,11 @@ struct LossRow {
     std::vector<std::string> givenBack;
     const char* late; ///< what the server says of it afterwards
 };
+
+void PrintTo(const LossRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class SwmiLossInStateTest : public SwmiTest, public ::testing::WithParamInterface<LossRow> {};
 

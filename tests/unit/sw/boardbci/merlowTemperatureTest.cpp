@@ -248,6 +248,11 @@ struct TemperatureRejectRow {
     std::size_t transactionsLeft;
 };
 
+void PrintTo(const TemperatureRejectRow& row, std::ostream* out)
+{
+    *out << row.frame << " " << row.body;
+}
+
 class MerlowTemperatureRejectTest : public MerlowTemperatureTest,
                                     public testing::WithParamInterface<TemperatureRejectRow> {};
 
@@ -270,6 +275,7 @@ INSTANTIATE_TEST_SUITE_P(
         TemperatureRejectRow{"0170776c", "0801", "Unable to restart hotSpot timer", 1},
         TemperatureRejectRow{"0170776c", "0802", "Internal error INVALID_TEMP_MEAS_REF", 1},
         TemperatureRejectRow{"0170776c", "0803", "", 1},
+        TemperatureRejectRow{"0170776c", "", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 1},
         TemperatureRejectRow{"01707747", "0800", "Internal error INVALID_TEMP_MEAS_REF", 1},
         TemperatureRejectRow{"01707747", "0801", "Internal error UNABLE_TO_STOP_TIMER", 1},
         TemperatureRejectRow{"01707747", "0802", "Unknown", 1},
@@ -518,6 +524,11 @@ struct TemperatureAnswerRow {
     const char* trace; ///< for an answer to nothing
 };
 
+void PrintTo(const TemperatureAnswerRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 const TemperatureAnswerRow temperatureAnswers[] = {
     {0x1707743, "TempMeasStartCfm",
      "ABN: BRI_TEMP_MEAS_START_CFM, no matching BRI_TEMP_MEAS_START_REQ procedureRef was found"},
@@ -556,6 +567,12 @@ TEST_P(MerlowTemperatureAnswerTest, thatDoesNotParseIsTracedAndDropped)
     m_board.bri().sendBody(GetParam().number, 1, "\x08");
     EXPECT_TRUE(m_board.traced(1, std::string("Unable to parse GPB message boardresourcehandler.bri.") +
                                       GetParam().name + " of size 13 bytes"));
+    const auto frame = support::makeFrame(GetParam().number, 1, 100, "");
+    ASSERT_EQ(frame.size(), 12U);
+    for (std::size_t size = 4; size < frame.size(); ++size) {
+        m_board.bri().sendBytes({frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(size)});
+        EXPECT_TRUE(m_board.traces().contains(4, " is too short: " + std::to_string(size) + " of 12 bytes"));
+    }
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_TRUE(isRunning(client, 1, 0x4D));
     EXPECT_EQ(openTransactions(), 1U);

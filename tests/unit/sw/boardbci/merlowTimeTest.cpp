@@ -50,6 +50,11 @@ struct Accuracy {
     const char* hex;
 };
 
+void PrintTo(const Accuracy& row, std::ostream* out)
+{
+    *out << row.serverRef;
+}
+
 class MerlowTimeAccuracyTest : public MerlowTimeTest, public testing::WithParamInterface<Accuracy> {};
 
 TEST_P(MerlowTimeAccuracyTest, registrationCarriesTheAccuracyOfTheAccessType)

@@ -156,6 +156,11 @@ struct VisualOrdinaryRow {
     bool isComplete;
 };
 
+void PrintTo(const VisualOrdinaryRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowVisualOrdinaryTest : public MerlowVisualTest,
                                  public testing::WithParamInterface<VisualOrdinaryRow> {};
 
@@ -201,6 +206,11 @@ struct VisualReadRow {
     std::string body;
     const char* states;
 };
+
+void PrintTo(const VisualReadRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class MerlowVisualReadTest : public MerlowVisualTest, public testing::WithParamInterface<VisualReadRow> {};
 
@@ -297,6 +307,11 @@ struct VisualReadRequest {
     std::uint32_t number;
 };
 
+void PrintTo(const VisualReadRequest& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowVisualReadRequestTest : public MerlowVisualTest,
                                     public testing::WithParamInterface<VisualReadRequest> {};
 
@@ -353,6 +368,11 @@ struct VisualRequest {
     const char* bmmiName; ///< without Req
 };
 
+void PrintTo(const VisualRequest& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 class MerlowVisualRequestTest : public MerlowVisualTest, public testing::WithParamInterface<VisualRequest> {};
 
 TEST_P(MerlowVisualRequestTest, aStrangerGetsNoAnswer)
@@ -395,6 +415,11 @@ struct VisualAnswer {
     const char* traced; ///< without the mailbox
     bool isHex;         ///< how the mailbox is told
 };
+
+void PrintTo(const VisualAnswer& row, std::ostream* out)
+{
+    *out << row.name;
+}
 
 class MerlowVisualAnswerTest : public MerlowVisualTest, public testing::WithParamInterface<VisualAnswer> {};
 

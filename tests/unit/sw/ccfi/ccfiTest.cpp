@@ -71,6 +71,11 @@ struct Refusal {
     const char* text;
 };
 
+void PrintTo(const Refusal& row, std::ostream* out)
+{
+    *out << row.list;
+}
+
 class CcfiRefusalTest : public ccfi::CcfiTest, public ::testing::WithParamInterface<Refusal> {};
 
 TEST_P(CcfiRefusalTest, namesTheRevisionsInTheirOrder)

@@ -345,6 +345,11 @@ struct RequestRow {
     const char* frame;
 };
 
+void PrintTo(const RequestRow& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 const std::vector<RequestRow>& requestRows()
 {
     static const std::string software = "QXR1_R2";
