@@ -53,7 +53,8 @@ struct Order {
 constexpr const char* footer = R"(Kinds are requests by name, as bri::SetUtcTimeReq, bmmi::RegisterMmiUserReq,
 swm::PushLoadInitReq, legacy::Connect, or legacy::NUMBER for any other signal; 'boardctl kinds' lists them.
 
-Exit status: 0 done, 1 refused, 2 usage, 3 no answer in time, 4 not found.
+Exit status: 0 done, 1 refused, 2 usage, 3 no answer in time, 4 not found,
+5 done, but standard output cannot be written.
 
   boardctl status
   boardctl refuse bri::ConnEstablishReq --cause MAX_NUMBER_OF_CONNECTIONS_EXCEEDED
@@ -395,5 +396,6 @@ int main(int argc, char** argv)
         return *status;
     }
     merlow::base::useRunDir(options.runDir);
-    return merlow::board::carryOut(*app.get_subcommands().front(), options);
+    const int status = merlow::board::carryOut(*app.get_subcommands().front(), options);
+    return merlow::base::finishOutput("boardctl", status);
 }

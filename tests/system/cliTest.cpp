@@ -47,6 +47,25 @@ TEST_F(CliTest, eachCommandEndsWithStatusZeroAndSaysWhatCame)
     EXPECT_NE(outcome.out.find("c0 ff ee"), std::string::npos) << outcome.out;
 }
 
+TEST_F(CliTest, whatCannotBeWrittenIsAFailure)
+{
+    const std::vector<std::string> commands[] = {
+        {"bcictl", "audit"},      {"bcictl", "audit", "--json"}, {"ccfictl", "connect"},
+        {"boardctl", "status"},   {"scryctl", "list"},           {"bcictl", "--help"},
+        {"ccfictl", "--version"}, {"boardctl", "--version"},     {"scryctl", "--version"},
+        {"bbagent", "--version"}, {"unit", "--version"},         {"merlowd", "--version"},
+        {"brhd", "--version"},    {"legacyd", "--version"},      {"swmd", "--version"},
+        {"bcictl", "session"},
+    };
+    for (const auto& command : commands) {
+        std::vector<std::string> words{"-c", R"(exec "$0" "$@" >/dev/full)", programPath(command.front())};
+        words.insert(words.end(), command.begin() + 1, command.end());
+        const auto outcome = runProgram("/bin/sh", words, m_unit.environment());
+        EXPECT_EQ(outcome.status, 5) << command.front() << " " << command.back();
+        EXPECT_EQ(outcome.err, command.front() + ": standard output cannot be written\n");
+    }
+}
+
 TEST_F(CliTest, aRefusalIsStatusOneWithCodeAndText)
 {
     const auto outcome = m_unit.bcictl({"mmi", "2"});
@@ -159,6 +178,16 @@ TEST_F(CliTest, levelsChangeWhileTheServerRuns)
             .status,
         0);
     EXPECT_EQ(runProgram("scryctl", {"set", "nobody", "--proc", "1"}, m_unit.environment()).status, 1);
+}
+
+TEST(BoardExampleTest, liesBesideTheProgramsAndCanBeServedFrom)
+{
+    const std::string example = programPath("board.example.json");
+    Unit unit;
+    unit.setVariable("MERLOW_BOARD_FILE", example);
+    unit.startBrhd();
+    ASSERT_TRUE(waitUntil([&unit] { return unit.boardctl({"describe"}).status == 0; })) << unit.brhd().err();
+    EXPECT_NE(unit.boardctl({"describe"}).out.find(example), std::string::npos);
 }
 
 } // namespace

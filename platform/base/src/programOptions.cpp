@@ -44,6 +44,20 @@ void addCommonOptions(CLI::App& app, std::string& runDir)
     app.set_version_flag("--version", app.get_name() + " " MERLOW_VERSION);
 }
 
+int finishOutput(const std::string& program, int status)
+{
+    return finishOutput(program, status, std::cout, std::cerr);
+}
+
+int finishOutput(const std::string& program, int status, std::ostream& out, std::ostream& err)
+{
+    if (status == outputLost || out.flush()) { // what is lost has been told
+        return status;
+    }
+    err << program + ": standard output cannot be written\n" << std::flush;
+    return status == 0 ? outputLost : status;
+}
+
 std::optional<int> parseCommandLine(CLI::App& app, int argc, const char* const* argv)
 {
     return parseCommandLine(app, argc, argv, std::cout, std::cerr);
@@ -62,7 +76,7 @@ std::optional<int> parseCommandLine(CLI::App& app, int argc, const char* const* 
         mistake = "a command is missing";
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            return app.exit(error, out, err);
+            return finishOutput(app.get_name(), app.exit(error, out, err), out, err);
         }
         mistake = mistakeText(app, error);
     }

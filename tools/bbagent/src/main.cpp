@@ -17,11 +17,12 @@ int main(int argc, char** argv)
     app.add_flag("--json", json, "One JSON object a line");
     app.footer("Ends on SIGINT and SIGTERM. When the unit goes away, it is looked for again.\n"
                "Exit status: 0 ended as asked, 1 refused by the unit, 2 wrong usage, 4 the run-time folder "
-               "can't be used.");
+               "can't be used, 5 all well, but standard output\n"
+               "cannot be written.");
     if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(runDir);
     merlow::bbagent::Report report(std::cout, json);
-    return static_cast<int>(merlow::bbagent::Agent(report).run());
+    return merlow::base::finishOutput("bbagent", static_cast<int>(merlow::bbagent::Agent(report).run()));
 }

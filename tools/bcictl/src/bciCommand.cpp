@@ -45,12 +45,15 @@ tools::ExitStatus stayConnected(tools::BciClient& client, Output& output)
         return tools::ExitStatus::done;
     }
     client.onIndication([&output](const tools::Signal& signal) { tellIndication(output, signal); });
-    const auto serve = [&client] {
+    const auto serve = [&client, &output] {
         client.drain();
-        return !client.isLost();
+        return !client.isLost() && output.isWritable();
     };
     bool isReadable = false;
     while (serve() && tools::waitServing(-1, {client.fd(), serve}, isReadable)) {
+    }
+    if (!output.isWritable()) {
+        return tools::ExitStatus::done; // nobody can be told
     }
     output.failed(0, {tools::ExitStatus::noUnit, "the unit went away", {}});
     return tools::ExitStatus::noUnit;

@@ -17,8 +17,8 @@ using CommandRow = tools::CommandRow<tools::BciClient>;
 /// All commands, in the order in which help lists them.
 tools::CommandTable<tools::BciClient> commandTable();
 
-/// Tells what comes until the unit goes, or a signal ends the process. Not in a session, which does so by
-/// itself.
+/// Tells what comes until the unit goes, nothing can be told any more, or a signal ends the process. Not in a
+/// session, which does so by itself.
 [[nodiscard]] tools::ExitStatus stayConnected(tools::BciClient& client, Output& output);
 
 /// What a confirm means.

@@ -1,6 +1,7 @@
 // bcictl: a client of the unit for people and scripts.
 
 #include "program.h"
+#include "programOptions.h"
 
 #include <clocale>
 #include <csignal>
@@ -10,5 +11,6 @@ int main(int argc, char** argv)
 {
     (void)std::setlocale(LC_CTYPE, "");
     (void)std::signal(SIGPIPE, SIG_IGN);
-    return merlow::bcictl::runProgram(argc, argv, std::cout, std::cerr);
+    const int status = merlow::bcictl::runProgram(argc, argv, std::cout, std::cerr);
+    return merlow::base::finishOutput("bcictl", status);
 }

@@ -11,9 +11,10 @@ namespace {
 using tools::BciClient;
 using tools::ExitStatus;
 
-constexpr char footer[] = "Each call is a client of its own: it connects, acts and goes; a session stays.\n"
-                          "Exit status: 0 done, 1 rejected by the unit, 2 wrong usage, 3 no answer in time, "
-                          "4 no unit found, or it went away.\n";
+constexpr char footer[] =
+    "Each call is a client of its own: it connects, acts and goes; a session stays.\n"
+    "Exit status: 0 done, 1 rejected by the unit, 2 wrong usage, 3 no answer in time, "
+    "4 no unit found, or it went away,\n5 done, but standard output cannot be written.\n";
 
 void addOptions(CLI::App& app, BciClient::Settings& settings)
 {

@@ -16,7 +16,7 @@ constexpr char footer[] =
     "and at the end of a call or session its connections are closed. Faults stay until they are ceased,\n"
     "by whatever client. The unit answers neither of the two, also when it takes no such fault.\n"
     "Exit status: 0 done, 1 rejected by the unit, 2 wrong usage, 3 no answer in time, "
-    "4 no unit found, or it went away.\n";
+    "4 no unit found, or it went away, 5 done, but standard output cannot be written.\n";
 
 ExitStatus act(std::chrono::milliseconds timeout, const tools::CommandChoice<Forwarder>& choice,
                Output& output)

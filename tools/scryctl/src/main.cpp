@@ -15,7 +15,7 @@ constexpr char footer[] =
     "LEVELS are numbers from 0 to 31 separated by commas, \"all\" or \"none\": 1 failures, 4 notable events, "
     "5 the flow of a handler, 6 life of objects, 13 each message, 17 received and 18 sent signals; 21 of a "
     "process is the switch for its objects.\n"
-    "Exit status: 0 done, 1 no such process or object, 2 wrong usage.";
+    "Exit status: 0 done, 1 no such process or object, 2 wrong usage, 5 standard output cannot be written.";
 
 std::string readLevels(const std::string& text, std::optional<std::uint32_t>& levels)
 {
@@ -87,9 +87,7 @@ ExitStatus run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     try {
-        const ExitStatus status = run(argc, argv);
-        std::cout.flush();
-        return static_cast<int>(std::cout ? status : ExitStatus::failed);
+        return merlow::base::finishOutput("scryctl", static_cast<int>(run(argc, argv)));
     } catch (const std::exception& error) {
         std::cerr << "scryctl: " << error.what() << "\n";
         return static_cast<int>(ExitStatus::failed);

@@ -37,6 +37,9 @@ public:
     /// Something that no command asked for.
     void event(const char* name, const std::string& text, const Fields& fields);
 
+    /// False once a result did not get out.
+    [[nodiscard]] bool isWritable() const { return m_out.good(); }
+
     /// A line, or several, that what is told next replaces; only for people at a terminal.
     void transient(const std::string& text);
     /// Whether transients show.

@@ -31,11 +31,11 @@ int main(int argc, char** argv)
     app.add_option("COMMAND", settings.command, "Behind --: what to run once the unit is up");
     app.footer("A part that ends is started again. Exit status: 0 all well, that of COMMAND, 1 the unit did "
                "not come up or "
-               "did not end well, 2 wrong usage.");
+               "did not end well, 2 wrong usage, 5 all well, but standard output cannot be written.");
     if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(runDir);
     settings.programDir = ownFolder();
-    return merlow::unit::Unit(settings).run();
+    return merlow::base::finishOutput("unit", merlow::unit::Unit(settings).run());
 }

@@ -2,6 +2,7 @@
 
 #include "programOptions.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
 
@@ -77,6 +78,22 @@ TEST(ProgramOptions, aMistakeNamesProgramAndCommand)
         EXPECT_EQ(answer.err, err);
         EXPECT_EQ(answer.out, "");
     }
+}
+
+TEST(FinishOutputTest, whatDidNotGetOutIsAFailure)
+{
+    std::ostringstream out;
+    std::ostringstream err;
+    EXPECT_EQ(finishOutput("tool", 0, out, err), 0);
+    EXPECT_EQ(finishOutput("tool", 3, out, err), 3);
+    EXPECT_EQ(err.str(), "");
+    std::ofstream full("/dev/full");
+    full << "text";
+    EXPECT_EQ(finishOutput("tool", 0, full, err), 5);
+    EXPECT_EQ(finishOutput("tool", 3, full, err), 3) << "the first failure counts";
+    EXPECT_EQ(finishOutput("tool", 5, full, err), 5) << "and is told once";
+    EXPECT_EQ(err.str(), "tool: standard output cannot be written\n"
+                         "tool: standard output cannot be written\n");
 }
 
 } // namespace
