@@ -73,8 +73,9 @@ struct CapabilityContent {
 TEST_F(CapabilitiesCommandTest, contentIsDecoded)
 {
     const CapabilityContent contents[] = {
-        {"0001 00dc 0001 0001 0000 eeee 00010000", "    1  loading in blocks: 65536 bytes\n",
-         R"([{"number":1,"name":"loading in blocks","blockSize":65536}])"},
+        {"0001 00dc 0001 0002 ffff eeee 00010000",
+         "    1  loading in blocks: 65536 bytes, values 1, 2, 65535\n",
+         R"([{"number":1,"name":"loading in blocks","blockSize":65536,"values":[1,2,65535]}])"},
         {"0006 00dc 0002 eeee 0000 0352 001e eeee 0001 03b6 fffe eeee eeee",
          "    6  hot spots: sensor 0, threshold 850, hysteresis 30; sensor 1, threshold 950, hysteresis -2\n",
          R"([{"number":6,"name":"hot spots","sets":[{"sensor":0,"threshold":850,"hysteresis":30},)"

@@ -144,7 +144,7 @@ TEST_F(CcfictlTest, aRefusalIsStatusOneAndPrintsItsText)
     EXPECT_EQ(m_unit->received(0x17C0206), "");
     EXPECT_EQ(run({"connect", "--json"}), 1);
     EXPECT_EQ(m_out.str(), R"({"command":"connect","status":"rejected","sent":"CCFI_BC_CONN_ESTABLISH_REQ",)"
-                           R"("answer":"CCFI_BC_CONN_ESTABLISH_REJ","errorCode":1,)"
+                           R"("answer":"CCFI_BC_CONN_ESTABLISH_REJ","error":"rejected","errorCode":1,)"
                            R"("errorDescription":"protocol(s) not supported: 2"})"
                            "\n");
 }

@@ -253,7 +253,7 @@ INSTANTIATE_TEST_SUITE_P(
                        0x1658808,
                        {{0x1658809, references + "0001 0000"}},
                        1,
-                       "ending the load: the unit did not take the load module, it is no whole one",
+                       "ending the load: the unit did not take the load module, it gives no reason",
                        true},
         LoadFailureRow{"unitGone",
                        0x1658806,
@@ -261,6 +261,39 @@ INSTANTIATE_TEST_SUITE_P(
                        4,
                        "block 0 of 2 was not acknowledged: the unit went away",
                        false}));
+
+class LoadSessionTest : public SessionTest {
+protected:
+    /// One block goes out and gets an acknowledgement without a number.
+    void loadInASessionThatHoldsTheStore(const FakeUnit::Reply& end)
+    {
+        auto answers = taking("00001000");
+        answers[0x1658806] = {{0x1658807, references}};
+        answers[0x1658808] = {end};
+        startUnit(answers);
+        const std::string path = m_runFolder.path() + "/software";
+        std::ofstream(path) << "hello";
+        EXPECT_EQ(session("acquire\nload " + path + " --software QXR7_R91\n"), tools::ExitStatus::done);
+        EXPECT_EQ(m_unit->received(0x1658808), "000000010000012d");
+        EXPECT_EQ(m_unit->received(0x1659803), "") << "the store was given back";
+    }
+
+    const std::string m_failure =
+        "bcictl: load: block 0 of 1 was not acknowledged: TARN_BC_LMC_DATA_ACK came "
+        "with 12 bytes, it should have 16";
+};
+
+TEST_F(LoadSessionTest, aLoadThatFailsIsEndedSoThatTheNextOneCanBegin)
+{
+    loadInASessionThatHoldsTheStore({0x1658809, references + "0001 0000"});
+    EXPECT_EQ(m_err.str(), m_failure + "\n");
+}
+
+TEST_F(LoadSessionTest, aLoadThatFailsAndIsThereNeverthelessIsToldAsBoth)
+{
+    loadInASessionThatHoldsTheStore({0x1658809, references + "0000 0000"});
+    EXPECT_EQ(m_err.str(), m_failure + "; the unit has the whole load module all the same\n");
+}
 
 TEST(ProgressTest, tellsHowFarItIs)
 {

@@ -121,6 +121,7 @@ TEST_F(SoftwareTest, aListThatEndsInTheMiddleIsShownAsFarAsItCame)
     EXPECT_EQ(m_out.str(), "<LmcList>\n");
     EXPECT_EQ(m_err.str(),
               "bcictl: components: reading the list: no answer to TARN_BC_SW_COMP_LIST_ACK within 0.2 s\n");
+    EXPECT_EQ(m_unit->received(0x1658812), "000000010000012d00000001") << "and is given up";
 }
 
 TEST_F(SoftwareTest, aPieceThatLiesAboutItsLengthIsNone)
@@ -130,6 +131,24 @@ TEST_F(SoftwareTest, aPieceThatLiesAboutItsLengthIsNone)
     EXPECT_EQ(run({"components"}), 3);
     EXPECT_EQ(m_out.str(), "");
     EXPECT_EQ(m_err.str(), "bcictl: components: reading the list: a piece is longer than its signal\n");
+    EXPECT_EQ(m_unit->received(0x1658812), "000000010000012d00000001");
+}
+
+TEST_F(SoftwareTest, aListThatIsNotConfirmedIsGivenUpAndOneThatIsRefusedIsNot)
+{
+    startUnit(withStore({{0x165880E, {{0x165880F, ""}}}}));
+    EXPECT_EQ(run({"components", "--timeout", "0.2"}), 3);
+    EXPECT_EQ(m_unit->received(0x1658812), "000000010000012d00000001");
+    m_unit.reset();
+    startUnit(withStore({{0x165880E, {{0x1658810, rejection("ABN: Read error")}}}}));
+    EXPECT_EQ(run({"components", "--json"}), 1);
+    EXPECT_EQ(m_out.str(),
+              R"({"command":"components","status":"rejected","sent":"TARN_BC_SW_COMP_LIST_REQ",)"
+              R"("answer":"TARN_BC_SW_COMP_LIST_REJ","error":"asking for the list: rejected","errorCode":1,)"
+              R"("errorDescription":"ABN: Read error"})"
+              "\n")
+        << "the step is named for programs too";
+    EXPECT_EQ(m_unit->received(0x1658812), "");
 }
 
 TEST_F(SoftwareTest, acquireHoldsUntilTheUnitGoes)
@@ -138,6 +157,14 @@ TEST_F(SoftwareTest, acquireHoldsUntilTheUnitGoes)
     EXPECT_EQ(run({"acquire"}), 4);
     EXPECT_EQ(m_out.str(), "store acquired; it is held until this program ends\n");
     EXPECT_EQ(m_err.str(), "bcictl: acquire: the unit went away\n");
+}
+
+TEST_F(SoftwareTest, whoCannotTellWhatComesDoesNotStay)
+{
+    startUnit(storeIsFree);
+    m_out.setstate(std::ios::badbit);
+    EXPECT_EQ(run({"acquire"}), 0);
+    EXPECT_EQ(m_err.str(), "");
 }
 
 TEST_F(SoftwareTest, releaseIsForSessions)

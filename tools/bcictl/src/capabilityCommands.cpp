@@ -21,7 +21,11 @@ using Records = std::vector<TarnBcBoardCapabilityS>;
 Told tellBlocks(const TarnBcBoardCapabilityS& record)
 {
     const auto content = contentOf<TarnBcLoadingBlocksS>(record);
-    return {std::to_string(content.blockSize) + " bytes", {{"blockSize", content.blockSize}}};
+    const auto& values = content.values;
+    char text[64];
+    (void)std::snprintf(text, sizeof(text), "%u bytes, values %u, %u, %u", content.blockSize, values[0],
+                        values[1], values[2]);
+    return {text, {{"blockSize", content.blockSize}, {"values", values}}};
 }
 
 /// Parameter sets, their three values by these names.

@@ -115,15 +115,22 @@ public:
         auto& file = std::get<ModuleFile>(opened);
         StoreLease lease(client);
         std::optional<StepFailure> failure;
-        if ((failure = readBlockSize(client)) || (failure = lease.acquire()) || (failure = start(client))) {
+        if ((failure = readBlockSize(client)) || (failure = lease.acquire())) {
             return tell(output, *failure);
         }
+        failure = start(client);
         const auto begin = steady_clock::now();
-        if (m_loadStatus == TarnBcLmcInitCfmS::LOAD_MAY_BEGIN &&
-            ((failure = sendBlocks(client, output, file, begin)) || (failure = end(client)))) {
-            return tell(output, *failure);
+        if (!failure && m_isOpen) {
+            (void)((failure = sendBlocks(client, output, file, begin)) || (failure = end(client)));
         }
         const auto elapsed = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
+        if (failure) {
+            // A load that is left open goes with the store; one who keeps the store could begin no other.
+            if (m_isOpen && !lease.isOurs() && !end(client)) {
+                failure->failure.text += "; the unit has the whole load module all the same";
+            }
+            return tell(output, *failure);
+        }
         if ((failure = lease.release())) {
             return tell(output, *failure);
         }
@@ -154,13 +161,16 @@ private:
 
     std::optional<StepFailure> start(BciClient& client)
     {
+        m_isOpen = true; // also when its answer does not come
         const auto answer =
             client.request(toMessage(tools::requestFrom<TarnBcLmcInitReqS>(client), m_software),
                            {TARN_BC_LMC_INIT_CFM, TARN_BC_LMC_INIT_REJ});
         if (const auto* const failure = std::get_if<Failure>(&answer)) {
+            m_isOpen = failure->status != ExitStatus::rejected;
             return failedStep("starting the load", TARN_BC_LMC_INIT_REQ, *failure);
         }
         m_loadStatus = tools::decode<TarnBcLmcInitCfmS>(std::get<Signal>(answer))->loadStatus;
+        m_isOpen = m_loadStatus == TarnBcLmcInitCfmS::LOAD_MAY_BEGIN;
         return std::nullopt;
     }
 
@@ -243,8 +253,9 @@ private:
         return {TARN_BC_LMC_DATA, failure};
     }
 
-    static std::optional<StepFailure> end(BciClient& client)
+    std::optional<StepFailure> end(BciClient& client)
     {
+        m_isOpen = false; // nobody ends it twice
         const auto answer = client.request(::toMessage(tools::requestFrom<TarnBcLmcEndReqS>(client)),
                                            {TARN_BC_LMC_END_CFM, TARN_BC_LMC_END_REJ});
         if (const auto* const failure = std::get_if<Failure>(&answer)) {
@@ -256,7 +267,7 @@ private:
         }
         return failedStep("ending the load", TARN_BC_LMC_END_REQ,
                           {ExitStatus::rejected,
-                           "the unit did not take the load module, it is no whole one",
+                           "the unit did not take the load module, it gives no reason",
                            {},
                            TARN_BC_LMC_END_CFM});
     }
@@ -294,6 +305,7 @@ private:
     std::uint32_t m_blockSize = 0;
     std::uint64_t m_blocks = 0; ///< that were sent
     std::uint16_t m_loadStatus = 0;
+    bool m_isOpen = false; ///< the unit may wait for blocks, or for the end
 };
 
 } // namespace

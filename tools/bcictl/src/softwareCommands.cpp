@@ -85,9 +85,13 @@ public:
         const auto answer = client.request(::toMessage(tools::requestFrom<TarnBcSwCompListReqS>(client)),
                                            {TARN_BC_SW_COMP_LIST_CFM, TARN_BC_SW_COMP_LIST_REJ});
         if (const auto* const failure = std::get_if<Failure>(&answer)) {
+            if (failure->status != ExitStatus::rejected) {
+                (void)acknowledge(client, true); // it may come later
+            }
             return tell(output, failedStep("asking for the list", TARN_BC_SW_COMP_LIST_REQ, *failure));
         }
         if (auto failure = readPieces(client)) {
+            (void)acknowledge(client, true);
             if (!m_list.empty()) {
                 output.event("partOfList", m_list, {{"list", m_list}});
             }
@@ -125,12 +129,18 @@ private:
             m_list += listText(std::span(signal.bytes).subspan(head, piece->length));
             isLast = piece->end != 0;
             sent = TARN_BC_SW_COMP_LIST_ACK;
-            if (const auto failure =
-                    client.post(::toMessage(tools::requestFrom<TarnBcSwCompListAckS>(client)))) {
+            if (const auto failure = acknowledge(client, false)) {
                 return failedStep(step, sent, *failure);
             }
         }
         return std::nullopt;
+    }
+
+    static std::optional<Failure> acknowledge(BciClient& client, bool givesUp)
+    {
+        auto ack = tools::requestFrom<TarnBcSwCompListAckS>(client);
+        ack.abort = givesUp ? 1 : 0;
+        return client.post(::toMessage(ack));
     }
 
     std::string m_list;

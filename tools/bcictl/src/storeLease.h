@@ -36,6 +36,8 @@ public:
 
     [[nodiscard]] std::optional<StepFailure> acquire();
     [[nodiscard]] std::optional<StepFailure> release();
+    /// Whether this command acquired the store, and is to give it back.
+    [[nodiscard]] bool isOurs() const { return m_isOurs; }
 
 private:
     tools::BciClient& m_client;

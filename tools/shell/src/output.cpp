@@ -60,11 +60,10 @@ void Output::failed(std::uint32_t sent, const Failure& failure)
     if (failure.answer != 0) {
         object["answer"] = signalName(failure.answer);
     }
+    object["error"] = failure.text;
     if (failure.rejection) {
         object["errorCode"] = failure.rejection->errorCode;
         object["errorDescription"] = failure.rejection->errorDescription;
-    } else {
-        object["error"] = failure.text;
     }
     printObject(object);
 }
