@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sstream>
@@ -69,7 +70,7 @@ TempDir::~TempDir()
 }
 
 Process::Process(const std::string& program, const std::vector<std::string>& arguments,
-                 const Environment& environment)
+                 const Environment& environment, std::optional<uid_t> user)
 {
     const std::string path = program.find('/') == std::string::npos ? programPath(program) : program;
     std::map<std::string, std::string> variables;
@@ -107,6 +108,10 @@ Process::Process(const std::string& program, const std::vector<std::string>& arg
     const int err = openOutput(m_output.path() + "/err");
     m_pid = fork();
     if (m_pid == 0) {
+        if (user && (setgroups(0, nullptr) != 0 || setresgid(*user, *user, *user) != 0 ||
+                     setresuid(*user, *user, *user) != 0)) {
+            _exit(126);
+        }
         prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that dies leaves nothing behind
         dup2(input[0], 0);
         dup2(out, 1);
@@ -200,9 +205,10 @@ void Process::kill()
 }
 
 Outcome runProgram(const std::string& program, const std::vector<std::string>& arguments,
-                   const Process::Environment& environment, const std::string& input)
+                   const Process::Environment& environment, const std::string& input,
+                   std::optional<uid_t> user)
 {
-    Process process(program, arguments, environment);
+    Process process(program, arguments, environment, user);
     process.write(input);
     process.closeInput();
     Outcome outcome;

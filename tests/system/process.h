@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -51,9 +52,10 @@ public:
     using Environment = std::map<std::string, std::string>;
 
     /// Starts `program` (looked up in the build's folder of programs unless it has a slash). Standard output
-    /// and standard error go to files that `out()` and `err()` read back.
+    /// and standard error go to files that `out()` and `err()` read back. `user`: whom it belongs to, instead
+    /// of whom the test does.
     Process(const std::string& program, const std::vector<std::string>& arguments,
-            const Environment& environment);
+            const Environment& environment, std::optional<uid_t> user = std::nullopt);
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
@@ -84,6 +86,7 @@ private:
 
 /// Runs a program to its end, with `input` as its standard input.
 Outcome runProgram(const std::string& program, const std::vector<std::string>& arguments,
-                   const Process::Environment& environment, const std::string& input = {});
+                   const Process::Environment& environment, const std::string& input = {},
+                   std::optional<uid_t> user = std::nullopt);
 
 } // namespace merlow::test

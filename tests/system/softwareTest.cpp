@@ -5,16 +5,39 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <pty.h>
 #include <random>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace merlow::test {
 namespace {
 
 constexpr std::size_t headerSize = 96;
 constexpr std::size_t blockSize = 65536;
+
+std::string randomBytes(std::size_t size, std::mt19937_64& random)
+{
+    std::string bytes(size + sizeof(std::uint64_t), '\0');
+    for (std::size_t i = 0; i < size; i += sizeof(std::uint64_t)) {
+        const std::uint64_t word = random();
+        std::memcpy(bytes.data() + i, &word, sizeof(word));
+    }
+    bytes.resize(size);
+    return bytes;
+}
+
+std::string contentOf(const std::string& path)
+{
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
 
 class SoftwareTest : public ::testing::Test {
 protected:
@@ -24,16 +47,8 @@ protected:
     std::string file(std::size_t size)
     {
         const std::string path = m_files.path() + "/file" + std::to_string(m_random());
-        std::vector<std::uint64_t> words(size / 8 + 1);
-        std::generate(words.begin(), words.end(), std::ref(m_random));
-        std::ofstream(path, std::ios::binary)
-            .write(reinterpret_cast<const char*>(words.data()), static_cast<std::streamsize>(size));
+        std::ofstream(path, std::ios::binary) << randomBytes(size, m_random);
         return path;
-    }
-    static std::string contentOf(const std::string& path)
-    {
-        std::ifstream stream(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(stream), {}};
     }
     [[nodiscard]] nlohmann::json swmd(const char* pointer) const
     {
@@ -157,6 +172,108 @@ TEST_F(SoftwareTest, aLargeModuleArrivesWholeWhateverTheWindow)
                   std::string::npos)
             << outcome.out;
         EXPECT_TRUE(contentOf(storedFile(software)).substr(headerSize) == content) << window;
+    }
+}
+
+/// A user who is nobody in particular: the kernel grants its sockets no more than it grants by itself.
+constexpr uid_t ordinaryUser = 65534;
+
+TEST(OrdinaryUserSoftwareTest, aLargeModuleArrivesWholeThroughTheKernelsDefaultBuffers)
+{
+    std::optional<uid_t> user;
+    if (geteuid() == 0) {
+        user = ordinaryUser;
+        if (runProgram("bcictl", {"--version"}, {}, {}, user).status != 0) {
+            GTEST_SKIP() << "the folder of the programs is closed to ordinary users";
+        }
+    }
+    Unit unit(user);
+    unit.start();
+    const std::string path = unit.runDir() + "/file";
+    std::mt19937_64 random{1}; // NOLINT(bugprone-random-generator-seed): the same bytes in every run
+    const std::string content = randomBytes(largeMebibytes << 20U, random);
+    std::ofstream(path, std::ios::binary) << content;
+    for (const char* window : {"1", "64"}) {
+        const std::string software = "QXR" + std::string(window) + "_R1A";
+        const auto outcome = unit.bcictl({"load", path, "--software", software, "--window", window});
+        ASSERT_EQ(outcome.status, 0) << outcome.err;
+        const auto place = unit.status("swmd").at("store").at("place").get<std::string>();
+        struct stat status {};
+        ASSERT_EQ(stat((place + "/" + software + ".lm").c_str(), &status), 0);
+        EXPECT_NE(status.st_uid, 0U) << "this was no ordinary user";
+        EXPECT_TRUE(contentOf(place + "/" + software + ".lm").substr(headerSize) == content) << window;
+    }
+}
+
+/// What a terminal gets from a program, which opens it by the name that the variable TERMINAL tells.
+class TerminalScreen {
+public:
+    TerminalScreen()
+    {
+        if (openpty(&m_master, &m_slave, nullptr, nullptr, nullptr) != 0 ||
+            fcntl(m_master, F_SETFL, O_NONBLOCK) != 0) {
+            throw std::runtime_error("no terminal");
+        }
+    }
+    ~TerminalScreen()
+    {
+        close(m_slave);
+        close(m_master);
+    }
+    TerminalScreen(const TerminalScreen&) = delete;
+    TerminalScreen& operator=(const TerminalScreen&) = delete;
+
+    [[nodiscard]] std::string name() const { return ttyname(m_slave); }
+    /// All that has come so far.
+    const std::string& text()
+    {
+        char bytes[4096];
+        for (ssize_t length = read(m_master, bytes, sizeof(bytes)); length > 0;
+             length = read(m_master, bytes, sizeof(bytes))) {
+            m_text.append(bytes, static_cast<std::size_t>(length));
+        }
+        return m_text;
+    }
+
+private:
+    int m_master = -1;
+    int m_slave = -1; // stays open, or what nobody has read goes with the program
+    std::string m_text;
+};
+
+TEST_F(SoftwareTest, onATerminalABarShowsHowFarALoadIs)
+{
+    const std::string path = file(3 * blockSize);
+    for (const bool isJson : {false, true}) {
+        const std::string software = isJson ? "QXR2_R1A" : "QXR1_R1A";
+        TerminalScreen screen;
+        auto environment = m_unit.environment();
+        environment["TERMINAL"] = screen.name();
+        std::vector<std::string> words{
+            "-c",    R"(exec "$0" "$@" >"$TERMINAL")", programPath("bcictl"), "load", path, "--software",
+            software};
+        if (isJson) {
+            words.emplace_back("--json");
+        }
+        Process process("/bin/sh", words, environment);
+        EXPECT_TRUE(waitUntil([&screen, &process] {
+            (void)screen.text(); // or the program waits for room
+            return !process.running();
+        }));
+        EXPECT_EQ(process.wait(), 0) << process.err();
+        const std::string text = screen.text();
+        if (isJson) {
+            EXPECT_EQ(text.find('\x1b'), std::string::npos) << text;
+            EXPECT_TRUE(nlohmann::json::accept(text)) << text;
+            continue;
+        }
+        EXPECT_TRUE(text.starts_with("\r[")) << text;
+        EXPECT_NE(text.find("% "), std::string::npos) << text;
+        EXPECT_NE(text.find(" of 192.1 KiB"), std::string::npos) << text;
+        EXPECT_NE(text.find("\r\x1b[Kloaded QXR1_R1A: 192.1 KiB in 4 blocks, "), std::string::npos)
+            << "the last line takes the bar's place: " << text;
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+        EXPECT_TRUE(text.ends_with("\r\n")) << text;
     }
 }
 

@@ -1,10 +1,16 @@
 #include "unit.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace merlow::test {
 
-Unit::Unit() : m_environment{{"MERLOW_RUN_DIR", m_dir.path()}} {}
+Unit::Unit(std::optional<uid_t> user) : m_user(user), m_environment{{"MERLOW_RUN_DIR", m_dir.path()}}
+{
+    if (m_user) {
+        EXPECT_EQ(chown(m_dir.path().c_str(), *m_user, *m_user), 0);
+    }
+}
 
 void Unit::start()
 {
@@ -21,23 +27,28 @@ void Unit::start()
 
 void Unit::startLegacyd()
 {
-    m_legacyd = std::make_unique<Process>("legacyd", std::vector<std::string>{}, m_environment);
+    m_legacyd = launch("legacyd", {});
 }
 
 void Unit::startBrhd(std::vector<std::string> arguments)
 {
     arguments.insert(arguments.end(), {"--hwmon", runDir() + "/hwmon"});
-    m_brhd = std::make_unique<Process>("brhd", arguments, m_environment);
+    m_brhd = launch("brhd", arguments);
 }
 
 void Unit::startSwmd(const std::vector<std::string>& arguments)
 {
-    m_swmd = std::make_unique<Process>("swmd", arguments, m_environment);
+    m_swmd = launch("swmd", arguments);
 }
 
 void Unit::startMerlowd(const std::vector<std::string>& arguments)
 {
-    m_merlowd = std::make_unique<Process>("merlowd", arguments, m_environment);
+    m_merlowd = launch("merlowd", arguments);
+}
+
+std::unique_ptr<Process> Unit::launch(const char* program, const std::vector<std::string>& arguments) const
+{
+    return std::make_unique<Process>(program, arguments, m_environment, m_user);
 }
 
 bool Unit::letsClientsIn() const
@@ -52,17 +63,17 @@ bool Unit::waitUntilItLetsClientsIn() const
 
 Outcome Unit::bcictl(const std::vector<std::string>& arguments, const std::string& input) const
 {
-    return runProgram("bcictl", arguments, m_environment, input);
+    return runProgram("bcictl", arguments, m_environment, input, m_user);
 }
 
 Outcome Unit::ccfictl(const std::vector<std::string>& arguments) const
 {
-    return runProgram("ccfictl", arguments, m_environment);
+    return runProgram("ccfictl", arguments, m_environment, {}, m_user);
 }
 
 Outcome Unit::boardctl(const std::vector<std::string>& arguments) const
 {
-    return runProgram("boardctl", arguments, m_environment);
+    return runProgram("boardctl", arguments, m_environment, {}, m_user);
 }
 
 nlohmann::json Unit::status(const std::string& program) const

@@ -13,8 +13,9 @@ namespace merlow::test {
 
 class Unit {
 public:
-    /// Only the folder; nothing runs yet.
-    Unit();
+    /// Only the folder; nothing runs yet. `user`: whom folder and processes belong to, instead of whom the
+    /// test does.
+    explicit Unit(std::optional<uid_t> user = std::nullopt);
 
     /// legacyd, brhd, swmd and merlowd, and waits until the public mailbox stands.
     void start();
@@ -46,7 +47,11 @@ public:
     [[nodiscard]] nlohmann::json status(const std::string& program) const;
 
 private:
+    [[nodiscard]] std::unique_ptr<Process> launch(const char* program,
+                                                  const std::vector<std::string>& arguments) const;
+
     TempDir m_dir;
+    std::optional<uid_t> m_user;
     Process::Environment m_environment;
     std::unique_ptr<Process> m_legacyd;
     std::unique_ptr<Process> m_brhd;
