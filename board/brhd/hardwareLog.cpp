@@ -18,16 +18,13 @@ namespace {
 
 using Statement = SqliteDatabase::Statement;
 
-/// Kept in the database's user_version.
+/// Of the tables below.
 constexpr int layout = 1;
 
-constexpr const char* createTable =
-    "BEGIN IMMEDIATE; "
+constexpr const char* tables =
     "CREATE TABLE entry (id INTEGER PRIMARY KEY, log INTEGER NOT NULL, label TEXT NOT NULL, "
     "serverRef INTEGER, text TEXT NOT NULL) STRICT; "
-    "CREATE INDEX entryOfLog ON entry (log, id); "
-    "PRAGMA user_version = 1; "
-    "COMMIT";
+    "CREATE INDEX entryOfLog ON entry (log, id)";
 
 /// An entry takes its bytes and one more.
 std::size_t roomOf(const std::string& entry)
@@ -87,7 +84,7 @@ bool HardwareLog::insert(const Addition& addition)
             write.bindNull();
         }
         write.bind(entry);
-        return !write.step() && write.isDone();
+        return write.run();
     });
 }
 
@@ -100,7 +97,7 @@ bool HardwareLog::dropOldest(std::uint32_t logId)
                    "SELECT id, sum(length(CAST(text AS BLOB)) + 1) OVER (ORDER BY id DESC) AS room "
                    "FROM entry WHERE log = ?1) WHERE room > ?2)");
     drop.bind(logId).bind(m_budgets.budgetOf(logId));
-    return !drop.step() && drop.isDone();
+    return drop.run();
 }
 
 std::optional<std::vector<std::string>> HardwareLog::read(std::uint32_t logId)
@@ -143,23 +140,7 @@ bool HardwareLog::openOnce()
     if (const int folder = openStateDir(""); folder >= 0) { // else the database has no place, and tells so
         close(folder);
     }
-    return m_database.open(m_path) && m_database.isSound() && makeTable();
-}
-
-bool HardwareLog::makeTable()
-{
-    std::int64_t found = 0;
-    {
-        Statement version(m_database, "PRAGMA user_version");
-        if (!version.step()) {
-            return false;
-        }
-        found = version.number(0);
-    }
-    if (found == 0) {
-        return m_database.execute(createTable);
-    }
-    return found == layout || m_database.fail("it has the layout " + std::to_string(found));
+    return m_database.open(m_path) && m_database.isSound() && m_database.useLayout(layout, tables);
 }
 
 bool HardwareLog::isWriteAheadLogAlone() const

@@ -52,7 +52,6 @@ public:
 private:
     [[nodiscard]] bool open();
     [[nodiscard]] bool openOnce();
-    [[nodiscard]] bool makeTable();
     [[nodiscard]] bool isWriteAheadLogAlone() const;
     bool replace(const std::string& what);
     bool salvage(const std::string& aside);

@@ -85,6 +85,24 @@ bool SqliteDatabase::execute(const char* sql)
     return sqlite3_exec(m_database, sql, nullptr, nullptr, nullptr) == SQLITE_OK || failed();
 }
 
+bool SqliteDatabase::useLayout(int layout, const char* tables)
+{
+    std::int64_t found = 0;
+    {
+        Statement version(*this, "PRAGMA user_version");
+        if (!version.step()) {
+            return false;
+        }
+        found = version.number(0);
+    }
+    if (found == 0) {
+        return execute((std::string("BEGIN IMMEDIATE; ") + tables +
+                        "; PRAGMA user_version = " + std::to_string(layout) + "; COMMIT")
+                           .c_str());
+    }
+    return found == layout || fail("it has the layout " + std::to_string(found));
+}
+
 bool SqliteDatabase::isSound()
 {
     std::string finding;
@@ -143,7 +161,7 @@ SqliteDatabase::Statement& SqliteDatabase::Statement::bind(std::int64_t value)
     return *this;
 }
 
-SqliteDatabase::Statement& SqliteDatabase::Statement::bind(const std::string& text)
+SqliteDatabase::Statement& SqliteDatabase::Statement::bind(std::string_view text)
 {
     sqlite3_bind_text64(m_statement, ++m_bound, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
     return *this;

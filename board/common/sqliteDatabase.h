@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -36,6 +37,9 @@ public:
 
     /// One or more statements that give nothing.
     [[nodiscard]] bool execute(const char* sql);
+    /// Makes `tables` in a database that is empty, and keeps `layout` in its user_version, all of it or
+    /// nothing once it is closed. False also for one of another layout.
+    [[nodiscard]] bool useLayout(int layout, const char* tables);
 
     /// Why the last operation failed, for people.
     [[nodiscard]] const std::string& reason() const { return m_reason; }
@@ -70,11 +74,13 @@ public:
     /// In the order of the statement's question marks.
     Statement& bind(std::int64_t value);
     /// `text` lives longer than the statement.
-    Statement& bind(const std::string& text);
+    Statement& bind(std::string_view text);
     Statement& bindNull();
 
     /// True when there is a row to read. False at the end, and when something went wrong.
     [[nodiscard]] bool step();
+    /// Carries out one that gives no rows; false when something went wrong.
+    [[nodiscard]] bool run() { return !step() && isDone(); }
     /// Whether the last `step` came to the end without anything going wrong.
     [[nodiscard]] bool isDone() const { return m_isDone; }
 
