@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace merlow::board {
 
@@ -38,14 +39,35 @@ public:
                 return errnoText();
             }
             bytes = bytes.subspan(written > 0 ? static_cast<std::size_t>(written) : 0);
+            m_size += written > 0 ? written : 0;
         }
         return "";
+    }
+
+    [[nodiscard]] std::string writeBack() override
+    {
+        const off_t begun = std::exchange(m_begun, m_size);
+        const off_t settled = std::exchange(m_settled, begun);
+        return syncRange(begun, m_size, SYNC_FILE_RANGE_WRITE) &&
+                       syncRange(settled, begun,
+                                 SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
+                                     SYNC_FILE_RANGE_WAIT_AFTER)
+                   ? ""
+                   : errnoText();
     }
 
     [[nodiscard]] std::string sync() override { return fsync(m_fd) == 0 ? "" : errnoText(); }
 
 private:
+    [[nodiscard]] bool syncRange(off_t from, off_t to, unsigned int flags) const
+    {
+        return from == to || sync_file_range(m_fd, from, to - from, flags) == 0;
+    }
+
     int m_fd;
+    off_t m_size = 0;
+    off_t m_begun = 0;   ///< up to here the disk has been given it
+    off_t m_settled = 0; ///< up to here it has it
 };
 
 } // namespace

@@ -18,6 +18,9 @@ public:
 
     /// Appends. Gives what went wrong, empty when nothing did.
     [[nodiscard]] virtual std::string write(BytesView bytes) = 0;
+    /// Has what was written since the last call brought to the disk in the background, and waits for what
+    /// that one began with: so that `sync` has little left to do. Promises nothing.
+    [[nodiscard]] virtual std::string writeBack() = 0;
     /// What was written outlives a loss of power once this has succeeded.
     [[nodiscard]] virtual std::string sync() = 0;
 };

@@ -280,7 +280,12 @@ void SwStore::addPiece(BytesView piece)
         m_load->error = "it is larger than " + std::to_string(m_config.moduleBytes) + " bytes";
     }
     if (m_load->error.empty() && m_load->check.add(piece)) {
-        if (const std::string error = m_load->file->write(piece); !error.empty()) {
+        std::string error = m_load->file->write(piece);
+        if (error.empty() && m_load->size - m_load->writtenBack >= m_config.writeBackBytes) {
+            m_load->writtenBack = m_load->size;
+            error = m_load->file->writeBack();
+        }
+        if (!error.empty()) {
             m_load->error = "it cannot be written: " + error;
         }
     }

@@ -17,6 +17,9 @@ struct SwStoreConfig {
     std::optional<loadmodule::SoftwareId> preinstalled;
     std::optional<loadmodule::SoftwareId> running; ///< from this start on; nothing for what ran last
     std::uint64_t moduleBytes = 536'870'912;       ///< of the largest module's file that is taken
+    /// Bytes of a load that come before the disk is given them, so that a slow one has little left at the
+    /// end, for which the client waits.
+    std::uint64_t writeBackBytes = 4'194'304;
 };
 
 /// The board's software: load modules in slots, and the preinstalled one that cannot be loaded or deleted.
@@ -70,6 +73,7 @@ private:
         loadmodule::SoftwareId id;
         std::uint32_t slot = 0;
         std::uint64_t size = 0;
+        std::uint64_t writtenBack = 0; ///< of `size`, what the disk was given
         loadmodule::LoadModuleCheck check;
         std::string error; ///< what stands against it but for what `check` finds
         std::unique_ptr<StoreFile> file;

@@ -57,6 +57,31 @@ TEST_F(SwStoreTest, aNewStoreHoldsThePreinstalledModuleAndRunsIt)
     EXPECT_THAT(m_said, IsEmpty());
 }
 
+TEST_F(SwStoreTest, aLoadIsBroughtToTheDiskAsItComes)
+{
+    SwStoreConfig config = twoSlots;
+    config.writeBackBytes = 100;
+    open(config);
+    const auto id = softwareOf("QXR2_R1A");
+    const Bytes module = moduleOf(id, std::string(180, 'x'));
+    ASSERT_EQ(m_store->beginLoad(id), SwStore::Begun::started);
+    for (BytesView rest = module; !rest.empty();
+         rest = rest.subspan(std::min<std::size_t>(60, rest.size()))) {
+        m_store->addPiece(rest.first(std::min<std::size_t>(60, rest.size())));
+    }
+    ASSERT_TRUE(m_store->endLoad());
+    EXPECT_THAT(m_disk.files.files.at("QXR2_R1A.lm")->writeBacks, ElementsAre(120, 240));
+
+    ASSERT_EQ(m_store->beginLoad(softwareOf("QXR3_R1A")), SwStore::Begun::started);
+    m_disk.fate.arm(DiskFate::Kind::fail, 1);
+    const Bytes other = moduleOf(softwareOf("QXR3_R1A"), std::string(180, 'x'));
+    m_store->addPiece(other);
+    EXPECT_TRUE(m_disk.fate.happened());
+    m_disk.fate.disarm();
+    EXPECT_FALSE(m_store->endLoad());
+    EXPECT_EQ(m_store->error(), "it cannot be written: No space left on device");
+}
+
 TEST_F(SwStoreTest, whatIsLoadedIsThereAfterARestart)
 {
     EXPECT_TRUE(loadInto(open(), "QXR2/7_R2B", "the software"));
@@ -467,6 +492,24 @@ TEST_F(SwStoreDiskTest, aDatabaseThatIsNoneIsLeftAsItIs)
     EXPECT_NE(inventory.open(path), "");
     EXPECT_EQ(fs::file_size(path), 2000U);
     EXPECT_NE(SqliteInventory().open(m_folder / "missing/inventory.db"), "");
+}
+
+TEST_F(SwStoreDiskTest, aFileIsBroughtToTheDiskPieceByPiece)
+{
+    DiskFiles files;
+    ASSERT_EQ(files.open(), "");
+    std::unique_ptr<StoreFile> file;
+    ASSERT_EQ(files.create("file", file), "");
+    EXPECT_EQ(file->writeBack(), "");
+    for (const char* piece : {"one ", "two ", "three"}) {
+        EXPECT_EQ(file->write(bytesOf(piece)), "");
+        EXPECT_EQ(file->writeBack(), "");
+        EXPECT_EQ(file->writeBack(), "");
+    }
+    EXPECT_EQ(file->sync(), "");
+    Bytes content;
+    EXPECT_EQ(files.readStart("file", 100, content), "");
+    EXPECT_EQ(content, bytesOf("one two three"));
 }
 
 TEST_F(SwStoreDiskTest, aFolderHasOneUser)

@@ -57,6 +57,7 @@ public:
     struct Content {
         Bytes now;
         Bytes synced;
+        std::vector<std::size_t> writeBacks = {}; ///< how much there was at each
     };
 
     explicit MemoryFiles(DiskFate& fate) : m_fate(fate) {}
@@ -120,6 +121,10 @@ private:
         std::string write(BytesView bytes) override
         {
             return m_fate.operate([&] { putBytes(m_content->now, bytes); });
+        }
+        std::string writeBack() override
+        {
+            return m_fate.operate([&] { m_content->writeBacks.push_back(m_content->now.size()); });
         }
         std::string sync() override
         {
