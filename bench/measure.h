@@ -14,7 +14,7 @@ namespace merlow::bench {
 struct Effort {
     std::size_t rounds = 45;
     double roundNanoseconds = 60e6;
-    std::size_t deaths = 15; ///< for what is measured by ending and starting processes
+    std::size_t deaths = 15; ///< for what is measured by ending and starting processes, or by whole loads
     std::size_t stormSeconds = 5;
 };
 
