@@ -55,7 +55,8 @@ public:
 
     /// Records without a session that are kept for their answers; of more the oldest go.
     static constexpr std::size_t maxAbandonedRecords = 4096;
-    /// Bytes of a list that is collected. What comes behind could not reach the client any more.
+    /// Bytes of a list that is collected. The client gets two pieces of its start; of what comes behind it
+    /// could notice only that a "<Preinstalled/>" or the end of a tag that stands there is not found.
     static constexpr std::size_t maxCollectedList = std::size_t{1} << 20;
 
     /// What a client hears that has not acquired the store.
