@@ -178,7 +178,9 @@ bool HardwareLog::replace(const std::string& what)
     }
     fs::remove(m_path + "-shm", ignored);
     fail(what + "; it is kept as " + aside);
-    if (!openOnce() || !salvage(aside)) {
+    const bool isBegun = openOnce() && salvage(aside);
+    fs::remove(aside + "-shm", ignored);
+    if (!isBegun) {
         const std::string reason = m_database.reason();
         m_database.close();
         BOARD_LOG(m_log, LogLevel::error,

@@ -50,6 +50,25 @@ int openBelow(const std::string& stateDir, const std::string& path)
     return makeFolder(folder) ? open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
 }
 
+/// The same below the run-time folder, in which the folder `path` is made so that it outlives a loss of
+/// power.
+int openInRunDir(const std::string& path)
+{
+    const std::filesystem::path runDir = base::runDirPath();
+    std::filesystem::path folder = runDir / path;
+    const bool isNew = access(folder.c_str(), F_OK) != 0;
+    const int fd = base::openRunSubdir(path);
+    for (; isNew && fd >= 0 && folder != runDir; folder = folder.parent_path()) {
+        if (!syncFolder(folder.parent_path())) {
+            const int error = errno;
+            close(fd);
+            errno = error;
+            return -1;
+        }
+    }
+    return fd;
+}
+
 } // namespace
 
 std::string stateDirPath()
@@ -61,8 +80,8 @@ std::string stateDirPath()
 int openStateDir(const std::string& path)
 {
     const std::string chosen = chosenStateDir();
-    const int folder = chosen.empty() ? base::openRunSubdir(path.empty() ? "state" : "state/" + path)
-                                      : openBelow(chosen, path);
+    const int folder =
+        chosen.empty() ? openInRunDir(path.empty() ? "state" : "state/" + path) : openBelow(chosen, path);
     if (folder < 0) {
         return -1;
     }

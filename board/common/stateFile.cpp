@@ -93,18 +93,33 @@ StateStore::Loaded StateFile::load()
 
 std::string StateFile::save(const std::string& text)
 {
-    const std::string fresh = m_name + ".new";
     const Descriptor folder(openFolder());
     if (!folder.isOpen()) {
         return reason();
     }
-    const Descriptor file(openat(folder.get(), fresh.c_str(),
-                                 O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
-    if (!file.isOpen() || base::setFileAccess(file.get()) != 0 || !writeAll(file.get(), text) ||
-        fsync(file.get()) != 0 || renameat(folder.get(), fresh.c_str(), folder.get(), m_name.c_str()) != 0) {
+    const std::string old = m_folder == Folder::state ? load().text : "";
+    if (!replace(folder.get(), text)) {
         return reason();
     }
-    return m_folder == Folder::runTime || fsync(folder.get()) == 0 ? "" : reason();
+    if (m_folder == Folder::runTime || fsync(folder.get()) == 0) {
+        return "";
+    }
+    std::string error = reason();
+    // Who hears that it was not saved must not find it at the next start.
+    if (old.empty() ? unlinkat(folder.get(), m_name.c_str(), 0) != 0 : !replace(folder.get(), old)) {
+        error += ", and it cannot be taken back: " + reason();
+    }
+    return error;
+}
+
+/// Writes it beside what stands there, and moves it over that.
+bool StateFile::replace(int folder, const std::string& text) const
+{
+    const std::string fresh = m_name + ".new";
+    const Descriptor file(openat(folder, fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                                 S_IRUSR | S_IWUSR));
+    return file.isOpen() && base::setFileAccess(file.get()) == 0 && writeAll(file.get(), text) &&
+           fsync(file.get()) == 0 && renameat(folder, fresh.c_str(), folder, m_name.c_str()) == 0;
 }
 
 } // namespace merlow::board

@@ -25,6 +25,7 @@ public:
 
 private:
     int openFolder() const;
+    bool replace(int folder, const std::string& text) const;
 
     std::string m_name;
     Folder m_folder;
