@@ -63,11 +63,13 @@ void BoardTemperatures::checkLimit(Limit& limit, Excess excessOf)
             }
         }
     }
-    const auto named = m_faults.measuredCase(limit.fault);
     if (limit.beyond.empty()) {
         m_faults.ceaseMeasured(limit.fault);
-    } else if (named && !limit.beyond.contains(*named) &&
-               m_faults.raiseMeasured(limit.fault, static_cast<std::uint32_t>(*limit.beyond.begin()))) {
+        return;
+    }
+    const auto named = m_faults.measuredCase(limit.fault);
+    if (named && !limit.beyond.contains(*named) &&
+        m_faults.raiseMeasured(limit.fault, static_cast<std::uint32_t>(*limit.beyond.begin()))) {
         m_faults.ceaseMeasured(limit.fault); // the first of them, so that there is one all the time
     }
 }
