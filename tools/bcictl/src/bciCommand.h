@@ -21,12 +21,6 @@ tools::CommandTable<tools::BciClient> commandTable();
 /// session, which does so by itself.
 [[nodiscard]] tools::ExitStatus stayConnected(tools::BciClient& client, Output& output);
 
-/// What a confirm means.
-struct Told {
-    std::string text; ///< for people
-    Fields fields;    ///< the same for programs
-};
-
 /// A record followed by a terminated text.
 template <class R> [[nodiscard]] MnetMsgPtr toMessage(const R& record, const std::string& text)
 {

@@ -8,6 +8,12 @@
 
 namespace merlow::bcictl {
 
+/// What a confirm means.
+struct Told {
+    std::string text;     ///< for people
+    tools::Fields fields; ///< the same for programs
+};
+
 /// "clientRef 1, serverRef 300".
 std::string referencesText(const TarnNodeCommonAddressInfoS& references);
 
