@@ -37,8 +37,9 @@ endif()
 
 # Debian's hardening flags, for every build that a sanitizer does not already watch.
 if(MERLOW_SANITIZE)
-    # Without optimisation: the checks cost more in the compiler than they do in the tests.
-    add_compile_options(-fsanitize=${MERLOW_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -O0 -g1)
+    # Without optimisation: the checks cost more in the compiler than they do in the tests. A fuzzer runs for hours.
+    add_compile_options(-fsanitize=${MERLOW_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g1
+        $<IF:$<BOOL:${MERLOW_FUZZ}>,-O1,-O0>)
     add_link_options(-fsanitize=${MERLOW_SANITIZE})
     # For the few tests that one of them cannot run; the compilers have no name for it in common.
     if(MERLOW_SANITIZE MATCHES "address")
@@ -52,6 +53,10 @@ else()
         add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
     endif()
     add_link_options(LINKER:-z,relro,-z,now)
+endif()
+# Everything tells the fuzzer where it has been; what is fuzzed links the rest of it (tests/fuzz).
+if(MERLOW_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 # Counts what is run of the folders that ask for it; each process adds to the files of one folder, whoever it
 # runs as: a file for each test program and each library in it or its children. `scripts/coverage` reads them.

@@ -73,6 +73,8 @@ public:
     [[nodiscard]] std::size_t mailboxCount(Process process) const;
     [[nodiscard]] mnet_mbox_id_t find(const std::string& name) const;
     [[nodiscard]] bool exists(mnet_mbox_id_t mbox) const { return m_mailboxes.count(mbox) != 0; }
+    /// Whose the mailbox is; it has to exist.
+    [[nodiscard]] Process processOf(mnet_mbox_id_t mbox) const { return m_mailboxes.at(mbox).process; }
     [[nodiscard]] std::string nameOf(mnet_mbox_id_t mbox) const;
     [[nodiscard]] std::size_t monitorCount() const { return m_monitors.size(); }
     [[nodiscard]] std::size_t pendingLocates() const { return m_locates.size(); }
