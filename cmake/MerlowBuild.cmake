@@ -134,37 +134,33 @@ if(MERLOW_SANITIZE MATCHES "undefined")
     target_compile_options(merlow_test_flags INTERFACE -fno-sanitize=undefined)
 endif()
 
-# What the command-line programs share with the neighbours: their headers are most of what one of their
-# sources costs to compile, so they are compiled once, for libraries and for programs.
-function(merlow_precompile_program_headers target)
-    get_target_property(type ${target} TYPE)
-    string(TOLOWER "merlow_program_headers_${type}" headers)
-    if(NOT TARGET ${headers})
-        find_package(CLI11 REQUIRED)
-        find_package(nlohmann_json REQUIRED)
-        file(WRITE "${CMAKE_BINARY_DIR}/${headers}.cpp" "int main() { return 0; }\n")
-        if(type STREQUAL "EXECUTABLE")
-            add_executable(${headers} EXCLUDE_FROM_ALL "${CMAKE_BINARY_DIR}/${headers}.cpp")
-        else()
-            add_library(${headers} STATIC EXCLUDE_FROM_ALL "${CMAKE_BINARY_DIR}/${headers}.cpp")
-        endif()
-        target_link_libraries(${headers} PRIVATE CLI11::CLI11 nlohmann_json::nlohmann_json merlow_warnings)
-        target_precompile_headers(${headers} PRIVATE
-            <CLI/CLI.hpp> <nlohmann/json.hpp> <filesystem> <functional> <map> <memory> <optional> <string> <vector>)
+# Headers that are most of what a source costs to compile, compiled once. A target of nothing holds them, because
+# the others take them from a target; it is compiled as those are.
+function(merlow_precompiled_headers name position)
+    cmake_parse_arguments(arg "" "" "LIBS;HEADERS" ${ARGN})
+    if(NOT TARGET ${name})
+        file(WRITE "${CMAKE_BINARY_DIR}/${name}.cpp" "")
+        add_library(${name} OBJECT EXCLUDE_FROM_ALL "${CMAKE_BINARY_DIR}/${name}.cpp")
+        set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+        target_compile_options(${name} PRIVATE ${position})
+        target_link_libraries(${name} PRIVATE ${arg_LIBS})
+        target_precompile_headers(${name} PRIVATE ${arg_HEADERS})
     endif()
-    target_precompile_headers(${target} REUSE_FROM ${headers})
 endfunction()
 
-# The test framework's headers, compiled once for all test programs: they are most of what a test costs to
-# compile.
-function(merlow_precompile_test_headers)
-    if(NOT TARGET merlow_test_headers)
-        file(WRITE "${CMAKE_BINARY_DIR}/merlow_test_headers.cpp" "int main() {}\n")
-        add_executable(merlow_test_headers EXCLUDE_FROM_ALL "${CMAKE_BINARY_DIR}/merlow_test_headers.cpp")
-        target_link_libraries(merlow_test_headers PRIVATE merlow_test_flags GTest::gmock GTest::gtest)
-        target_precompile_headers(merlow_test_headers PRIVATE
-            <gmock/gmock.h> <gtest/gtest.h> <functional> <map> <memory> <optional> <string> <thread> <vector>)
-    endif()
+# For a static library of a program or a neighbour that reads or writes JSON.
+function(merlow_precompile_json target)
+    find_package(nlohmann_json REQUIRED)
+    merlow_precompiled_headers(merlow_json_headers -fPIC LIBS nlohmann_json::nlohmann_json merlow_warnings
+        HEADERS <nlohmann/json.hpp> <filesystem> <functional> <map> <memory> <optional> <string> <vector>)
+    target_precompile_headers(${target} REUSE_FROM merlow_json_headers)
+endfunction()
+
+# For a test program.
+function(merlow_precompile_test_headers target)
+    merlow_precompiled_headers(merlow_test_headers -fPIE LIBS merlow_test_flags GTest::gmock GTest::gtest
+        HEADERS <gmock/gmock.h> <gtest/gtest.h> <functional> <map> <memory> <optional> <string> <thread> <vector>)
+    target_precompile_headers(${target} REUSE_FROM merlow_test_headers)
 endfunction()
 
 # merlow_test(NAME SOURCES ... LIBS ... [TIMEOUT seconds] [LABELS ...]): a GoogleTest program, each of its
@@ -177,9 +173,8 @@ function(merlow_test name)
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 60)
     endif()
-    merlow_precompile_test_headers()
     add_executable(${name} ${arg_SOURCES})
-    target_precompile_headers(${name} REUSE_FROM merlow_test_headers)
+    merlow_precompile_test_headers(${name})
     foreach(label IN LISTS arg_LABELS)
         if(NOT TARGET tests_${label})
             add_custom_target(tests_${label})

@@ -81,117 +81,112 @@ std::vector<Target> targetsOf(const Options& options)
     return {*targetNamed(options.target)};
 }
 
-CLI::App* addPlan(CLI::App& app, Options& options, const std::string& name, const std::string& what)
+base::Syntax& addPlan(base::Syntax& app, Options& options, const std::string& name, const std::string& what)
 {
-    CLI::App* plan = app.add_subcommand(name, what);
-    plan->add_option("KIND", options.kind, "The request whose next answer is meant")->required();
-    plan->add_option("--count", options.count, "How many answers")
-        ->check(CLI::Range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max(), "COUNT"));
+    base::Syntax& plan = app.addCommand(name, what);
+    plan.addOption("KIND", options.kind, "The request whose next answer is meant").required();
+    plan.addOption("--count", options.count, "How many answers")
+        .range(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max(), "COUNT");
     return plan;
 }
 
-void addTarget(CLI::App& command, Options& options)
+void addTarget(base::Syntax& command, Options& options)
 {
-    command.add_option("PROGRAM", options.target, "brhd, legacyd or swmd; all when left out")
-        ->check(CLI::IsMember({"brhd", "legacyd", "swmd"}));
+    command.addOption("PROGRAM", options.target, "brhd, legacyd or swmd; all when left out")
+        .oneOf({"brhd", "legacyd", "swmd"});
 }
 
-void addFault(CLI::App& app, Options& options)
+void addFault(base::Syntax& app, Options& options)
 {
-    CLI::App* fault = app.add_subcommand("fault", "Raise, cease and list the board's faults");
-    fault->fallthrough();
-    fault->require_subcommand(1);
-    CLI::App* raise = fault->add_subcommand("raise", "Raise a fault; again makes it another one");
-    CLI::App* cease = fault->add_subcommand("cease", "Cease the first one raised of a fault");
-    for (CLI::App* command : {raise, cease}) {
-        command->add_option("FAULT", options.fault, "Its number or its name, as HW_FAULT")->required();
+    base::Syntax& fault = app.addCommand("fault", "Raise, cease and list the board's faults");
+    fault.allowOptionsBehindCommands();
+    fault.requireCommand();
+    base::Syntax& raise = fault.addCommand("raise", "Raise a fault; again makes it another one");
+    base::Syntax& cease = fault.addCommand("cease", "Cease the first one raised of a fault");
+    for (base::Syntax* command : {&raise, &cease}) {
+        command->addOption("FAULT", options.fault, "Its number or its name, as HW_FAULT").required();
     }
-    raise->add_option("--case", options.faultCase, "The fault's case")->capture_default_str();
-    raise->add_option("--fan", options.fan, "The fan's product number");
-    raise->add_option("--parent", options.parent, "The product number of the unit that hosts the fan");
-    raise->add_option("--slot", options.slot, "The fan's position")
-        ->check(
-            CLI::Range(std::uint32_t{0}, std::uint32_t{std::numeric_limits<std::int32_t>::max()}, "SLOT"));
-    CLI::App* list = fault->add_subcommand("list", "List the active faults, the first one raised first");
-    list->add_flag("--json", options.json, "As one JSON list");
+    raise.addOption("--case", options.faultCase, "The fault's case").showDefault();
+    raise.addOption("--fan", options.fan, "The fan's product number");
+    raise.addOption("--parent", options.parent, "The product number of the unit that hosts the fan");
+    raise.addOption("--slot", options.slot, "The fan's position")
+        .range(std::uint32_t{0}, std::uint32_t{std::numeric_limits<std::int32_t>::max()}, "SLOT");
+    base::Syntax& list = fault.addCommand("list", "List the active faults, the first one raised first");
+    list.addFlag("--json", options.json, "As one JSON list");
 }
 
-void addTemperature(CLI::App& app, Options& options)
+void addTemperature(base::Syntax& app, Options& options)
 {
     constexpr double coldest = -3276.8;
     constexpr double hottest = 3276.7;
-    CLI::App* temp = app.add_subcommand("temp", "Set and list the board's temperatures");
-    temp->fallthrough();
-    temp->require_subcommand(1);
-    CLI::App* set = temp->add_subcommand("set", "Have a sensor tell a temperature until it is unset");
-    CLI::App* unset = temp->add_subcommand("unset", "Have a sensor measure again");
-    for (CLI::App* command : {set, unset}) {
-        command->add_option("SENSOR", options.sensor, "Its name or its number")->required();
+    base::Syntax& temp = app.addCommand("temp", "Set and list the board's temperatures");
+    temp.allowOptionsBehindCommands();
+    temp.requireCommand();
+    base::Syntax& set = temp.addCommand("set", "Have a sensor tell a temperature until it is unset");
+    base::Syntax& unset = temp.addCommand("unset", "Have a sensor measure again");
+    for (base::Syntax* command : {&set, &unset}) {
+        command->addOption("SENSOR", options.sensor, "Its name or its number").required();
     }
-    set->add_option("DEGREES", options.degrees, "Degrees Celsius; counted in tenths")
-        ->required()
-        ->check(CLI::Range(coldest, hottest));
-    CLI::App* list = temp->add_subcommand("list", "List the sensors and what they tell");
-    list->add_flag("--json", options.json, "As one JSON list");
+    set.addOption("DEGREES", options.degrees, "Degrees Celsius; counted in tenths")
+        .required()
+        .range(coldest, hottest);
+    base::Syntax& list = temp.addCommand("list", "List the sensors and what they tell");
+    list.addFlag("--json", options.json, "As one JSON list");
 }
 
-void addCommands(CLI::App& app, Options& options)
+void addCommands(base::Syntax& app, Options& options)
 {
-    app.add_option("--timeout", options.timeout, "Seconds to wait for an answer")
-        ->check(CLI::Range(0.001, 86400.0))
-        ->capture_default_str();
+    app.addOption("--timeout", options.timeout, "Seconds to wait for an answer")
+        .range(0.001, 86400.0)
+        .showDefault();
 
-    CLI::App* status = app.add_subcommand("status", "Print what the neighbours hold and have counted");
-    addTarget(*status, options);
-    status->add_flag("--json", options.json, "As one JSON object");
-    CLI::App* kinds = app.add_subcommand("kinds", "List the kinds of answers that can be planned");
-    addTarget(*kinds, options);
-    kinds->add_flag("--json", options.json, "As one JSON object");
+    base::Syntax& status = app.addCommand("status", "Print what the neighbours hold and have counted");
+    addTarget(status, options);
+    status.addFlag("--json", options.json, "As one JSON object");
+    base::Syntax& kinds = app.addCommand("kinds", "List the kinds of answers that can be planned");
+    addTarget(kinds, options);
+    kinds.addFlag("--json", options.json, "As one JSON object");
 
-    CLI::App* refuse = addPlan(app, options, "refuse", "Reject the next request of a kind");
-    refuse->add_option("--cause", options.cause, "The reason in the reject, by name");
-    CLI::App* delay = addPlan(app, options, "delay", "Serve the next request of a kind, answer it later");
-    delay->add_option("--ms", options.ms, "Milliseconds")->required();
+    base::Syntax& refuse = addPlan(app, options, "refuse", "Reject the next request of a kind");
+    refuse.addOption("--cause", options.cause, "The reason in the reject, by name");
+    base::Syntax& delay = addPlan(app, options, "delay", "Serve the next request of a kind, answer it later");
+    delay.addOption("--ms", options.ms, "Milliseconds").required();
     addPlan(app, options, "drop", "Serve the next request of a kind, lose its answer");
     addPlan(app, options, "abort", "Give up the transfer that the next request of a kind belongs to");
 
-    CLI::App* lose = app.add_subcommand(
+    base::Syntax& lose = app.addCommand(
         "lose", "Lose a server's connections: its mailbox goes and comes back, or one is forgotten silently; "
                 "those of swm are closed");
-    lose->add_option("SERVER", options.server, "bri, bmmi, legacy or swm")
-        ->required()
-        ->check(CLI::IsMember({"bri", "bmmi", "legacy", "swm"}));
-    lose->add_option("--ref", options.ref, "The server's reference of the one connection to lose");
+    lose.addOption("SERVER", options.server, "bri, bmmi, legacy or swm")
+        .required()
+        .oneOf({"bri", "bmmi", "legacy", "swm"});
+    lose.addOption("--ref", options.ref, "The server's reference of the one connection to lose");
 
-    CLI::App* answer = app.add_subcommand("answer", "Answer a signal that legacyd would echo");
-    answer->add_option("SIGNAL", options.signal, "The signal's number")->required();
-    answer->add_option("NUMBER", options.number, "The answer's number")->required();
-    answer->add_option("FIELDS", options.fields, "What follows the references in the answer, in hexadecimal");
+    base::Syntax& answer = app.addCommand("answer", "Answer a signal that legacyd would echo");
+    answer.addOption("SIGNAL", options.signal, "The signal's number").required();
+    answer.addOption("NUMBER", options.number, "The answer's number").required();
+    answer.addOption("FIELDS", options.fields, "What follows the references in the answer, in hexadecimal");
 
     addFault(app, options);
     addTemperature(app, options);
 
-    CLI::App* leds = app.add_subcommand("leds", "Show the board's lamps in a row");
-    leds->add_flag("--json", options.json, "As one JSON list");
-    CLI::App* serviceMan = app.add_subcommand("serviceman", "A service man comes to the board, or leaves it");
-    serviceMan->add_option("PRESENCE", options.presence, "on or off")
-        ->required()
-        ->check(CLI::IsMember({"on", "off"}));
+    base::Syntax& leds = app.addCommand("leds", "Show the board's lamps in a row");
+    leds.addFlag("--json", options.json, "As one JSON list");
+    base::Syntax& serviceMan = app.addCommand("serviceman", "A service man comes to the board, or leaves it");
+    serviceMan.addOption("PRESENCE", options.presence, "on or off").required().oneOf({"on", "off"});
 
-    CLI::App* describe = app.add_subcommand("describe", "Print the board description that is in force");
-    describe->add_flag("--json", options.json, "As one JSON object, in the form of the file");
+    base::Syntax& describe = app.addCommand("describe", "Print the board description that is in force");
+    describe.addFlag("--json", options.json, "As one JSON object, in the form of the file");
 
-    CLI::App* clear = app.add_subcommand("clear", "Undo all plans and answers");
-    addTarget(*clear, options);
+    base::Syntax& clear = app.addCommand("clear", "Undo all plans and answers");
+    addTarget(clear, options);
 }
 
-Order planOf(const CLI::App& command, const Options& options)
+Order planOf(const base::Syntax& command, const Options& options)
 {
-    nlohmann::json request{{"command", "plan"},
-                           {"action", command.get_name()},
-                           {"kind", options.kind},
-                           {"count", options.count}};
-    if (command.get_name() == "delay") {
+    nlohmann::json request{
+        {"command", "plan"}, {"action", command.name()}, {"kind", options.kind}, {"count", options.count}};
+    if (command.name() == "delay") {
         request["ms"] = options.ms;
     }
     if (!options.cause.empty()) {
@@ -201,41 +196,41 @@ Order planOf(const CLI::App& command, const Options& options)
     return {target ? std::vector<Target>{*target} : std::vector<Target>{}, std::move(request)};
 }
 
-Order loseOf(const CLI::App& command, const Options& options)
+Order loseOf(const base::Syntax& command, const Options& options)
 {
     nlohmann::json request{{"command", "lose"}, {"server", options.server}};
-    if (command.count("--ref") != 0) {
+    if (command.isGiven("--ref")) {
         request["ref"] = options.ref;
     }
     return {{*targetNamed(options.server)}, std::move(request)};
 }
 
-Order faultOf(const CLI::App& command, const Options& options)
+Order faultOf(const base::Syntax& command, const Options& options)
 {
-    const CLI::App& action = *command.get_subcommands().front();
-    nlohmann::json request{{"command", "fault"}, {"action", action.get_name()}};
-    if (action.get_name() != "list") {
+    const base::Syntax& action = *command.givenCommand();
+    nlohmann::json request{{"command", "fault"}, {"action", action.name()}};
+    if (action.name() != "list") {
         request["id"] = options.fault;
     }
-    if (action.get_name() == "raise") {
+    if (action.name() == "raise") {
         request["case"] = options.faultCase;
-        if (action.count("--fan") != 0) {
+        if (action.isGiven("--fan")) {
             request["fan"] = options.fan;
         }
-        if (action.count("--parent") != 0) {
+        if (action.isGiven("--parent")) {
             request["parent"] = options.parent;
         }
-        if (action.count("--slot") != 0) {
+        if (action.isGiven("--slot")) {
             request["slot"] = options.slot;
         }
     }
     return {{brhd}, std::move(request)};
 }
 
-Order temperatureOf(const CLI::App& command, const Options& options)
+Order temperatureOf(const base::Syntax& command, const Options& options)
 {
     constexpr double tenthsInDegree = 10;
-    const std::string& action = command.get_subcommands().front()->get_name();
+    const std::string& action = command.givenCommand()->name();
     nlohmann::json request{{"command", "temp"}, {"action", action}};
     if (action != "list") {
         request["sensor"] = options.sensor;
@@ -246,9 +241,9 @@ Order temperatureOf(const CLI::App& command, const Options& options)
     return {{brhd}, std::move(request)};
 }
 
-Order orderOf(const CLI::App& command, const Options& options)
+Order orderOf(const base::Syntax& command, const Options& options)
 {
-    const std::string& name = command.get_name();
+    const std::string& name = command.name();
     if (name == "lose") {
         return loseOf(command, options);
     }
@@ -355,7 +350,7 @@ int reportJson(const std::vector<Target>& targets, const std::vector<Reply>& rep
     return status;
 }
 
-int carryOut(const CLI::App& command, const Options& options)
+int carryOut(const base::Syntax& command, const Options& options)
 {
     const Order order = orderOf(command, options);
     if (order.targets.empty()) {
@@ -376,7 +371,7 @@ int carryOut(const CLI::App& command, const Options& options)
     // Asked for all, one that does not run is worth a line, not a failure.
     int best = notFound;
     for (std::size_t index = 0; index < replies.size(); ++index) {
-        best = std::min(best, report(order.targets[index], replies[index], command.get_name()));
+        best = std::min(best, report(order.targets[index], replies[index], command.name()));
     }
     return best;
 }
@@ -386,16 +381,18 @@ int carryOut(const CLI::App& command, const Options& options)
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Acts on the reference board's neighbours as a test engineer would.", "boardctl");
-    app.fallthrough(); // for the commands to come: options for all stand in front of a command or behind it
+    merlow::base::Syntax app("boardctl",
+                             "Acts on the reference board's neighbours as a test engineer would.");
+    app.allowOptionsBehindCommands(); // for the commands to come: options for all stand in front of a command
+                                      // or behind it
     merlow::board::Options options;
-    merlow::base::addCommonOptions(app, options.runDir);
+    app.addCommonOptions(options.runDir);
     merlow::board::addCommands(app, options);
     app.footer(merlow::board::footer);
-    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+    if (const auto status = app.parse(argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(options.runDir);
-    const int status = merlow::board::carryOut(*app.get_subcommands().front(), options);
+    const int status = merlow::board::carryOut(*app.givenCommand(), options);
     return merlow::base::finishOutput("boardctl", status);
 }

@@ -29,28 +29,27 @@ struct Options {
     std::string ledFolder = "/sys/class/leds";
 };
 
-void addOptions(CLI::App& app, Options& options)
+void addOptions(merlow::base::Syntax& app, Options& options)
 {
-    const CLI::Range anyRevision(std::uint32_t{1}, std::numeric_limits<std::uint32_t>::max(), "REVISION");
-    merlow::base::addCommonOptions(app, options.runDir);
-    app.add_option("--bri-revisions", options.briRevisions, "Protocol revisions that BriServer supports")
-        ->delimiter(',')
-        ->check(anyRevision)
-        ->capture_default_str();
-    app.add_option("--bmmi-revisions", options.bmmiRevisions, "Protocol revisions that BmmiServer supports")
-        ->delimiter(',')
-        ->check(anyRevision)
-        ->capture_default_str();
-    app.add_option("--max-connections", options.maxConnections, "Connections that each server accepts")
-        ->check(CLI::Range(std::uint32_t{0}, std::numeric_limits<std::uint32_t>::max(), "COUNT"))
-        ->capture_default_str();
-    app.add_option("--clock-speed", options.clockSpeed,
-                   "How many times as fast as the system's clock the board does what takes time, for tests")
-        ->check(CLI::Range(1U, 1000U))
-        ->capture_default_str();
-    app.add_option("--hwmon", options.hwmonFolder, "Where the machine tells its temperatures")
-        ->capture_default_str();
-    app.add_option("--leds", options.ledFolder, "Where the machine has its LEDs")->capture_default_str();
+    constexpr std::uint32_t most = std::numeric_limits<std::uint32_t>::max();
+    app.addCommonOptions(options.runDir);
+    app.addOption("--bri-revisions", options.briRevisions, "Protocol revisions that BriServer supports")
+        .separatedBy(',')
+        .range(1U, most, "REVISION")
+        .showDefault();
+    app.addOption("--bmmi-revisions", options.bmmiRevisions, "Protocol revisions that BmmiServer supports")
+        .separatedBy(',')
+        .range(1U, most, "REVISION")
+        .showDefault();
+    app.addOption("--max-connections", options.maxConnections, "Connections that each server accepts")
+        .range(0U, most, "COUNT")
+        .showDefault();
+    app.addOption("--clock-speed", options.clockSpeed,
+                  "How many times as fast as the system's clock the board does what takes time, for tests")
+        .range(1U, 1000U)
+        .showDefault();
+    app.addOption("--hwmon", options.hwmonFolder, "Where the machine tells its temperatures").showDefault();
+    app.addOption("--leds", options.ledFolder, "Where the machine has its LEDs").showDefault();
 }
 
 merlow::board::Brhd::Config configOf(const Options& options, merlow::board::LoadedBoard board)
@@ -67,12 +66,12 @@ merlow::board::Brhd::Config configOf(const Options& options, merlow::board::Load
 
 int main(int argc, char** argv)
 {
-    CLI::App app("The reference board's resource handler: the BRI and the BMMI server. Ends on SIGTERM and "
-                 "SIGINT.",
-                 "brhd");
+    merlow::base::Syntax app(
+        "brhd",
+        "The reference board's resource handler: the BRI and the BMMI server. Ends on SIGTERM and SIGINT.");
     Options options;
     addOptions(app, options);
-    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+    if (const auto status = app.parse(argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(options.runDir);

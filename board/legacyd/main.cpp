@@ -4,12 +4,11 @@
 
 int main(int argc, char** argv)
 {
-    CLI::App app("The reference board's legacy server: confirms connections and echoes all other signals. "
-                 "Ends on SIGTERM and SIGINT.",
-                 "legacyd");
+    merlow::base::Syntax app("legacyd", "The reference board's legacy server: confirms connections and "
+                                        "echoes all other signals. Ends on SIGTERM and SIGINT.");
     std::string runDir;
-    merlow::base::addCommonOptions(app, runDir);
-    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+    app.addCommonOptions(runDir);
+    if (const auto status = app.parse(argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(runDir);

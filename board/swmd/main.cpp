@@ -55,38 +55,38 @@ std::string objectionToSoftware(const std::string& text)
                      std::to_string(loadmodule::maxIdSize) + " characters";
 }
 
-void addOptions(CLI::App& app, Options& options)
+void addOptions(base::Syntax& app, Options& options)
 {
     constexpr std::uint32_t maxSlots = 256;
     // A message socket takes frames of 256 KiB, and the smallest list piece still has to get through.
     constexpr std::uint32_t maxBlockSize = 262'000;
     constexpr std::uint32_t maxListPiece = 65'536;
-    merlow::base::addCommonOptions(app, options.runDir);
-    app.add_option("--slots", options.slots, "Load modules that the store holds")
-        ->check(CLI::Range(std::uint32_t{0}, maxSlots, "COUNT"))
-        ->capture_default_str();
-    app.add_option("--module-bytes", options.moduleBytes, "Bytes of the largest load module that is taken")
-        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1} << 40U, "BYTES"))
-        ->capture_default_str();
-    app.add_option("--preinstalled", options.preinstalled, "The preinstalled module, or none")
-        ->check(objectionToSoftware)
-        ->capture_default_str();
-    app.add_option("--running", options.running,
-                   "What runs from now on; when left out what a restart order says, else what ran last")
-        ->check(objectionToSoftware);
-    app.add_option("--boot", options.boot, "The boot software that clients are told of, or none")
-        ->delimiter(',')
-        ->check(objectionToSoftware)
-        ->capture_default_str();
-    app.add_option("--max-connections", options.maxConnections, "Connections that are accepted")
-        ->check(CLI::Range(std::uint32_t{0}, std::uint32_t{256}, "COUNT"))
-        ->capture_default_str();
-    app.add_option("--block-size", options.blockSize, "Bytes of a block that clients are asked to keep to")
-        ->check(CLI::Range(std::uint32_t{1}, maxBlockSize, "BYTES"))
-        ->capture_default_str();
-    app.add_option("--list-piece", options.listPiece, "Bytes of a piece of the component list")
-        ->check(CLI::Range(std::uint32_t{1}, maxListPiece, "BYTES"))
-        ->capture_default_str();
+    app.addCommonOptions(options.runDir);
+    app.addOption("--slots", options.slots, "Load modules that the store holds")
+        .range(std::uint32_t{0}, maxSlots, "COUNT")
+        .showDefault();
+    app.addOption("--module-bytes", options.moduleBytes, "Bytes of the largest load module that is taken")
+        .range(std::uint64_t{1}, std::uint64_t{1} << 40U, "BYTES")
+        .showDefault();
+    app.addOption("--preinstalled", options.preinstalled, "The preinstalled module, or none")
+        .check(objectionToSoftware)
+        .showDefault();
+    app.addOption("--running", options.running,
+                  "What runs from now on; when left out what a restart order says, else what ran last")
+        .check(objectionToSoftware);
+    app.addOption("--boot", options.boot, "The boot software that clients are told of, or none")
+        .separatedBy(',')
+        .check(objectionToSoftware)
+        .showDefault();
+    app.addOption("--max-connections", options.maxConnections, "Connections that are accepted")
+        .range(std::uint32_t{0}, std::uint32_t{256}, "COUNT")
+        .showDefault();
+    app.addOption("--block-size", options.blockSize, "Bytes of a block that clients are asked to keep to")
+        .range(std::uint32_t{1}, maxBlockSize, "BYTES")
+        .showDefault();
+    app.addOption("--list-piece", options.listPiece, "Bytes of a piece of the component list")
+        .range(std::uint32_t{1}, maxListPiece, "BYTES")
+        .showDefault();
     app.footer(
         "Slots, sizes and the preinstalled module are those of the board description, MERLOW_BOARD_FILE, "
         "unless\nan option says otherwise. The store is in the folder MERLOW_STATE_DIR, else in the folder "
@@ -153,13 +153,13 @@ int serve(const Options& options)
 
 int main(int argc, char** argv)
 {
-    CLI::App app("The reference board's software management server: stores load modules. Ends on SIGTERM and "
-                 "SIGINT.",
-                 "swmd");
+    merlow::base::Syntax app(
+        "swmd",
+        "The reference board's software management server: stores load modules. Ends on SIGTERM and SIGINT.");
     const auto board = merlow::board::loadBoardDescription();
     auto options = merlow::board::optionsOf(board.description.store);
     merlow::board::addOptions(app, options);
-    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+    if (const auto status = app.parse(argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(options.runDir);

@@ -2,10 +2,10 @@
 // at random. In the end the unit must be up and right, with nothing left over.
 
 #include "busyClients.h"
+#include "programOptions.h"
 #include "supervisedUnit.h"
 
 #include <algorithm>
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <fstream>
 #include <iostream>
@@ -283,13 +283,15 @@ private:
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Kills, stops and continues the parts of a unit at random while clients work with it.",
-                 "chaos");
+    merlow::base::Syntax app(
+        "chaos", "Kills, stops and continues the parts of a unit at random while clients work with it.");
     unsigned seconds = 10;
     std::uint64_t seed = std::random_device()();
-    app.add_option("--seconds", seconds, "How long")->check(CLI::Range(1U, 86400U))->capture_default_str();
-    app.add_option("--seed", seed, "Decides what happens when; a new one each time if not given");
-    CLI11_PARSE(app, argc, argv);
+    app.addOption("--seconds", seconds, "How long").range(1U, 86400U).showDefault();
+    app.addOption("--seed", seed, "Decides what happens when; a new one each time if not given");
+    if (const auto status = app.parse(argc, argv)) {
+        return *status;
+    }
 
     const std::string command =
         "chaos --seconds " + std::to_string(seconds) + " --seed " + std::to_string(seed);

@@ -52,14 +52,18 @@ private:
 
 class Faults : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_flag("--follow", m_follows,
-                     "Stay, and print each raise and cease as it happens; a session does so anyway");
-        app.add_option("--kind", m_kind,
-                       "The subscription: default, or hw-label or recovery-time, which the unit confirms and "
-                       "sends nothing for")
-            ->transform(CLI::CheckedTransformer(kinds));
+        app.addFlag("--follow", m_follows,
+                    "Stay, and print each raise and cease as it happens; a session does so anyway");
+        const auto take = [this](const std::string& name) {
+            m_kind = kinds.at(name);
+            return std::string();
+        };
+        app.addReader("--kind", take,
+                      "The subscription: default, or hw-label or recovery-time, which the unit confirms and "
+                      "sends nothing for")
+            .oneOf({"default", "hw-label", "recovery-time"});
     }
 
     ExitStatus run(BciClient& client, Output& output) override

@@ -36,30 +36,30 @@ std::string countText(std::size_t count)
 
 class HwLog : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.require_subcommand(1);
-        CLI::App* const get = app.add_subcommand("get", "Read a log; the unit sends what fits into a signal");
-        addLogId(*get);
-        CLI::App* const set =
-            app.add_subcommand("set", "Write entries behind those of a log; 2 is the node configuration");
-        addLogId(*set);
-        set->add_option("--label", m_label, "The label that the entries are kept under")
-            ->required()
-            ->check([](const std::string& text) {
+        app.requireCommand();
+        base::Syntax& get = app.addCommand("get", "Read a log; the unit sends what fits into a signal");
+        addLogId(get);
+        base::Syntax& set =
+            app.addCommand("set", "Write entries behind those of a log; 2 is the node configuration");
+        addLogId(set);
+        set.addOption("--label", m_label, "The label that the entries are kept under")
+            .required()
+            .check([](const std::string& text) {
                 constexpr auto longest = sizeof(TarnBcHwLogSetReqS::logLabel) - 1;
                 return text.size() <= longest ? std::string()
                                               : "at most " + std::to_string(longest) + " characters: " + text;
             });
-        set->add_option("ENTRY", m_entries, "A text; all together have room for 424 bytes, one more each")
-            ->check([](const std::string& text) { return text.empty() ? "an entry is empty" : ""; });
-        set->callback([this] {
+        set.addOption("ENTRY", m_entries, "A text; all together have room for 424 bytes, one more each")
+            .check([](const std::string& text) { return text.empty() ? "an entry is empty" : ""; });
+        set.onGiven([this] {
             m_isSet = true;
-            if (packedEntries().size() > BCI_HWLOG_ENTRIES_SIZE) {
-                throw CLI::ValidationError("ENTRY",
-                                           "the entries take " + std::to_string(packedEntries().size()) +
-                                               " bytes, there are " + std::to_string(BCI_HWLOG_ENTRIES_SIZE));
-            }
+            const auto size = packedEntries().size();
+            return size <= BCI_HWLOG_ENTRIES_SIZE
+                       ? std::string()
+                       : "ENTRY: the entries take " + std::to_string(size) + " bytes, there are " +
+                             std::to_string(BCI_HWLOG_ENTRIES_SIZE);
         });
     }
 
@@ -69,9 +69,9 @@ public:
     }
 
 private:
-    void addLogId(CLI::App& app)
+    void addLogId(base::Syntax& app)
     {
-        app.add_option("ID", m_logId, "The log's number; the unit has 0 to 999")->required();
+        app.addOption("ID", m_logId, "The log's number; the unit has 0 to 999").required();
     }
 
     /// Each with its NUL, one behind the other.

@@ -86,23 +86,23 @@ private:
 
 class Load : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_option("FILE", m_path,
-                       "A load module, or any file: then the header of a load module is put in front of it")
-            ->required()
-            ->check(CLI::ExistingFile);
-        app.add_option("--software", m_software, "What it is: product number, '_' and revision")
-            ->required()
-            ->check([](const std::string& text) {
+        app.addOption("FILE", m_path,
+                      "A load module, or any file: then the header of a load module is put in front of it")
+            .required()
+            .existingFile();
+        app.addOption("--software", m_software, "What it is: product number, '_' and revision")
+            .required()
+            .check([](const std::string& text) {
                 return loadmodule::softwareIdFrom(text) ? std::string()
                                                         : "no product number, '_' and revision: " + text;
             });
-        app.add_option(
+        app.addOption(
                "--window", m_window,
                "Blocks that may be under way without an acknowledgement, fewer when that is more than 8 MiB")
-            ->check(CLI::Range(1, 128))
-            ->capture_default_str();
+            .range(1, 128)
+            .showDefault();
     }
 
     ExitStatus run(BciClient& client, Output& output) override

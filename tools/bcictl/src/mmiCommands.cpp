@@ -23,9 +23,9 @@ using tools::Signal;
 
 class Mmi : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_option("MODE", m_mode, "The mode's number")->required();
+        app.addOption("MODE", m_mode, "The mode's number").required();
     }
 
     ExitStatus run(BciClient& client, Output& output) override
@@ -45,11 +45,11 @@ private:
 /// The argument of a command that sets a state: one of the names, or any number that the signal holds.
 template <class Number> class StateArgument {
 public:
-    void addTo(CLI::App& app, StateNames states)
+    void addTo(base::Syntax& app, StateNames states)
     {
-        app.add_option("STATE", m_text, "A number, or " + nameList(states))
-            ->required()
-            ->check([states](const std::string& text) {
+        app.addOption("STATE", m_text, "A number, or " + nameList(states))
+            .required()
+            .check([states](const std::string& text) {
                 return valueIn(states, text) ? std::string()
                                              : "neither a number from 0 to " + std::to_string(largest) +
                                                    " nor one of " + nameList(states) + ": " + text;
@@ -81,18 +81,19 @@ ExitStatus subscribe(BciClient& client, Output& output, const char* text)
 
 class Maint : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.require_subcommand(1);
-        m_set = app.add_subcommand("set", "Set the maintenance state");
-        m_state.addTo(*m_set, maintStates);
-        app.add_subcommand("follow", "Stay, and print the maintenance state and each change of it; a session "
-                                     "prints them anyway from then on");
+        app.requireCommand();
+        base::Syntax& set = app.addCommand("set", "Set the maintenance state");
+        m_state.addTo(set, maintStates);
+        m_set = &set;
+        app.addCommand("follow", "Stay, and print the maintenance state and each change of it; a session "
+                                 "prints them anyway from then on");
     }
 
     ExitStatus run(BciClient& client, Output& output) override
     {
-        return m_set->parsed() ? set(client, output) : follow(client, output);
+        return m_set->isGiven() ? set(client, output) : follow(client, output);
     }
 
 private:
@@ -116,23 +117,24 @@ private:
         return status == ExitStatus::done ? stayConnected(client, output) : status;
     }
 
-    CLI::App* m_set = nullptr; ///< of the command line, which outlives the run
+    const base::Syntax* m_set = nullptr; ///< of the command line, which outlives the run
     StateArgument<std::uint32_t> m_state;
 };
 
 class Led : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.require_subcommand(1);
-        m_set = app.add_subcommand("set", "Set one lamp's state");
-        m_state.addTo(*m_set, ledStates);
-        app.add_subcommand("get", "Read the states of the groups 1, 3 and 4 and of the support unit");
+        app.requireCommand();
+        base::Syntax& set = app.addCommand("set", "Set one lamp's state");
+        m_state.addTo(set, ledStates);
+        m_set = &set;
+        app.addCommand("get", "Read the states of the groups 1, 3 and 4 and of the support unit");
     }
 
     ExitStatus run(BciClient& client, Output& output) override
     {
-        return m_set->parsed() ? set(client, output) : get(client, output);
+        return m_set->isGiven() ? set(client, output) : get(client, output);
     }
 
 private:
@@ -173,7 +175,7 @@ private:
         told.fields[key + "Name"] = stateName(states, value);
     }
 
-    CLI::App* m_set = nullptr; ///< of the command line, which outlives the run
+    const base::Syntax* m_set = nullptr; ///< of the command line, which outlives the run
     StateArgument<std::uint16_t> m_state;
 };
 
@@ -237,18 +239,17 @@ private:
 
 class HereIAm : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.require_subcommand(1);
-        m_on = app.add_subcommand("on", "Have the unit show itself; it ends that by itself");
-        m_off = app.add_subcommand("off", "Have it stop");
-        app.add_subcommand("follow",
-                           "Stay, and print each change; a session prints them anyway from then on");
+        app.requireCommand();
+        m_on = &app.addCommand("on", "Have the unit show itself; it ends that by itself");
+        m_off = &app.addCommand("off", "Have it stop");
+        app.addCommand("follow", "Stay, and print each change; a session prints them anyway from then on");
     }
 
     ExitStatus run(BciClient& client, Output& output) override
     {
-        return m_on->parsed() || m_off->parsed() ? order(client, output) : follow(client, output);
+        return m_on->isGiven() || m_off->isGiven() ? order(client, output) : follow(client, output);
     }
 
 private:
@@ -266,7 +267,7 @@ private:
             client.setToldOfHereIAm();
         }
         auto req = tools::requestFrom<TarnBcOrdeHereIAmReqS>(client);
-        req.state = m_on->parsed() ? 1 : 2;
+        req.state = m_on->isGiven() ? 1 : 2;
         return exchange<TarnBcOrdeHereIAmReqS, TarnBcOrdeHereIAmCfmS, TarnBcOrdeHereIAmRejS>(
             client, output, req, [](const TarnBcOrdeHereIAmCfmS& cfm) {
                 const auto text = tools::textOf(cfm.text);
@@ -290,8 +291,8 @@ private:
         return stayConnected(client, output);
     }
 
-    CLI::App* m_on = nullptr; ///< of the command line, which outlives the run, as `m_off`
-    CLI::App* m_off = nullptr;
+    const base::Syntax* m_on = nullptr; ///< of the command line, which outlives the run, as `m_off`
+    const base::Syntax* m_off = nullptr;
 };
 
 } // namespace

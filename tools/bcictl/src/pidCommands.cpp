@@ -72,13 +72,13 @@ ExitStatus readContainerPid(BciClient& client, Output& output)
 
 class Pid : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_option("WHAT", m_what,
-                       "hw: the unit; market: with its extended market name; extended: that name alone, "
-                       "longer; container: what the unit sits in")
-            ->required()
-            ->check(CLI::IsMember({"hw", "market", "extended", "container"}));
+        app.addOption("WHAT", m_what,
+                      "hw: the unit; market: with its extended market name; extended: that name alone, "
+                      "longer; container: what the unit sits in")
+            .required()
+            .oneOf({"hw", "market", "extended", "container"});
     }
 
     ExitStatus run(BciClient& client, Output& output) override

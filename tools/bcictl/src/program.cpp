@@ -16,13 +16,12 @@ constexpr char footer[] =
     "Exit status: 0 done, 1 rejected by the unit, 2 wrong usage, 3 no answer in time, "
     "4 no unit found, or it went away,\n5 done, but standard output cannot be written.\n";
 
-void addOptions(CLI::App& app, BciClient::Settings& settings)
+void addOptions(base::Syntax& app, BciClient::Settings& settings)
 {
-    app.add_option("--client-ref", settings.clientRef, "The client's reference")->capture_default_str();
-    app.add_option("--server-ref", settings.serverRef,
-                   "The reference to ask for: 100-199, 300-399 or 400-499")
-        ->capture_default_str();
-    app.add_option("--rev", settings.protocolRev, "The protocol revision")->capture_default_str();
+    app.addOption("--client-ref", settings.clientRef, "The client's reference").showDefault();
+    app.addOption("--server-ref", settings.serverRef, "The reference to ask for: 100-199, 300-399 or 400-499")
+        .showDefault();
+    app.addOption("--rev", settings.protocolRev, "The protocol revision").showDefault();
 }
 
 ExitStatus runSession(BciClient& client, Output& output)
@@ -57,8 +56,8 @@ int runProgram(int argc, const char* const* argv, std::ostream& out, std::ostrea
     commandLine.app().footer(footer);
     addOptions(commandLine.app(), settings);
     choice.addTo(commandLine.app());
-    commandLine.app().add_subcommand(
-        "session", "Stay connected; take commands from standard input, \"help\" lists them");
+    commandLine.app().addCommand("session",
+                                 "Stay connected; take commands from standard input, \"help\" lists them");
     if (const auto status = commandLine.parse(argc, argv, out, err)) {
         return *status;
     }

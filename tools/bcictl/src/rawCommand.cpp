@@ -35,16 +35,16 @@ MnetMsgPtr makeSignal(std::uint32_t number, TarnNodeCommonAddressInfoS reference
 
 class Raw : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_option("NUMBER", m_number, "Decimal, hexadecimal after 0x, or the signal's name")
-            ->required()
-            ->check([](const std::string& text) {
+        app.addOption("NUMBER", m_number, "Decimal, hexadecimal after 0x, or the signal's name")
+            .required()
+            .check([](const std::string& text) {
                 return tools::parseSignalNumber(text) ? std::string() : "no signal number: " + text;
             });
-        app.add_option("HEX", m_hex,
-                       "What follows the references, in hexadecimal; blanks between bytes are free")
-            ->check([](const std::string& text) {
+        app.addOption("HEX", m_hex,
+                      "What follows the references, in hexadecimal; blanks between bytes are free")
+            .check([](const std::string& text) {
                 return tools::parseHex(text) ? std::string() : "no pairs of hexadecimal digits: " + text;
             });
     }

@@ -18,25 +18,24 @@ constexpr std::int16_t plainRestartCode = 401;
 
 class Restart : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        auto* const code = app.add_option("--code", m_code, "The restart code");
-        auto* const rank = app.add_option("--rank", m_rank, "The restart rank")->check(CLI::Range(1, 5));
-        auto* const label = app.add_option("--label", m_label, "The label that the restart is recorded with");
-        code->needs(rank)->needs(label);
-        rank->needs(code)->needs(label);
-        label->needs(code)->needs(rank);
-        auto* const info = app.add_option("--info", m_info, "What the traces of the unit say of the restart");
-        app.add_flag("--wait", m_waits,
-                     "Stay until the unit is back; the notification, its going and its coming back are each "
-                     "waited for as long as --timeout says");
-        app.parse_complete_callback([this, code, info] {
+        auto code = app.addOption("--code", m_code, "The restart code");
+        auto rank = app.addOption("--rank", m_rank, "The restart rank").range(1, 5);
+        auto label = app.addOption("--label", m_label, "The label that the restart is recorded with");
+        code.needs(rank).needs(label);
+        rank.needs(code).needs(label);
+        label.needs(code).needs(rank);
+        app.addOption("--info", m_info, "What the traces of the unit say of the restart");
+        app.addFlag("--wait", m_waits,
+                    "Stay until the unit is back; the notification, its going and its coming back are each "
+                    "waited for as long as --timeout says");
+        app.onGiven([this, code] {
             constexpr auto longest = sizeof(TarnBcRestartBoardWithRankAndLabelFwdS::traceInfo) - 1;
-            m_hasRank = code->count() != 0;
-            if (m_hasRank && m_info.size() > longest) {
-                throw CLI::ValidationError(info->get_name(),
-                                           "at most " + std::to_string(longest) + " characters with --rank");
-            }
+            m_hasRank = code.isGiven();
+            return m_hasRank && m_info.size() > longest
+                       ? "--info: at most " + std::to_string(longest) + " characters with --rank"
+                       : std::string();
         });
     }
 
@@ -74,7 +73,7 @@ private:
     ExitStatus follow(BciClient& client, Output& output) const
     {
         const auto answer = client.awaitAnswer(number(), {TARN_BC_RESTART_BOARD_NOTIFICATION_IND});
-        if (const auto* const failure = std::get_if<Failure>(&answer)) {
+        if (const auto failure = std::get_if<Failure>(&answer)) {
             return fail(output, *failure);
         }
         tellIndication(output, std::get<tools::Signal>(answer));
@@ -107,10 +106,10 @@ private:
 
 class NotifyRestart : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_option("VALUE", m_value, "What is announced, a number from 0 to 4294967295")->required();
-        app.add_option("REASON", m_reason, "The reason for the restart")->required();
+        app.addOption("VALUE", m_value, "What is announced, a number from 0 to 4294967295").required();
+        app.addOption("REASON", m_reason, "The reason for the restart").required();
     }
 
     ExitStatus run(BciClient& client, Output& output) override
@@ -135,7 +134,7 @@ public:
     {
         const auto answer = client.request(::toMessage(tools::requestFrom<TarnBcLinkSupervisionReqS>(client)),
                                            {TARN_BC_LINK_SUPERVISION_REJ});
-        const auto* const failure = std::get_if<Failure>(&answer);
+        const auto failure = std::get_if<Failure>(&answer);
         if (failure == nullptr) { // the only answer that there is is a reject
             return ExitStatus::noAnswer;
         }

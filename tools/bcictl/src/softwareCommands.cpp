@@ -30,10 +30,10 @@ public:
 
 class Select : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_option("NUMBER_REV", m_software, "Product number, '_' and revision of a stored load module")
-            ->required();
+        app.addOption("NUMBER_REV", m_software, "Product number, '_' and revision of a stored load module")
+            .required();
     }
 
     ExitStatus run(BciClient& client, Output& output) override

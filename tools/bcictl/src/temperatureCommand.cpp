@@ -70,15 +70,15 @@ TemperaturePlot plotForTerminal()
 
 class Temp : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_option("--period", m_period,
-                       "Seconds from reading to reading, 1 to 30; in a session, 0 ends the measurement")
-            ->required()
-            ->check(CLI::Range(0U, 255U));
-        app.add_option("--count", m_count, "Stop after so many readings, not on Ctrl-C alone")
-            ->check(CLI::Range(std::size_t{1}, std::numeric_limits<std::size_t>::max()));
-        app.add_flag("--plot", m_plots, "Draw the readings as lines; rows when this is no terminal");
+        app.addOption("--period", m_period,
+                      "Seconds from reading to reading, 1 to 30; in a session, 0 ends the measurement")
+            .required()
+            .range(0U, 255U);
+        app.addOption("--count", m_count, "Stop after so many readings, not on Ctrl-C alone")
+            .range(std::size_t{1}, std::numeric_limits<std::size_t>::max());
+        app.addFlag("--plot", m_plots, "Draw the readings as lines; rows when this is no terminal");
     }
 
     ExitStatus run(BciClient& client, Output& output) override

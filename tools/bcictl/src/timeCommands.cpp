@@ -27,11 +27,11 @@ std::string calendarText(std::uint32_t seconds)
 
 class Utc : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
-        app.add_option("TIME", m_time, "\"now\", or seconds since 1970-01-01 00:00:00 UTC")
-            ->required()
-            ->check([](const std::string& text) {
+        app.addOption("TIME", m_time, "\"now\", or seconds since 1970-01-01 00:00:00 UTC")
+            .required()
+            .check([](const std::string& text) {
                 return parse(text) ? std::string()
                                    : "neither \"now\" nor a number from 0 to 4294967295: " + text;
             });

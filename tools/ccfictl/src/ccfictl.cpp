@@ -50,7 +50,7 @@ int runProgram(int argc, const char* const* argv, std::ostream& out, std::ostrea
     tools::CommandChoice choice(commandTable());
     commandLine.app().footer(footer);
     choice.addTo(commandLine.app());
-    commandLine.app().add_subcommand("session", "Take commands from standard input, \"help\" lists them");
+    commandLine.app().addCommand("session", "Take commands from standard input, \"help\" lists them");
     if (const auto status = commandLine.parse(argc, argv, out, err)) {
         return *status;
     }

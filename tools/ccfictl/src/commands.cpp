@@ -24,30 +24,31 @@ std::string hex(std::uint32_t number)
 
 /// An option or argument that takes a number up to `most`, decimal or hexadecimal.
 template <class N, class Target>
-CLI::Option* addNumber(CLI::App& app, const char* name, Target& target, const char* help)
+base::Option addNumber(base::Syntax& app, const char* name, Target& target, const char* help)
 {
     return app
-        .add_option_function<std::string>(
+        .addReader(
             name,
             [&target](const std::string& text) {
                 target = static_cast<N>(tools::parseNumber(text).value_or(0));
+                return std::string();
             },
             help)
-        ->check([](const std::string& text) {
+        .check([](const std::string& text) {
             const auto number = tools::parseNumber(text);
             constexpr std::uint32_t most = std::numeric_limits<N>::max();
             return number && *number <= most ? std::string()
                                              : "no number from 0 to " + std::to_string(most) + ": " + text;
         })
-        ->type_name("NUMBER");
+        .valueName("NUMBER");
 }
 
-void addOffer(CLI::App& app, Forwarder::Offer& offer)
+void addOffer(base::Syntax& app, Forwarder::Offer& offer)
 {
     addNumber<std::uint32_t>(app, "--client-ref", offer.clientRef,
                              "The client's own reference of a new connection (1)");
-    app.add_option("--rev", offer.revisions, "A protocol revision to offer, any number of times (1)")
-        ->allow_extra_args(false);
+    app.addOption("--rev", offer.revisions, "A protocol revision to offer, any number of times (1)")
+        .oneValueEach();
 }
 
 ExitStatus connectTelling(Forwarder& client, Output& output, const Forwarder::Offer& offer, bool tellsSuccess)
@@ -74,7 +75,7 @@ ExitStatus connectTelling(Forwarder& client, Output& output, const Forwarder::Of
 
 class Connect : public Command {
 public:
-    void addOptions(CLI::App& app) override { addOffer(app, m_offer); }
+    void addOptions(base::Syntax& app) override { addOffer(app, m_offer); }
 
     ExitStatus run(Forwarder& client, Output& output) override
     {
@@ -88,12 +89,12 @@ private:
 /// What goes over a connection: the one that was named, else the newest, else a new one.
 class FaultCommand : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
         addNumber<std::uint16_t>(
             app, "ID", m_faultId,
             "The fault's id; the unit takes 0x300, 0x301, 0x502, 0x521, 0x522, 0x710 and 0x711")
-            ->required();
+            .required();
         addNumber<std::uint32_t>(
             app, "--ref", m_ref,
             "The server's reference of the connection (default: the newest, or a new one)");
@@ -138,16 +139,16 @@ private:
 
 class Raise : public FaultCommand {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
         FaultCommand::addOptions(app);
         constexpr std::size_t room = sizeof(CcfiBcFaultFwdS::faultDescription) - 1;
-        app.add_option("--description", m_description, "The fault's text, at most 111 bytes")
-            ->check([](const std::string& text) {
+        app.addOption("--description", m_description, "The fault's text, at most 111 bytes")
+            .check([](const std::string& text) {
                 return text.size() <= room ? std::string() : "longer than 111 bytes: " + text;
             });
         addNumber<std::uint32_t>(app, "--recovery-time", m_recoveryTime, "The fault's recovery time (0)");
-        app.add_option("--label", m_label, "The label of the faulty hardware");
+        app.addOption("--label", m_label, "The label of the faulty hardware");
     }
 
 private:
@@ -188,7 +189,7 @@ private:
 
 class Close : public Command {
 public:
-    void addOptions(CLI::App& app) override
+    void addOptions(base::Syntax& app) override
     {
         addNumber<std::uint32_t>(app, "REF", m_ref,
                                  "The server's reference of the connection (default: the newest)");

@@ -31,16 +31,16 @@ private:
 
 int main(int argc, char** argv)
 {
-    CLI::App app("Hosts the board controller server until SIGTERM or SIGINT.", "merlowd");
+    merlow::base::Syntax app("merlowd", "Hosts the board controller server until SIGTERM or SIGINT.");
     std::string runDir;
-    merlow::base::addCommonOptions(app, runDir);
+    app.addCommonOptions(runDir);
     bool powerDropSupervision = false;
-    app.add_flag("--power-drop-supervision", powerDropSupervision,
-                 "Power drops are supervised elsewhere: suppress the external power supply fault");
+    app.addFlag("--power-drop-supervision", powerDropSupervision,
+                "Power drops are supervised elsewhere: suppress the external power supply fault");
     app.footer(
         "Tells a service manager by NOTIFY_SOCKET when clients can connect.\n"
         "Exit status: 0 stopped by a signal, 1 the server did not start or ended by itself, 2 wrong usage.");
-    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+    if (const auto status = app.parse(argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(runDir);

@@ -10,6 +10,8 @@
 namespace {
 
 using namespace merlow::scryctl;
+using merlow::base::Option;
+using merlow::base::Syntax;
 
 constexpr char footer[] =
     "LEVELS are numbers from 0 to 31 separated by commas, \"all\" or \"none\": 1 failures, 4 notable events, "
@@ -26,60 +28,58 @@ std::string readLevels(const std::string& text, std::optional<std::uint32_t>& le
                : "no levels: " + list.malformed + "; they are 0 to 31, separated by commas";
 }
 
-CLI::Option* addLevels(CLI::App* command, const std::string& name, std::optional<std::uint32_t>& levels,
-                       const std::string& description)
+Option addLevels(Syntax& command, const std::string& name, std::optional<std::uint32_t>& levels,
+                 const std::string& description)
 {
     return command
-        ->add_option_function<std::string>(
-            name,
-            [&levels, name](const std::string& text) {
-                if (const std::string error = readLevels(text, levels); !error.empty()) {
-                    throw CLI::ValidationError(name, error);
-                }
-            },
-            description)
-        ->type_name("LEVELS");
+        .addReader(
+            name, [&levels](const std::string& text) { return readLevels(text, levels); }, description)
+        .valueName("LEVELS");
 }
 
 ExitStatus run(int argc, char** argv)
 {
-    CLI::App app("Shows and changes the trace levels of the running processes of a unit.", "scryctl");
+    merlow::base::Syntax app("scryctl",
+                             "Shows and changes the trace levels of the running processes of a unit.");
     app.footer(footer);
-    app.fallthrough();
+    app.allowOptionsBehindCommands();
     std::string runDir;
-    merlow::base::addCommonOptions(app, runDir);
+    app.addCommonOptions(runDir);
 
     bool json = false;
-    CLI::App* const listCommand =
-        app.add_subcommand("list", "Processes, their levels, their objects' levels");
-    listCommand->add_flag("--json", json, "One JSON object a line");
+    Syntax& listCommand = app.addCommand("list", "Processes, their levels, their objects' levels");
+    listCommand.addFlag("--json", json, "One JSON object a line");
 
     Changes changes;
-    CLI::App* const setCommand = app.add_subcommand("set", "Changes levels of a process; others stay");
-    setCommand->add_option("PROCESS", changes.process, "A process: NAME, NAME.PID or PID")->required();
+    Syntax& setCommand = app.addCommand("set", "Changes levels of a process; others stay");
+    setCommand.addOption("PROCESS", changes.process, "A process: NAME, NAME.PID or PID").required();
     addLevels(setCommand, "--proc", changes.processLevels, "Levels of the process");
-    auto* const objectLevels = addLevels(setCommand, "--obj", changes.objectLevels,
-                                         "Levels of all its objects, those to come included");
-    setCommand->add_option("--object", changes.object, "The one object that --obj is for")
-        ->type_name("NAME")
-        ->needs(objectLevels);
+    const auto objectLevels = addLevels(setCommand, "--obj", changes.objectLevels,
+                                        "Levels of all its objects, those to come included");
+    setCommand.addOption("--object", changes.object, "The one object that --obj is for")
+        .valueName("NAME")
+        .needs(objectLevels);
     setCommand
-        ->add_option_function<std::string>(
-            "--objects", [&changes](const std::string& word) { changes.objectsOn = word == "on"; },
+        .addReader(
+            "--objects",
+            [&changes](const std::string& word) {
+                changes.objectsOn = word == "on";
+                return std::string();
+            },
             "Objects as a whole")
-        ->check(CLI::IsMember({"on", "off"}))
-        ->type_name("on|off");
+        .oneOf({"on", "off"})
+        .valueName("on|off");
 
-    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+    if (const auto status = app.parse(argc, argv)) {
         return static_cast<ExitStatus>(*status);
     }
-    if (*setCommand && !changes.processLevels && !changes.objectLevels && !changes.objectsOn) {
+    if (setCommand.isGiven() && !changes.processLevels && !changes.objectLevels && !changes.objectsOn) {
         std::cerr
             << "scryctl: set: one of --proc, --obj and --objects is required\nTry 'scryctl set --help'.\n";
         return ExitStatus::usage;
     }
     merlow::base::useRunDir(runDir);
-    return *listCommand ? list(json, std::cout, std::cerr) : set(changes, std::cerr);
+    return listCommand.isGiven() ? list(json, std::cout, std::cerr) : set(changes, std::cerr);
 }
 
 } // namespace

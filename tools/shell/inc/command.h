@@ -3,10 +3,12 @@
 
 #include "exitStatus.h"
 #include "output.h"
+#include "programOptions.h"
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 #include <span>
+#include <vector>
 
 namespace merlow::tools {
 
@@ -17,7 +19,7 @@ public:
     virtual ~Command() = default;
 
     /// Adds the command's own options and arguments to its part of the command line.
-    virtual void addOptions(CLI::App& /*app*/) {}
+    virtual void addOptions(base::Syntax& /*app*/) {}
 
     /// Acts through a client that has found the unit and tells how it went.
     [[nodiscard]] virtual ExitStatus run(Client& client, Output& output) = 0;
@@ -37,30 +39,40 @@ template <class Client> class CommandChoice {
 public:
     explicit CommandChoice(CommandTable<Client> table) : m_table(table) {}
 
-    /// Adds every command of the table to `app`, of which at most one is taken. A word that is none is left
-    /// over, so that the parser names it.
-    void addTo(CLI::App& app)
+    /// Adds every command of the table to `app`, which must outlive this.
+    void addTo(base::Syntax& app)
     {
         for (const auto& row : m_table) {
-            CLI::App* const sub = app.add_subcommand(row.name, row.help);
-            const std::shared_ptr<Command<Client>> command = row.make();
-            command->addOptions(*sub);
-            sub->callback([this, &row, command] {
-                m_row = &row;
-                m_command = command;
-            });
+            base::Syntax& syntax = app.addCommand(row.name, row.help);
+            m_commands.push_back({syntax, row, row.make()});
+            m_commands.back().command->addOptions(syntax);
         }
-        app.require_subcommand(0, 1);
     }
 
     /// Null when none was chosen.
-    [[nodiscard]] const CommandRow<Client>* row() const { return m_row; }
-    [[nodiscard]] Command<Client>& command() const { return *m_command; }
+    [[nodiscard]] const CommandRow<Client>* row() const
+    {
+        const auto chosen = find();
+        return chosen != m_commands.end() ? &chosen->row : nullptr;
+    }
+
+    /// Only when one was chosen.
+    [[nodiscard]] Command<Client>& command() const { return *find()->command; }
 
 private:
+    struct Entry {
+        const base::Syntax& syntax;
+        const CommandRow<Client>& row;
+        std::unique_ptr<Command<Client>> command;
+    };
+
+    [[nodiscard]] auto find() const
+    {
+        return std::ranges::find_if(m_commands, [](const Entry& entry) { return entry.syntax.isGiven(); });
+    }
+
     CommandTable<Client> m_table;
-    const CommandRow<Client>* m_row = nullptr;
-    std::shared_ptr<Command<Client>> m_command;
+    std::vector<Entry> m_commands;
 };
 
 } // namespace merlow::tools

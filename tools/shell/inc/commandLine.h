@@ -2,9 +2,9 @@
 #pragma once
 
 #include "output.h"
+#include "programOptions.h"
 
 #include <chrono>
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -20,7 +20,7 @@ public:
     CommandLine& operator=(const CommandLine&) = delete;
 
     /// For the program's own options and commands; the common options are behind them in the help.
-    [[nodiscard]] CLI::App& app() { return m_app; }
+    [[nodiscard]] base::Syntax& app() { return m_app; }
 
     /// Reads the command line and puts `--run-dir` in force. A status when there is nothing left to do: help
     /// was asked for, or the command line is wrong.
@@ -32,7 +32,7 @@ public:
     [[nodiscard]] const Output::Style& style() const { return m_style; }
 
 private:
-    CLI::App m_app;
+    base::Syntax m_app;
     double m_timeoutSeconds = 3;
     std::string m_runDir;
     Output::Style m_style;

@@ -4,10 +4,8 @@
 #include "command.h"
 #include "lineSource.h"
 #include "output.h"
-#include "programOptions.h"
 #include "unitClient.h"
 
-#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -71,21 +69,20 @@ private:
 
     void runCommand(std::vector<std::string> words) override
     {
-        CLI::App app("", "");
+        base::Syntax app("", "");
         CommandChoice<Client> choice(m_table);
         choice.addTo(app);
-        try {
-            std::reverse(words.begin(), words.end()); // as the parser takes them
-            app.parse(words);
-        } catch (const CLI::CallForHelp&) {
-            if (app.get_subcommands().empty()) {
+        const auto outcome = app.parseWords(std::move(words));
+        if (outcome.kind == base::Syntax::Outcome::Kind::help) {
+            if (outcome.text.empty()) {
                 tellHelp();
             } else {
-                m_output.help(app.help());
+                m_output.help(outcome.text);
             }
             return;
-        } catch (const CLI::ParseError& error) {
-            m_output.misused(base::mistakeText(app, error) + "; \"help\" lists the commands");
+        }
+        if (outcome.kind == base::Syntax::Outcome::Kind::mistake) {
+            m_output.misused(outcome.text + "; \"help\" lists the commands");
             return;
         }
         if (choice.row() == nullptr) {

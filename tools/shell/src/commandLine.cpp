@@ -8,21 +8,21 @@
 
 namespace merlow::tools {
 
-CommandLine::CommandLine(const char* program, const char* description) : m_app(description, program)
+CommandLine::CommandLine(const char* program, const char* description) : m_app(program, description)
 {
     m_style.program = program;
-    m_app.fallthrough();
-    m_app.add_option("--timeout", m_timeoutSeconds, "Seconds to wait for the unit, and for each answer")
-        ->check(CLI::Range(0.001, 86400.0))
-        ->capture_default_str();
-    base::addCommonOptions(m_app, m_runDir);
-    m_app.add_flag("--json", m_style.json, "One JSON object a line");
-    m_app.add_flag("-v,--verbose", m_style.verbose, "Signal names in front of each line");
+    m_app.allowOptionsBehindCommands();
+    m_app.addOption("--timeout", m_timeoutSeconds, "Seconds to wait for the unit, and for each answer")
+        .range(0.001, 86400.0)
+        .showDefault();
+    m_app.addCommonOptions(m_runDir);
+    m_app.addFlag("--json", m_style.json, "One JSON object a line");
+    m_app.addFlag("-v,--verbose", m_style.verbose, "Signal names in front of each line");
 }
 
 std::optional<int> CommandLine::parse(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
 {
-    const auto status = base::parseCommandLine(m_app, argc, argv, out, err);
+    const auto status = m_app.parse(argc, argv, out, err);
     if (!status) {
         base::useRunDir(m_runDir);
         m_style.terminal = &out == &std::cout && isatty(STDOUT_FILENO) != 0;

@@ -21,18 +21,18 @@ std::string ownFolder()
 
 int main(int argc, char** argv)
 {
-    CLI::App app(
-        "Runs a whole unit, neighbours and server, and keeps it up until Ctrl-C, or until COMMAND is done.",
-        "unit");
+    merlow::base::Syntax app(
+        "unit",
+        "Runs a whole unit, neighbours and server, and keeps it up until Ctrl-C, or until COMMAND is done.");
     merlow::unit::Unit::Settings settings;
     std::string runDir;
-    merlow::base::addCommonOptions(app, runDir);
-    app.add_option("--log", settings.logFile, "A file for what the parts say");
-    app.add_option("COMMAND", settings.command, "Behind --: what to run once the unit is up");
+    app.addCommonOptions(runDir);
+    app.addOption("--log", settings.logFile, "A file for what the parts say");
+    app.addOption("COMMAND", settings.command, "Behind --: what to run once the unit is up");
     app.footer("A part that ends is started again. Exit status: 0 all well, that of COMMAND, 1 the unit did "
                "not come up or "
                "did not end well, 2 wrong usage, 5 all well, but standard output cannot be written.");
-    if (const auto status = merlow::base::parseCommandLine(app, argc, argv)) {
+    if (const auto status = app.parse(argc, argv)) {
         return *status;
     }
     merlow::base::useRunDir(runDir);

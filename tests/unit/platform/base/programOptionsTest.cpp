@@ -18,20 +18,20 @@ struct Answer {
 /// A program "tool" with the commands "go SPEED" and "stop", or without any.
 Answer parse(const std::vector<const char*>& words, bool hasCommands = true)
 {
-    CLI::App app("A tool.", "tool");
-    app.fallthrough();
+    Syntax app("tool", "A tool.");
+    app.allowOptionsBehindCommands();
     std::string runDir;
     int speed = 0;
-    addCommonOptions(app, runDir);
+    app.addCommonOptions(runDir);
     if (hasCommands) {
-        app.add_subcommand("go", "Goes")->add_option("SPEED", speed)->required();
-        app.add_subcommand("stop", "Stops");
+        app.addCommand("go", "Goes").addOption("SPEED", speed, "How fast").required();
+        app.addCommand("stop", "Stops");
     }
     std::vector<const char*> all{"tool"};
     all.insert(all.end(), words.begin(), words.end());
     std::ostringstream out;
     std::ostringstream err;
-    const auto status = parseCommandLine(app, static_cast<int>(all.size()), all.data(), out, err);
+    const auto status = app.parse(static_cast<int>(all.size()), all.data(), out, err);
     return {status, out.str(), err.str()};
 }
 
