@@ -310,16 +310,21 @@ protected:
         order.loadModule = "QXR2_R1A";
         return order;
     }
-    /// The last order, and whether it waits for a start.
+    /// The last order, whether the board has yet to restart for it, and whether it waits for a start.
     static std::string handedOver()
     {
         StateFile given = givenRestartOrder();
+        StateFile carriedOut = carriedOutRestartOrder();
         StateFile served = servedRestartOrder();
         const auto last = loadRestartOrder(given);
         EXPECT_EQ(last.error, "");
+        const auto due = pendingRestartOrder(given, carriedOut);
+        EXPECT_EQ(due.error, "");
         const auto pending = pendingRestartOrder(given, served);
         EXPECT_EQ(pending.error, "");
-        return !last.order ? "none" : last.order->label + (pending.order ? " waits" : " served");
+        return !last.order ? "none"
+                           : last.order->label + (due.order ? " is due," : "") +
+                                 (pending.order ? " waits" : " served");
     }
 };
 
@@ -332,9 +337,12 @@ TEST_P(RestartOrderPowerCutTest, theOldOrderOrTheNewOneIsThere)
         states.emplace_back(state);
     };
     StateFile given = givenRestartOrder();
+    StateFile carriedOut = carriedOutRestartOrder();
     StateFile served = servedRestartOrder();
     watch();
     EXPECT_EQ(saveRestartOrder(given, order("first")), "");
+    acknowledge("first is due, waits");
+    EXPECT_EQ(saveRestartOrder(carriedOut, order("first")), "");
     acknowledge("first waits");
     RestartHandover handover(given, served);
     std::vector<std::string> said;
@@ -343,11 +351,11 @@ TEST_P(RestartOrderPowerCutTest, theOldOrderOrTheNewOneIsThere)
     EXPECT_EQ(said.size(), 1U);
     acknowledge("first served");
     EXPECT_EQ(saveRestartOrder(given, order("second")), "");
-    acknowledge("second waits");
+    acknowledge("second is due, waits");
     checkEach([&](const PowerCut& cut) {
         EXPECT_THAT(handedOver(), oneOf(states, cut));
         EXPECT_EQ(saveRestartOrder(given, order("next")), "");
-        EXPECT_EQ(handedOver(), "next waits");
+        EXPECT_EQ(handedOver(), "next is due, waits");
     });
 }
 
@@ -366,7 +374,9 @@ TEST_P(RestartOrderPowerCutTest, anOrderThatCannotBeKeptIsNotThere)
             wasReached = m_watch->hasFailed();
             m_watch.reset();
             EXPECT_EQ(error, wasReached ? "Input/output error" : "");
-            EXPECT_EQ(handedOver(), !wasReached ? "new waits" : hasOld ? "old waits" : "none");
+            EXPECT_EQ(handedOver(), !wasReached ? "new is due, waits"
+                                    : hasOld    ? "old is due, waits"
+                                                : "none");
         }
         EXPECT_EQ(failed, 5) << "write, sync, rename, folder; and none";
     }
