@@ -18,8 +18,6 @@ namespace mnet {
 
 namespace {
 
-constexpr int listenBacklog = 4096;
-
 /// How much of what waits is moved on, and read on behalf of others, before an endpoint goes.
 constexpr int lastFlush = 4096;
 constexpr int deletionBudget = 65536;

@@ -18,6 +18,7 @@
 #include "outgoing.h"
 #include "runFolder.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -29,6 +30,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unordered_map>
 #include <vector>
@@ -40,6 +42,9 @@ class Process;
 class Endpoint : public std::enable_shared_from_this<Endpoint> {
 public:
     using Clock = std::chrono::steady_clock;
+
+    /// Connections that can wait at the listening socket; the kernel takes one more.
+    static constexpr int listenBacklog = 4096;
 
     /// With the number claimed already, which the endpoint gives back when it closes. Nothing, with `errno`,
     /// when a descriptor or the socket can't be made.
@@ -111,6 +116,7 @@ private:
         bool ending = false;
         int retryMs = 0;
         std::optional<Clock::time_point> retryAt;
+        std::uint64_t lastTurn = 0;
     };
     /// A link between two endpoints of the process that has to be told of outside the lock.
     struct LocalWatch {
@@ -138,6 +144,10 @@ private:
     };
     class Waiting;
 
+    /// Sources that are looked at to choose who has the next turn; the kernel rotates them if there are more.
+    static constexpr int mostReady = 8;
+    using ReadyEvents = std::array<epoll_event, mostReady>;
+
     Endpoint(std::shared_ptr<Process> process, std::uint16_t number);
     bool open();
     bool watch(int fd, Source source, std::uint32_t which, std::uint32_t events);
@@ -162,6 +172,8 @@ private:
     void dropQueuedFor(mnet_mbox_id_t id);
     bool serveByGuess();
     bool serveReady();
+    std::uint64_t* lastTurn(std::uint64_t event);
+    void serveOneOf(const ReadyEvents& ready, int count);
     void serve(std::uint64_t event, std::uint32_t events);
     int waitForEvent(std::unique_lock<std::mutex>& lock, int timeoutMs, int cancelState);
 
@@ -181,10 +193,12 @@ private:
     void noteWhatIsKept();
 
     // Connections in (endpointAccept.cpp).
-    void acceptPending(int budget);
+    void acceptWaiting();
     bool acceptOne();
     bool refuseOne();
-    void pauseListening();
+    void pauseListening(Clock::duration pause);
+    void turnAway(const std::string& why);
+    void discourage();
     Incoming* addIncoming(Descriptor socket, const ucred& peer);
     bool readHello(Incoming& incoming);
     bool admit(Incoming& incoming, std::uint16_t claimed);
@@ -250,7 +264,12 @@ private:
     bool m_guessPays = false;
     bool m_listening = true;
     bool m_refused = false; ///< the last one that connected was refused, and comes again with what it has
+    Clock::duration m_refusalPause{}; ///< the last one
+    Clock::time_point m_lastRefusal;
     std::optional<Clock::time_point> m_timerDue;
+
+    std::uint64_t m_turn = 0;                   ///< counts what was served
+    std::array<std::uint64_t, 6> m_lastTurns{}; ///< of the sources that there is one of
 
     std::map<mnet_monitor_id_t, Monitor> m_monitors;
     MessageQueue m_asked;   ///< requests to watch that have left, until `fireGone`

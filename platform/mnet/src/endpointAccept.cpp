@@ -23,6 +23,15 @@ constexpr int packetBudget = 16;
 /// How long the listening socket is left alone when nothing can be accepted and nothing refused.
 constexpr auto listenPause = std::chrono::milliseconds(100);
 
+/// The same when a connection was not worth its while: it cost more than many messages. Whoever comes again
+/// and again is kept waiting longer each time, until there was none for a while.
+constexpr auto minRefusalPause = std::chrono::milliseconds(1);
+constexpr auto maxRefusalPause = std::chrono::milliseconds(64);
+constexpr auto calm = std::chrono::seconds(1);
+
+/// The most connections that can wait to be accepted.
+constexpr int mostWaiting = Endpoint::listenBacklog + 1;
+
 /// The most that one peer may have open with this endpoint: its monitors, and notices that it does not read.
 constexpr std::size_t maxWatches = 65536;
 
@@ -58,10 +67,37 @@ std::size_t Endpoint::userLimit() const
     return std::clamp(static_cast<std::size_t>(limit.rlim_cur / 2), minConnections, maxConnections);
 }
 
-void Endpoint::acceptPending(int budget)
+/// Whoever is connected by now; others may go on to connect faster than they are accepted.
+void Endpoint::acceptWaiting()
 {
-    while (budget-- > 0 && m_listener && acceptOne()) {
+    for (int i = 0; i < mostWaiting && m_listener && acceptOne(); ++i) {
     }
+}
+
+void Endpoint::pauseListening(Clock::duration pause)
+{
+    if (m_listening) {
+        m_listening = false;
+        rewatch(m_listener.get(), Source::listener, 0, 0);
+        schedule(Clock::now() + pause);
+    }
+}
+
+/// What became of a connection that was not allowed, or of no use.
+void Endpoint::turnAway(const std::string& why)
+{
+    report(why);
+    discourage();
+}
+
+void Endpoint::discourage()
+{
+    const auto now = Clock::now();
+    m_refusalPause = now - m_lastRefusal < calm
+                         ? std::min<Clock::duration>(m_refusalPause * 2, maxRefusalPause)
+                         : minRefusalPause;
+    m_lastRefusal = now;
+    pauseListening(m_refusalPause);
 }
 
 bool Endpoint::acceptOne()
@@ -79,13 +115,13 @@ bool Endpoint::acceptOne()
     }
     ucred peer{};
     if (!merlow::base::peerCredentials(socket.get(), peer) || !merlow::base::peerAllowed(socket.get())) {
-        report("refused a connection of process " + std::to_string(peer.pid) + ": user " +
-               std::to_string(peer.uid) + " has no access");
+        turnAway("refused a connection of process " + std::to_string(peer.pid) + ": user " +
+                 std::to_string(peer.uid) + " has no access");
         return true;
     }
     if (m_userConnections[peer.uid] >= userLimit()) {
-        report("refused a connection of process " + std::to_string(peer.pid) + ": user " +
-               std::to_string(peer.uid) + " has too many");
+        turnAway("refused a connection of process " + std::to_string(peer.pid) + ": user " +
+                 std::to_string(peer.uid) + " has too many");
         return true;
     }
     if (Incoming* incoming = addIncoming(std::move(socket), peer)) {
@@ -119,9 +155,7 @@ bool Endpoint::refuseOne()
         m_reserve = Descriptor::open([] { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); });
     }
     if (!accepted && !m_reserve) {
-        m_listening = false;
-        rewatch(m_listener.get(), Source::listener, 0, 0);
-        schedule(Clock::now() + listenPause);
+        pauseListening(listenPause);
     }
     return accepted;
 }
@@ -148,14 +182,15 @@ bool Endpoint::readHello(Incoming& incoming)
         if (admit(incoming, claimed)) {
             return true;
         }
-        report("refused a connection of process " + std::to_string(incoming.pid()) + ": endpoint " +
-               std::to_string(claimed) + " is not its own, or is connected already");
+        turnAway("refused a connection of process " + std::to_string(incoming.pid()) + ": endpoint " +
+                 std::to_string(claimed) + " is not its own, or is connected already");
         break;
     case Incoming::Got::refused:
-        report("refused a connection of process " + std::to_string(incoming.pid()) +
-               ": not the mailbox protocol");
+        turnAway("refused a connection of process " + std::to_string(incoming.pid()) +
+                 ": not the mailbox protocol");
         break;
-    default:
+    default: // gone without a word
+        discourage();
         break;
     }
     eraseIncoming(incoming);
@@ -223,8 +258,8 @@ bool Endpoint::serveIncoming(Incoming& incoming)
         case Incoming::Got::again:
             return i > 0;
         case Incoming::Got::refused:
-            report("closed the connection of process " + std::to_string(incoming.pid()) +
-                   ": malformed packet, or no memory for it");
+            turnAway("closed the connection of process " + std::to_string(incoming.pid()) +
+                     ": malformed packet, or no memory for it");
             eraseIncoming(incoming);
             return true;
         case Incoming::Got::end:
@@ -272,8 +307,8 @@ void Endpoint::onRequest(const Incoming& incoming, const PacketHeader& header)
     switch (kindOf(header)) {
     case Kind::monitor: {
         if (peer.watches + peer.out.notices() >= maxWatches) {
-            report("closed the connection of process " + std::to_string(incoming.pid()) +
-                   ": too many monitors");
+            turnAway("closed the connection of process " + std::to_string(incoming.pid()) +
+                     ": too many monitors");
             eraseIncoming(*peer.in);
             return;
         }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -24,9 +23,6 @@ constexpr int guessPause = 16;
 /// Every so many messages from the queue, the connections get a turn: senders within the process can't shut
 /// them out.
 constexpr unsigned popsPerTurn = 32;
-
-/// Connections accepted in one turn.
-constexpr int acceptBudget = 16;
 
 /// The most events that a `receive` that does not wait handles without finding a message.
 constexpr int eventBudget = 256;
@@ -140,14 +136,14 @@ bool Endpoint::deliver(BlockPtr block)
 }
 
 /// Looks for the next message where the last one came from; that saves asking the kernel who is ready, as
-/// long as some of the guesses are right.
+/// long as some of the guesses are right. Not where several may be ready: they take turns.
 bool Endpoint::serveByGuess()
 {
     if (m_guessPause > 0) {
         --m_guessPause;
         return false;
     }
-    if (m_last == nullptr || m_last->paused || ++m_guessRun > maxGuesses) {
+    if (m_last == nullptr || m_last->paused || m_incoming.size() > 1 || ++m_guessRun > maxGuesses) {
         m_guessRun = 0;
         return false;
     }
@@ -165,12 +161,48 @@ bool Endpoint::serveReady()
     if (serveByGuess()) {
         return true;
     }
-    epoll_event event{};
-    if (epoll_wait(m_epoll.get(), &event, 1, 0) <= 0) {
+    ReadyEvents ready;
+    const int count = epoll_wait(m_epoll.get(), ready.data(), mostReady, 0);
+    if (count <= 0) {
         return false;
     }
-    serve(event.data.u64, event.events);
+    serveOneOf(ready, count);
     return true;
+}
+
+/// When the source of an event had its last turn; nothing when it is not there any more.
+std::uint64_t* Endpoint::lastTurn(std::uint64_t event)
+{
+    const auto which = static_cast<std::uint32_t>(event);
+    const auto source = static_cast<Source>(event >> 32);
+    if (source == Source::incoming) {
+        const auto incoming = m_incoming.find(which);
+        return incoming != m_incoming.end() ? &incoming->second->lastTurn : nullptr;
+    }
+    if (source == Source::outgoing) {
+        const auto peer = m_peers.find(static_cast<std::uint16_t>(which));
+        return peer != m_peers.end() ? &peer->second.lastTurn : nullptr;
+    }
+    return &m_lastTurns.at(static_cast<std::size_t>(source));
+}
+
+/// Handles that one of the events whose source has waited longest for a turn. So whoever has something now
+/// and then does not wait for a message of one that always has something.
+void Endpoint::serveOneOf(const ReadyEvents& ready, int count)
+{
+    const epoll_event* chosen = ready.data();
+    std::uint64_t* chosenTurn = lastTurn(chosen->data.u64);
+    for (const epoll_event* event = chosen + 1; event != ready.data() + count; ++event) {
+        std::uint64_t* const turn = lastTurn(event->data.u64);
+        if (turn != nullptr && (chosenTurn == nullptr || *turn < *chosenTurn)) {
+            chosen = event;
+            chosenTurn = turn;
+        }
+    }
+    if (chosenTurn != nullptr) {
+        *chosenTurn = ++m_turn;
+        serve(chosen->data.u64, chosen->events);
+    }
 }
 
 void Endpoint::serve(std::uint64_t event, std::uint32_t events)
@@ -181,7 +213,7 @@ void Endpoint::serve(std::uint64_t event, std::uint32_t events)
         clearBell();
         break;
     case Source::listener:
-        acceptPending(acceptBudget);
+        acceptOne(); // for one turn, as a connection has one message
         break;
     case Source::timer:
         onTimer();
@@ -230,18 +262,18 @@ private:
 /// Waits without the lock, as a cancellation point, and handles what came.
 int Endpoint::waitForEvent(std::unique_lock<std::mutex>& lock, int timeoutMs, int cancelState)
 {
-    epoll_event event{};
+    ReadyEvents ready;
     int count = 0;
     const int epoll = m_epoll.get();
     {
         const Waiting waiting(*this, lock);
         pthread_setcancelstate(cancelState, nullptr);
-        count = epoll_wait(epoll, &event, 1, timeoutMs);
+        count = epoll_wait(epoll, ready.data(), mostReady, timeoutMs);
         int ignored = 0;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &ignored);
     }
     if (count > 0 && !m_closed) {
-        serve(event.data.u64, event.events);
+        serveOneOf(ready, count);
     }
     return count;
 }

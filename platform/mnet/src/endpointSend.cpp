@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <sys/epoll.h>
 
 namespace mnet {
@@ -15,7 +14,7 @@ namespace {
 
 /// Packets that one send, or one turn of serving, moves on of what waits.
 constexpr int sendBudget = 16;
-constexpr int serveBudget = 256;
+constexpr int serveBudget = 16;
 
 /// A connection that ends without a welcome is tried again at once, then after 1 ms, and twice that each
 /// time: who is dying needs a moment, who has no descriptors longer.
@@ -294,7 +293,7 @@ void Endpoint::peerLost(std::uint16_t number)
         }
         peer.ending = true;
         peer.out.close();
-        acceptPending(INT_MAX);
+        acceptWaiting();
         if (peer.in != nullptr) {
             readToEnd(*peer.in);
         }

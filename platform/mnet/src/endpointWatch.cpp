@@ -8,7 +8,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -186,7 +185,7 @@ void Endpoint::fireGone()
         if (known == m_peers.end() || !known->second.out.isGone(indexOf(asked->receiver))) {
             continue;
         }
-        acceptPending(INT_MAX);
+        acceptWaiting();
         if (m_refused) {
             continue;
         }

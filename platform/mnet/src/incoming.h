@@ -69,7 +69,8 @@ public:
     Got read(std::uint16_t own, ReceiveArea& area, BlockPtr& block, PacketHeader& header);
 
     std::uint32_t serial = 0;
-    bool paused = false; ///< out of the epoll set's interest, since too much of it is queued
+    std::uint64_t lastTurn = 0; ///< when the endpoint served it last
+    bool paused = false;        ///< out of the epoll set's interest, since too much of it is queued
 
 private:
     Got readMore(BlockPtr& block);

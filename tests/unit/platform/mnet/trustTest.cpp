@@ -1,5 +1,6 @@
 /// What a peer that does not keep the rules can do: nothing. Packets are written by hand, byte by byte.
 #include "mnetFixture.h"
+#include "rawPeer.h"
 #include "unixSocket.h"
 
 #include <fcntl.h>
@@ -11,97 +12,17 @@
 namespace mnet::test {
 namespace {
 
-// The wire's numbers, on purpose not taken from the library.
-constexpr std::uint32_t hello = 1;
-constexpr std::uint32_t welcome = 2;
-constexpr std::uint32_t data = 3;
-constexpr std::uint32_t dataFirst = 4;
-constexpr std::uint32_t dataMore = 5;
-constexpr std::uint32_t monitor = 6;
-constexpr std::uint32_t unmonitor = 7;
-constexpr std::uint32_t notice = 8;
-constexpr std::uint32_t version = 0x6d6e6501;
-constexpr std::uint32_t chunk = 131072;
-
-std::uint32_t endpointOf(mnet_mbox_id_t id)
-{
-    return id & 0xFFFF0000u;
-}
-
-/// A connection without the library. Holds an endpoint number as an honest process would, if it is told to.
-class RawPeer {
-public:
-    explicit RawPeer(const std::string& folder) : m_folder(folder) {}
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
-    ~RawPeer()
-    {
-        for (const int fd : {m_socket, m_lock}) {
-            if (fd >= 0) {
-                close(fd);
-            }
-        }
-    }
-    /// False when another process holds it.
-    bool hold(std::uint32_t number)
-    {
-        m_lock = open((m_folder + "/mnet/endpoints").c_str(), O_RDWR | O_CLOEXEC);
-        struct flock lock {};
-        lock.l_type = F_WRLCK;
-        lock.l_start = static_cast<off_t>(number >> 16);
-        lock.l_len = 1;
-        return fcntl(m_lock, F_SETLK, &lock) == 0;
-    }
-    bool connect(mnet_mbox_id_t to)
-    {
-        if (m_socket >= 0) {
-            close(m_socket);
-        }
-        m_socket = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        const int buffer = 1 << 20;
-        setsockopt(m_socket, SOL_SOCKET, SO_SNDBUF, &buffer, sizeof(buffer));
-        const int dir = open((m_folder + "/mnet/ep").c_str(), O_PATH | O_CLOEXEC);
-        const bool connected = merlow::base::connectAt(m_socket, dir, std::to_string(to >> 16)) == 0;
-        close(dir);
-        return connected;
-    }
-    void packet(std::uint32_t kind, std::uint32_t sender, std::uint32_t receiver, std::uint32_t value,
-                std::size_t bytes = 0)
-    {
-        std::vector<unsigned char> buffer(16 + bytes, 0xA5);
-        const std::uint32_t words[] = {kind, sender, receiver, value};
-        std::memcpy(buffer.data(), words, sizeof(words));
-        raw(buffer);
-    }
-    void raw(const std::vector<unsigned char>& bytes)
-    {
-        ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    }
-    /// The kind of the next packet that comes back, 0 for the end of the connection.
-    std::uint32_t answer()
-    {
-        std::uint32_t words[4] = {};
-        pollfd ready{m_socket, POLLIN, 0};
-        if (poll(&ready, 1, deadlineMs) != 1) {
-            ADD_FAILURE() << "neither an answer nor the end";
-        }
-        return recv(m_socket, words, sizeof(words), MSG_DONTWAIT) > 0 ? words[0] : 0;
-    }
-    int fd() const { return m_socket; }
-
-private:
-    std::string m_folder;
-    int m_socket = -1;
-    int m_lock = -1;
-};
-
-constexpr std::uint32_t rawNumber = 0x77770000u;
-
 class TrustTest : public MnetTest {
 protected:
     void SetUp() override
     {
         MnetTest::SetUp();
+        m_mine = start("mine");
+    }
+    /// As if nobody had ever been turned away here: those who are again and again wait longer each time.
+    void beginAnew()
+    {
+        mnet_exit();
         m_mine = start("mine");
     }
     /// Runs `play` in another process while this one serves its descriptor; nothing may reach the queue.
@@ -119,6 +40,7 @@ protected:
     /// After an honest hello, `play` ends with a packet for which the connection is closed.
     void expectClosed(const std::function<void(RawPeer&)>& play)
     {
+        beginAnew();
         const std::size_t before = openDescriptors();
         withPeer([&](RawPeer& raw) {
             ASSERT_TRUE(raw.connect(m_mine));
@@ -130,6 +52,16 @@ protected:
         EXPECT_EQ(openDescriptors(), before);
         EXPECT_EQ(send(m_mine, 42), 0); // service goes on
         EXPECT_EQ(receive(0).number(), 42u);
+    }
+    /// `play` is the first thing on a connection, and not answered.
+    void expectRefused(const std::function<void(RawPeer&, mnet_mbox_id_t)>& play)
+    {
+        beginAnew();
+        withPeer([&](RawPeer& raw) {
+            ASSERT_TRUE(raw.connect(m_mine));
+            play(raw, m_mine);
+            EXPECT_EQ(raw.answer(), 0u);
+        });
     }
     mnet_mbox_id_t m_mine = MNET_MBOX_NONE;
 };
@@ -161,34 +93,25 @@ TEST_F(TrustTest, strangersAreNotWelcome)
 {
     for (const std::uint32_t claimed :
          {0u, 0x12340000u, endpointOf(m_mine), rawNumber | 1, 0xFFFF0000u, 0xFFF00000u}) {
-        withPeer([&](RawPeer& raw) {
-            ASSERT_TRUE(raw.connect(m_mine));
-            raw.packet(hello, claimed, endpointOf(m_mine), version);
-            raw.packet(data, claimed | 1, m_mine, 8, 8);
-            EXPECT_EQ(raw.answer(), 0u) << std::hex << claimed;
+        expectRefused([claimed](RawPeer& raw, mnet_mbox_id_t mine) {
+            raw.packet(hello, claimed, endpointOf(mine), version);
+            raw.packet(data, claimed | 1, mine, 8, 8);
         });
     }
-    withPeer([&](RawPeer& raw) { // a wrong version, a wrong receiver, no hello, a long one, nothing at all
-        const std::uint32_t me = endpointOf(m_mine);
-        ASSERT_TRUE(raw.connect(m_mine));
-        raw.packet(hello, rawNumber, me, version + 1);
-        EXPECT_EQ(raw.answer(), 0u);
-        ASSERT_TRUE(raw.connect(m_mine));
-        raw.packet(hello, rawNumber, me + 0x10000, version);
-        EXPECT_EQ(raw.answer(), 0u);
-        ASSERT_TRUE(raw.connect(m_mine));
-        raw.packet(data, rawNumber, m_mine, 8, 8);
-        EXPECT_EQ(raw.answer(), 0u);
-        ASSERT_TRUE(raw.connect(m_mine));
-        raw.packet(hello, rawNumber, me, version, 1);
-        EXPECT_EQ(raw.answer(), 0u);
-        for (std::size_t size = 1; size < 16; ++size) {
-            ASSERT_TRUE(raw.connect(m_mine));
-            raw.raw(std::vector<unsigned char>(size, 1));
-            EXPECT_EQ(raw.answer(), 0u);
-        }
-        ASSERT_TRUE(raw.connect(m_mine));
+    expectRefused([](RawPeer& raw, mnet_mbox_id_t mine) {
+        raw.packet(hello, rawNumber, endpointOf(mine), version + 1);
     });
+    expectRefused([](RawPeer& raw, mnet_mbox_id_t mine) {
+        raw.packet(hello, rawNumber, endpointOf(mine) + 0x10000, version);
+    });
+    expectRefused([](RawPeer& raw, mnet_mbox_id_t mine) { raw.packet(data, rawNumber, mine, 8, 8); });
+    expectRefused([](RawPeer& raw, mnet_mbox_id_t mine) {
+        raw.packet(hello, rawNumber, endpointOf(mine), version, 1);
+    });
+    for (std::size_t size = 1; size < 16; ++size) {
+        expectRefused([size](RawPeer& raw, mnet_mbox_id_t) { raw.raw(std::vector<unsigned char>(size, 1)); });
+    }
+    withPeer([&](RawPeer& raw) { ASSERT_TRUE(raw.connect(m_mine)); }); // says nothing at all
     EXPECT_EQ(send(m_mine, 42), 0);
     EXPECT_EQ(receive(0).number(), 42u);
 }
@@ -411,6 +334,28 @@ TEST_F(TrustTest, whatOneUserHoldsOpenIsBounded)
     limit.rlim_cur = before;
     setrlimit(RLIMIT_NOFILE, &limit);
     Child honest([] {
+        start();
+        EXPECT_EQ(send(find("mine"), 7), 0);
+        receive(100);
+    });
+    EXPECT_EQ(receive().number(), 7u);
+    honest.finish();
+}
+
+TEST_F(TrustTest, whoIsTurnedAwayAgainAndAgainWaitsLongerEachTime)
+{
+    withPeer([&](RawPeer& raw) {
+        const auto begin = std::chrono::steady_clock::now();
+        constexpr int times = 8;
+        for (int i = 0; i < times; ++i) {
+            ASSERT_TRUE(raw.connect(m_mine));
+            raw.packet(data, rawNumber, m_mine, 8, 8);
+            ASSERT_EQ(raw.answer(), 0u);
+        }
+        EXPECT_GE(std::chrono::steady_clock::now() - begin,
+                  std::chrono::milliseconds(1 + 2 + 4 + 8 + 16 + 32));
+    });
+    Child honest([] { // comes in nevertheless
         start();
         EXPECT_EQ(send(find("mine"), 7), 0);
         receive(100);
