@@ -23,7 +23,7 @@ struct Group {
 
 constexpr Group groups[] = {{"mailbox", mailboxRows}, {"relay", relayRows}, {"sessions", sessionRows},
                             {"load", loadRows},       {"life", lifeRows},   {"faults", faultRows},
-                            {"storm", stormRows},     {"trace", traceRows}};
+                            {"storm", stormRows},     {"trust", trustRows}, {"trace", traceRows}};
 
 struct Options {
     std::string jsonFile;
@@ -37,7 +37,7 @@ void usage(std::FILE* out)
     std::fputs("usage: merlow-bench [--long] [--only GROUP] [--json FILE] [--check]\n"
                "\n"
                "  --long         five times as many rounds, each twice as long; a storm of a minute\n"
-               "  --only GROUP   one of mailbox, relay, sessions, load, life, faults, storm, trace\n"
+               "  --only GROUP   one of mailbox, relay, sessions, load, life, faults, storm, trust, trace\n"
                "  --json FILE    write the rows as JSON too\n"
                "  --check        exit with 1 when a target is missed\n",
                out);

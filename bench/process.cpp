@@ -44,9 +44,14 @@ volatile std::sig_atomic_t stopRequested = 0;
     sigprocmask(SIG_SETMASK, &none, nullptr);
     cpu_set_t cpus;
     CPU_ZERO(&cpus);
-    CPU_SET(measuringCpu(), &cpus);
+    if (start.otherCpus) {
+        sched_getaffinity(0, sizeof(cpus), &cpus);
+        CPU_CLR(measuringCpu(), &cpus);
+    } else {
+        CPU_SET(measuringCpu(), &cpus);
+    }
     if (!start.anyCpu) {
-        sched_setaffinity(0, sizeof(cpus), &cpus);
+        sched_setaffinity(0, sizeof(cpus), &cpus); // an empty set is refused and changes nothing
     }
     if (start.foreign) { // their complaints about limits are nothing for the table
         dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);

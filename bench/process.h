@@ -56,6 +56,7 @@ struct Start {
     std::string runDir = {};            ///< MERLOW_RUN_DIR of the process
     std::vector<int> descriptors = {};  ///< inherited as 4, 5, ...
     bool anyCpu = false;                ///< all CPUs that this process may use
+    bool otherCpus = false;             ///< of them, all but the measuring one, where there are others
 };
 
 /// A running process with a line to it. Killed and waited for with this object.

@@ -39,7 +39,10 @@ constexpr std::array roles{Role{"raw-client", playRawClient},
                            Role{"fault-client", playFaultClient},
                            Role{"storm-client", playStormClient},
                            Role{"audit-client", playAuditClient},
-                           Role{"trace-site", playTraceSite}};
+                           Role{"trace-site", playTraceSite},
+                           Role{"trust-client", playTrustClient},
+                           Role{"trust-peer", playTrustPeer},
+                           Role{"trust-burner", playBurner}};
 
 int epollIn(int epoll, int fd)
 {

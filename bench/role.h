@@ -146,5 +146,8 @@ int playFaultClient(const RoleArguments&);
 int playStormClient(const RoleArguments&);
 int playAuditClient(const RoleArguments&);
 int playTraceSite(const RoleArguments&);
+int playTrustClient(const RoleArguments&);
+int playTrustPeer(const RoleArguments&);
+int playBurner(const RoleArguments&);
 
 } // namespace merlow::bench

@@ -31,6 +31,8 @@ std::vector<Row> lifeRows(const Setting& setting);
 std::vector<Row> faultRows(const Setting& setting);
 /// Ten thousand fault events a second, and one subscriber that does not read.
 std::vector<Row> stormRows(const Setting& setting);
+/// Round trips of a client beside peers that mean harm.
+std::vector<Row> trustRows(const Setting& setting);
 /// What a trace site costs while it is off.
 std::vector<Row> traceRows(const Setting& setting);
 

@@ -63,6 +63,7 @@ TEST_F(TurnsTest, whoFloodsIsServedInTurnWithTheOthers)
     begin.open();
     ASSERT_TRUE(sent.pass());
     std::vector<std::uint32_t> order;
+    order.reserve(Flooder::messages + 1);
     for (int i = 0; i < Flooder::messages + 1; ++i) {
         order.push_back(receive().number());
     }
