@@ -4,6 +4,7 @@
 #include "ledger.h"
 
 #include <algorithm>
+#include <array>
 
 namespace sim {
 
@@ -97,7 +98,7 @@ constexpr unsigned int plain(std::uint32_t number)
 }
 
 /// What belongs together: a client in the mood for it gets further than chance would take it.
-const std::vector<std::vector<unsigned int>> moods{
+const std::array<std::vector<unsigned int>, Client::numMoods> moods{{
     {},
     {kAcquire, kAcquire, kLmcInit, kLmcInit, kLmcData, kLmcData, kLmcData, plain(TARN_BC_LMC_END_REQ),
      kRelease},
@@ -107,7 +108,7 @@ const std::vector<std::vector<unsigned int>> moods{
      plain(TARN_BC_SUBSCRIBE_MAINT_STATE_REQ), kSetMaintState, kSetMaintState, kSetVisual, kSetVisual,
      plain(TARN_BC_GET_VISUAL_INDICATION_REQ)},
     {kTempMeas, kTempMeas, kTempMeas, kSetUtcTime, kHwLogGet, kHwLogSet},
-};
+}};
 
 /// Procedures of several steps have the same references in each.
 constexpr bool isOfSoftware(std::uint32_t number)
@@ -307,6 +308,20 @@ std::string Client::connect(Random& random)
     die();
     start();
     return say(establishment(random), random, Weather::calm());
+}
+
+std::vector<unsigned int> Client::kindsOf(unsigned int mood)
+{
+    std::vector<unsigned int> kinds = moods.at(mood);
+    for (unsigned int kind = 0; mood == 0 && kind < numKinds; ++kind) {
+        kinds.push_back(kind);
+    }
+    return kinds;
+}
+
+std::string Client::ask(unsigned int kind, Random& random)
+{
+    return say(request(kind, random), random, Weather::calm());
 }
 
 void Client::takeAll()

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace sim {
 
@@ -21,6 +22,11 @@ public:
     std::string act(Random& random, const Weather& weather);
     /// As a new process: asks for a connection.
     std::string connect(Random& random);
+    /// Requests that make up a story; for mood 0, one of each kind.
+    [[nodiscard]] static std::vector<unsigned int> kindsOf(unsigned int mood);
+    static constexpr unsigned int numMoods = 5;
+    /// Asks for something of a kind.
+    std::string ask(unsigned int kind, Random& random);
     void takeAll();
     /// The public mailbox went: it asks for a connection anew, and knows of no faults.
     void onWithdrawn();

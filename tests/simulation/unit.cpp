@@ -7,6 +7,7 @@
 #include "merlowImpl.h"
 #include "merlowSwmi.h"
 #include "mnetMessageSubscriptionCustom.h"
+#include "shortage.h"
 #include "virtualSwmServer.h"
 
 #include <cstring>
@@ -47,6 +48,7 @@ template <class Call> Outcome Unit::observe(const Call& call)
     const sway_socket* before = VirtualSwmServer::connection();
     const std::size_t sentBefore = before == nullptr ? 0 : before->toPeer.size();
     try {
+        const support::shortage::Watch watch;
         call();
     } catch (const std::exception& e) {
         outcome.exception = e.what(); // the event loop reports it and goes on
@@ -89,6 +91,7 @@ void Unit::end()
 {
     if (m_impl != nullptr) {
         const FakeMnet::As server(FakeMnet::server);
+        const support::shortage::Watch watch;
         m_impl->cleanUp();
         MnetMessageSubscriptionCustom::reset();
         m_impl.reset();
@@ -99,6 +102,7 @@ void Unit::end()
 void Unit::requestStop()
 {
     const FakeMnet::As server(FakeMnet::server);
+    const support::shortage::Watch watch;
     m_impl->sendRequestToStop();
 }
 

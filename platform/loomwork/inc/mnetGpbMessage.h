@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <string>
 
 namespace Loomwork::Util {
@@ -76,17 +77,20 @@ private:
                                         static_cast<int>(length));
     }
 
+    /// Without memory a trace is lost, and not the message that it tells of.
     void traceFailure(std::size_t size) const
-    {
+    try {
         if ((procInfo->mask & (1u << 1)) != 0) {
             const std::string text = "Unable to parse GPB message " + m_message.GetTypeName() + " of size " +
                                      std::to_string(size) + " bytes";
             lttngScryTrace(1, short_fname(__FILE__), __LINE__, text.c_str(), procInfo);
         }
+    } catch (const std::bad_alloc&) {
+        traceNothing();
     }
 
     void traceSuccess(const mnet_msg* msg, const scry_record* traceObj) const
-    {
+    try {
         if ((procInfo->mask & (1u << SCRY_OBJ_BIT)) != 0 && traceObj != nullptr &&
             (traceObj->mask & (1u << SCRY_LEVEL_RECEIVED)) != 0) {
             const std::string text = "msgNo:" + std::to_string(m_msgNo) +
@@ -95,6 +99,13 @@ private:
                                      m_message.GetTypeName() + ":{" + m_message.ShortDebugString() + "}";
             lttngScryIfObjRecSigTrace(short_fname(__FILE__), __LINE__, msg, text.c_str(), procInfo, traceObj);
         }
+    } catch (const std::bad_alloc&) {
+        traceNothing();
+    }
+
+    static void traceNothing()
+    {
+        lttngScryTrace(1, short_fname(__FILE__), __LINE__, "ABN: No memory for a trace", procInfo);
     }
 
     std::uint32_t m_msgNo = 0;

@@ -183,6 +183,7 @@ private:
     void onServerLost();
     /// For the end of the thread that owns the subscription; true.
     bool onThreadExit(Subscription* subscription);
+    void addCleanup(std::uint32_t msgNo, std::function<void()> cleanup);
     void removeHandler(Subscription* subscription, unsigned int msgNo);
     void callHandler(const std::shared_ptr<mnet_msg>& msg) const;
     void leaveClientMap();

@@ -8,6 +8,7 @@
 
 #include "scryTrace.h"
 
+#include <new>
 #include <sstream>
 
 /// The server's trace object: switches levels 5, 6, 13, 17 and 18.
@@ -27,13 +28,26 @@ inline bool isObjOn(unsigned int level)
 
 } // namespace MerlowTrace
 
+/// What the calls below have in common: `write` is what becomes of `scryText`. Without memory the text is
+/// lost and told of, but neither the handler that traces nor the destructor.
+#define SCRY_TEXT(level, stream, write)                                                                      \
+    do {                                                                                                     \
+        try {                                                                                                \
+            std::ostringstream scryText;                                                                     \
+            scryText << stream; /* NOLINT(bugprone-macro-parentheses): a chain of << */                      \
+            write;                                                                                           \
+        } catch (const std::bad_alloc&) {                                                                    \
+            lttngScryTrace(level, short_fname(__FILE__), __LINE__, "ABN: No memory for a trace", procInfo);  \
+        }                                                                                                    \
+    } while (false)
+
 /// Levels 1 (failures) and 4 (abnormal and other notable events).
 #define SCRY_TRACE(level, stream)                                                                            \
     do {                                                                                                     \
         if (MerlowTrace::isOn(level)) [[unlikely]] {                                                         \
-            std::ostringstream scryText;                                                                     \
-            scryText << stream; /* NOLINT(bugprone-macro-parentheses): a chain of << */                      \
-            lttngScryTrace(level, short_fname(__FILE__), __LINE__, scryText.str().c_str(), procInfo);        \
+            SCRY_TEXT(                                                                                       \
+                level, stream,                                                                               \
+                lttngScryTrace(level, short_fname(__FILE__), __LINE__, scryText.str().c_str(), procInfo));   \
         }                                                                                                    \
     } while (false)
 
@@ -41,10 +55,9 @@ inline bool isObjOn(unsigned int level)
 #define SCRY_OBJ_TRACE(level, stream)                                                                        \
     do {                                                                                                     \
         if (MerlowTrace::isObjOn(level)) [[unlikely]] {                                                      \
-            std::ostringstream scryText;                                                                     \
-            scryText << stream; /* NOLINT(bugprone-macro-parentheses): a chain of << */                      \
-            lttngScryIfObjTrace(level, short_fname(__FILE__), __LINE__, scryText.str().c_str(), procInfo,    \
-                                MerlowTraceObj);                                                             \
+            SCRY_TEXT(level, stream,                                                                         \
+                      lttngScryIfObjTrace(level, short_fname(__FILE__), __LINE__, scryText.str().c_str(),    \
+                                          procInfo, MerlowTraceObj));                                        \
         }                                                                                                    \
     } while (false)
 
@@ -52,10 +65,9 @@ inline bool isObjOn(unsigned int level)
 #define SCRY_REC_SIG(msg, stream)                                                                            \
     do {                                                                                                     \
         if (MerlowTrace::isObjOn(SCRY_LEVEL_RECEIVED)) [[unlikely]] {                                        \
-            std::ostringstream scryText;                                                                     \
-            scryText << stream; /* NOLINT(bugprone-macro-parentheses): a chain of << */                      \
-            lttngScryIfObjRecSigTrace(short_fname(__FILE__), __LINE__, msg, scryText.str().c_str(),          \
-                                      procInfo, MerlowTraceObj);                                             \
+            SCRY_TEXT(SCRY_LEVEL_RECEIVED, stream,                                                           \
+                      lttngScryIfObjRecSigTrace(short_fname(__FILE__), __LINE__, msg,                        \
+                                                scryText.str().c_str(), procInfo, MerlowTraceObj));          \
         }                                                                                                    \
     } while (false)
 
@@ -63,10 +75,9 @@ inline bool isObjOn(unsigned int level)
 #define SCRY_SEND_SIG(sigNo, receiver, stream)                                                               \
     do {                                                                                                     \
         if (MerlowTrace::isObjOn(SCRY_LEVEL_SENT)) [[unlikely]] {                                            \
-            std::ostringstream scryText;                                                                     \
-            scryText << stream; /* NOLINT(bugprone-macro-parentheses): a chain of << */                      \
-            lttngScryIfObjSendSigTrace(short_fname(__FILE__), __LINE__, sigNo, receiver,                     \
-                                       scryText.str().c_str(), procInfo, MerlowTraceObj);                    \
+            SCRY_TEXT(SCRY_LEVEL_SENT, stream,                                                               \
+                      lttngScryIfObjSendSigTrace(short_fname(__FILE__), __LINE__, sigNo, receiver,           \
+                                                 scryText.str().c_str(), procInfo, MerlowTraceObj));         \
         }                                                                                                    \
     } while (false)
 

@@ -223,9 +223,7 @@ bool BrhClient::startSearch(Subscription* subscription, const std::string& serve
     subscription->addMsgHandler(notifyMsgNo, routeServerNotify);
     subscription->addMsgHandler(connCfmMsgNo, routeConnEstablishCfm);
     m_onConnCfm = onConnCfm;
-    m_cleanups[connCfmMsgNo] = [this, subscription] {
-        onThreadExit(subscription);
-    };
+    addCleanup(connCfmMsgNo, [this, subscription] { onThreadExit(subscription); });
     locate();
     return true;
 }
@@ -327,11 +325,15 @@ void BrhClient::addHandler(Subscription* subscription, unsigned int msgNo, const
     if (!hasInternalHandler(msgNo)) {
         // Refused when another object has registered the number: its route serves both.
         subscription->addMsgHandler(msgNo, routeFrame);
-        m_cleanups[msgNo] = [this, subscription, msgNo] {
-            removeHandler(subscription, msgNo);
-        };
+        addCleanup(msgNo, [this, subscription, msgNo] { removeHandler(subscription, msgNo); });
     }
     m_handlers.emplace(msgNo, handler);
+}
+
+void BrhClient::addCleanup(std::uint32_t msgNo, std::function<void()> cleanup)
+{
+    // Made before its place is: without memory there is neither.
+    m_cleanups[msgNo] = std::move(cleanup);
 }
 
 void BrhClient::removeHandler(Subscription* subscription, unsigned int msgNo)

@@ -25,6 +25,7 @@
 #include "mnetMessageSubscriptionCustom.h"
 #include "serverThread.h"
 
+#include <exception>
 #include <pthread.h>
 
 namespace {
@@ -196,7 +197,12 @@ int MerlowImpl::startUp()
     if (m_commonData->getPrivateMbox() == MNET_MBOX_NONE) {
         return NO_PRIVATE_MBOX;
     }
-    return registerSignalHandlers();
+    try {
+        return registerSignalHandlers();
+    } catch (const std::exception& e) { // no memory: above this there is only the end of the process
+        SCRY_TRACE(1, "ABN: The server can't start: " << e.what());
+        return COMPONENT_FAILED;
+    }
 }
 
 int MerlowImpl::registerSignalHandlers()

@@ -1,5 +1,7 @@
 #include "fakeBrh.h"
 
+#include "shortage.h"
+
 #include <algorithm>
 #include <brhRestart.h>
 
@@ -21,6 +23,7 @@ TextCapability::~TextCapability() = default;
 void getCapabilitiesV2(std::vector<std::shared_ptr<Capability>>& capabilities, int serverRef,
                        std::vector<CapSupport_en> wanted)
 {
+    const support::shortage::Pause pause;
     auto& brh = FakeBrh::instance();
     brh.capabilityCalls.push_back(serverRef);
     brh.wantedCapabilities = wanted;
@@ -38,6 +41,7 @@ void getCapabilitiesV2(std::vector<std::shared_ptr<Capability>>& capabilities, i
 
 BrhRestart& BrhRestart::getInstance()
 {
+    const support::shortage::Pause pause;
     static BrhRestart restart;
     return restart;
 }
@@ -45,6 +49,7 @@ BrhRestart& BrhRestart::getInstance()
 bool BrhRestart::notifyRestart(unsigned int timeSource, unsigned int notifyValue, std::string reason,
                                std::string& error)
 {
+    const support::shortage::Pause pause;
     auto& brh = FakeBrh::instance();
     ++brh.notifyCalls;
     if (reason.empty()) {
@@ -57,6 +62,7 @@ bool BrhRestart::notifyRestart(unsigned int timeSource, unsigned int notifyValue
 
 void BrhRestart::reset()
 {
+    const support::shortage::Pause pause;
     auto& brh = FakeBrh::instance();
     ++brh.resetCalls;
     brh.announcement.reset();

@@ -2,6 +2,7 @@
 
 #include "fakeMnet.h"
 #include "fakeSway.h"
+#include "shortage.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -37,6 +38,7 @@ bool FakeLoop::watches(int fd) const
 
 int FakeLoop::addFd(int fd, unsigned int events, std::function<void(int, unsigned int)> callback)
 {
+    const shortage::Pause pause;
     if (m_failAddFd > 0) {
         --m_failAddFd;
         return -1;
@@ -61,6 +63,7 @@ int FakeLoop::updateFd(int fd, unsigned int events)
 
 int FakeLoop::removeFd(int fd)
 {
+    const shortage::Pause pause;
     return std::erase_if(m_entries, [fd](const Entry& entry) { return entry.fd == fd; }) > 0 ? 0 : -1;
 }
 
@@ -85,7 +88,11 @@ bool FakeLoop::callReadable(int fd)
     if (entry == m_entries.end()) {
         return false;
     }
-    const auto callback = entry->callback; // the callback may remove its own entry
+    // The callback may remove its own entry.
+    const auto callback = [&entry] {
+        const shortage::Pause pause;
+        return entry->callback;
+    }();
     callback(fd, 1);
     return true;
 }

@@ -1,5 +1,7 @@
 #include "fakeMnet.h"
 
+#include "shortage.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -68,6 +70,9 @@ void FakeMnet::fail(Call call, unsigned int times, unsigned int skip)
 bool FakeMnet::failsNow(Call call)
 {
     // Only the server's calls fail: the neighbours are the test's own.
+    if (m_current == server && shortage::fails(1)) {
+        return true;
+    }
     const auto found = m_failures.find(call);
     if (m_current != server || found == m_failures.end() || found->second.times == 0) {
         return false;
@@ -475,90 +480,108 @@ using support::FakeMnet;
 
 int mnet_init(uint32_t max_mailboxes, int /*alloc_scheme*/, const char* /*name_space*/, uint32_t /*flags*/)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().init(max_mailboxes);
 }
 
 int mnet_exit(void)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().exit();
 }
 
 mnet_mbox_id_t mnet_create_mailbox(const char* name, uint32_t /*flags*/)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().create(name, FakeMnet::Call::create);
 }
 
 mnet_mbox_id_t mnet_clone_mailbox(mnet_mbox_id_t parent, const char* name)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().clone(parent, name);
 }
 
 int mnet_delete_mailbox(mnet_mbox_id_t mbox)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().remove(mbox);
 }
 
 mnet_mbox_id_t mnet_current_mbox(void)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().currentMbox();
 }
 
 int mnet_get_fd(void)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().getFd();
 }
 
 struct mnet_msg* mnet_alloc(size_t size, uint32_t msgNo)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().alloc(size, msgNo);
 }
 
 void mnet_free(struct mnet_msg** msg)
 {
+    const support::shortage::Pause pause;
     FakeMnet::instance().free(msg);
 }
 
 size_t mnet_size(const struct mnet_msg* msg)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().size(msg);
 }
 
 int mnet_send(struct mnet_msg** msg, mnet_mbox_id_t to, mnet_mbox_id_t from)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().send(msg, to, from);
 }
 
 struct mnet_msg* mnet_receive(const uint32_t* filter, int /*timeout_ms*/, mnet_mbox_id_t from)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().receive(filter, from);
 }
 
 mnet_mbox_id_t mnet_sender(const struct mnet_msg* msg)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().sender(msg);
 }
 
 mnet_mbox_id_t mnet_receiver(const struct mnet_msg* msg)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().receiver(msg);
 }
 
 int mnet_locate_async(const char* name, struct mnet_msg** msg, mnet_mbox_id_t mbox)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().locate(name, msg, mbox);
 }
 
 mnet_monitor_id_t mnet_monitor(mnet_mbox_id_t mbox, struct mnet_msg** msg)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().monitor(mbox, msg);
 }
 
 int mnet_unmonitor(mnet_monitor_id_t id)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().unmonitor(id);
 }
 
 int mnet_is_notice(const struct mnet_msg* msg)
 {
+    const support::shortage::Pause pause;
     return FakeMnet::instance().isNotice(msg) ? 1 : 0;
 }

@@ -1,5 +1,7 @@
 #include "fakeSway.h"
 
+#include "shortage.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -25,6 +27,10 @@ void FakeSway::fail(Call call, int error, unsigned int times, unsigned int skip)
 
 bool FakeSway::failsNow(Call call)
 {
+    if (shortage::fails(1)) {
+        errno = ENOMEM;
+        return true;
+    }
     const auto found = m_failures.find(call);
     if (found == m_failures.end() || found->second.times == 0) {
         return false;
@@ -107,6 +113,7 @@ bool usable(const sway_socket* s)
 
 sway_socket* sway_connect(const char* address, int /*flags*/)
 {
+    const support::shortage::Pause pause;
     auto& sway = FakeSway::instance();
     if (sway.failsNow(FakeSway::Call::connect)) {
         return nullptr;
@@ -120,6 +127,7 @@ sway_socket* sway_connect(const char* address, int /*flags*/)
 
 int sway_set_blocking(sway_socket* s, bool blocking)
 {
+    const support::shortage::Pause pause;
     if (!usable(s)) {
         return -1;
     }
@@ -129,6 +137,7 @@ int sway_set_blocking(sway_socket* s, bool blocking)
 
 int sway_attr_get(sway_socket* s, const char* name, size_t* size, void* value, size_t capacity)
 {
+    const support::shortage::Pause pause;
     if (!usable(s) || FakeSway::instance().failsNow(FakeSway::Call::attr)) {
         return -1;
     }
@@ -146,16 +155,19 @@ int sway_attr_get(sway_socket* s, const char* name, size_t* size, void* value, s
 
 int sway_await(sway_socket* s, int /*receive*/)
 {
+    const support::shortage::Pause pause;
     return usable(s) && !FakeSway::instance().failsNow(FakeSway::Call::await) ? 0 : -1;
 }
 
 int sway_fd(sway_socket* s)
 {
+    const support::shortage::Pause pause;
     return usable(s) ? s->fd : -1;
 }
 
 ssize_t sway_receive(sway_socket* s, void* buffer, size_t capacity)
 {
+    const support::shortage::Pause pause;
     if (!usable(s) || FakeSway::instance().failsNow(FakeSway::Call::receive)) {
         return -1;
     }
@@ -178,6 +190,7 @@ ssize_t sway_receive(sway_socket* s, void* buffer, size_t capacity)
 
 int sway_send(sway_socket* s, const void* buffer, size_t length)
 {
+    const support::shortage::Pause pause;
     if (!usable(s) || FakeSway::instance().failsNow(FakeSway::Call::send)) {
         return -1;
     }
@@ -196,6 +209,7 @@ int sway_send(sway_socket* s, const void* buffer, size_t length)
 
 void sway_close(sway_socket* s)
 {
+    const support::shortage::Pause pause;
     if (s != nullptr) {
         FakeSway::instance().close(s);
     }

@@ -1,5 +1,7 @@
 #include "fakeTrace.h"
 
+#include "shortage.h"
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -77,45 +79,53 @@ __thread const scry_record* procInfo = &g_proc;
 
 const scry_record* scryTraceObj(const char* /*name*/)
 {
+    const support::shortage::Pause pause;
     return &g_obj;
 }
 
 int scryStart()
 {
+    const support::shortage::Pause pause;
     return 0;
 }
 
 int scryLoadProbes(const char* /*file*/)
 {
+    const support::shortage::Pause pause;
     return 0;
 }
 
 const char* short_fname(const char* path)
 {
+    const support::shortage::Pause pause;
     const char* slash = std::strrchr(path, '/');
     return slash == nullptr ? path : slash + 1;
 }
 
 const char* tpt_short_fname(const char* path)
 {
+    const support::shortage::Pause pause;
     return short_fname(path);
 }
 
 void lttngScryTrace(unsigned int level, const char* /*file*/, unsigned int /*line*/, const char* text,
                     const scry_record* /*proc*/)
 {
+    const support::shortage::Pause pause;
     Traces::instance().add(support::TraceLine{.level = level, .text = text});
 }
 
 void lttngScryIfObjTrace(unsigned int level, const char* /*file*/, unsigned int /*line*/, const char* text,
                          const scry_record* /*proc*/, const scry_record* /*obj*/)
 {
+    const support::shortage::Pause pause;
     Traces::instance().add(support::TraceLine{.level = level, .text = text});
 }
 
 void lttngScryIfObjRecSigTrace(const char* /*file*/, unsigned int /*line*/, const struct mnet_msg* msg,
                                const char* text, const scry_record* /*proc*/, const scry_record* /*obj*/)
 {
+    const support::shortage::Pause pause;
     Traces::instance().add(support::TraceLine{
         .level = SCRY_LEVEL_RECEIVED, .text = text, .sigNo = msg == nullptr ? 0 : msg->msgNo});
 }
@@ -124,12 +134,14 @@ void lttngScryIfObjSendSigTrace(const char* /*file*/, unsigned int /*line*/, uin
                                 uint32_t receiver, const char* text, const scry_record* /*proc*/,
                                 const scry_record* /*obj*/)
 {
+    const support::shortage::Pause pause;
     Traces::instance().add(
         support::TraceLine{.level = SCRY_LEVEL_SENT, .text = text, .sigNo = sigNo, .receiver = receiver});
 }
 
 std::string formatStr(const char* format, ...)
 {
+    const support::shortage::Pause pause;
     va_list args;
     va_start(args, format);
     va_list again;
@@ -146,5 +158,6 @@ std::string formatStr(const char* format, ...)
 
 void rushlog_log(const char* category, const char* text)
 {
+    const support::shortage::Pause pause;
     Traces::instance().add(support::RushlogLine{.category = category, .text = text});
 }
