@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <cstdio>
 #include <sys/un.h>
 #include <unistd.h>
 #include <vector>
@@ -17,14 +17,14 @@ namespace {
 /// folder's own name is.
 bool addressAt(int dirFd, const std::string& name, sockaddr_un& address)
 {
-    const std::string path = "/proc/self/fd/" + std::to_string(dirFd) + "/" + name;
     address = {};
     address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
+    const int length =
+        std::snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s", dirFd, name.c_str());
+    if (length < 0 || static_cast<std::size_t>(length) >= sizeof(address.sun_path)) {
         errno = ENAMETOOLONG;
         return false;
     }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     return true;
 }
 

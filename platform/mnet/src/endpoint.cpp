@@ -8,6 +8,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <iterator>
+#include <new>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -47,13 +49,18 @@ std::shared_ptr<Endpoint> Endpoint::create(std::shared_ptr<Process> process, std
 bool Endpoint::open()
 {
     RunFolder& folder = m_process->folder();
-    m_epoll = Descriptor::open([] { return epoll_create1(EPOLL_CLOEXEC); });
-    m_bell = Descriptor::open([] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); });
-    m_timer = Descriptor::open([] { return timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK); });
-    m_reserve = Descriptor::open([] { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); });
-    m_listener =
-        Descriptor::open([] { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); });
-    if (!m_epoll || !m_bell || !m_timer || !m_reserve || !m_listener || !m_live.create(folder, m_number)) {
+    // One after the other, so that `errno` is that of the one that is missing.
+    const auto opened = [](Descriptor& descriptor, auto open) {
+        descriptor = Descriptor::open(open);
+        return static_cast<bool>(descriptor);
+    };
+    if (!opened(m_epoll, [] { return epoll_create1(EPOLL_CLOEXEC); }) ||
+        !opened(m_bell, [] { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }) ||
+        !opened(m_timer, [] { return timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK); }) ||
+        !opened(m_reserve, [] { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }) ||
+        !opened(m_listener,
+                [] { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); }) ||
+        !m_live.create(folder, m_number)) {
         return false;
     }
     const std::string name = std::to_string(m_number);
@@ -100,10 +107,7 @@ void Endpoint::onTimer()
     std::uint64_t count = 0;
     [[maybe_unused]] const auto got = read(m_timer.get(), &count, sizeof(count));
     m_timerDue.reset();
-    if (!m_listening) {
-        m_listening = true;
-        rewatch(m_listener.get(), Source::listener, 0, EPOLLIN);
-    }
+    listenAgain();
     if (m_looksAgain) {
         watchNames();
     }
@@ -158,6 +162,14 @@ std::optional<std::uint16_t> Endpoint::takeIndex()
     return index;
 }
 
+/// The mailbox goes, and its index, which stands in `place`, is free again.
+void Endpoint::giveBackMailbox(std::list<std::uint16_t>& place)
+{
+    m_mailboxes.erase(place.front());
+    m_freedIndexes.splice(m_freedIndexes.end(), place);
+    m_process->returnMailbox();
+}
+
 mnet_mbox_id_t Endpoint::addMailbox(const std::string& name)
 {
     const Locked locked(*this);
@@ -165,6 +177,7 @@ mnet_mbox_id_t Endpoint::addMailbox(const std::string& name)
         errno = ENOTCONN;
         return MNET_MBOX_NONE;
     }
+    std::list<std::uint16_t> place(1); // for the way back, on which there may be no memory
     if (!m_process->reserveMailbox()) {
         errno = ENOSPC;
         return MNET_MBOX_NONE;
@@ -175,20 +188,26 @@ mnet_mbox_id_t Endpoint::addMailbox(const std::string& name)
         errno = ENOSPC;
         return MNET_MBOX_NONE;
     }
+    place.front() = *index;
     const mnet_mbox_id_t id = makeId(m_number, *index);
-    Mailbox mailbox{.age = m_nextAge++, .name = {}, .watchers = {}};
-    // It is there before its name is: who finds the name may send at once.
-    const bool made = m_live.set(*index, true) &&
-                      (name.empty() || mailbox.name.take(m_process->folder().names(), name, id));
+    bool made = false;
+    try {
+        Mailbox& mailbox = m_mailboxes[*index];
+        mailbox.age = m_nextAge++;
+        // It is there before its name is: who finds the name may send at once.
+        made = m_live.set(*index, true) &&
+               (name.empty() || mailbox.name.take(m_process->folder().names(), name, id));
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+    }
     if (!made) {
         const int error = errno;
         m_live.set(*index, false);
-        m_freedIndexes.push_back(*index);
-        m_process->returnMailbox();
+        giveBackMailbox(place);
         errno = error;
         return MNET_MBOX_NONE;
     }
-    m_mailboxes.emplace(*index, std::move(mailbox));
+    m_mailboxes.at(*index).index = std::move(place);
     if (m_oldest == MNET_MBOX_NONE) {
         m_oldest = id;
     }
@@ -197,8 +216,9 @@ mnet_mbox_id_t Endpoint::addMailbox(const std::string& name)
 
 bool Endpoint::deleteMailbox(mnet_mbox_id_t id)
 {
-    std::vector<LocalWatch> told;
-    std::vector<LocalWatch> ended;
+    // Whom to tell of it outside the lock: other endpoints of this process.
+    std::list<Watcher> watchers;
+    std::map<mnet_monitor_id_t, Monitor> ended;
     bool last = false;
     {
         const Locked locked(*this);
@@ -217,34 +237,36 @@ bool Endpoint::deleteMailbox(mnet_mbox_id_t id)
                 pushFromPeer(std::move(m_arrived));
             }
         }
-        Mailbox mailbox = std::move(m_mailboxes.at(indexOf(id)));
-        m_mailboxes.erase(indexOf(id));
+        Mailbox& mailbox = m_mailboxes.at(indexOf(id));
         mailbox.name.release();
-        m_freedIndexes.push_back(indexOf(id));
-        m_process->returnMailbox();
+        watchers.splice(watchers.end(), mailbox.watchers);
+        std::list<std::uint16_t> place = std::move(mailbox.index);
+        giveBackMailbox(place);
         if (m_oldest == id) {
             m_oldest = oldestMailbox();
         }
         dropQueuedFor(id);
         endDeliveriesTo(id, ended);
-        for (const Watcher& watcher : mailbox.watchers) {
-            if (const auto peer = m_peers.find(watcher.endpoint); peer != m_peers.end()) {
-                peer->second.watches -= peer->second.watches > 0 ? 1 : 0;
-                noticeToPeer(watcher.endpoint, id, watcher.monitor);
-            } else {
-                told.push_back({id, watcher.endpoint, watcher.monitor});
+        for (auto watcher = watchers.begin(); watcher != watchers.end();) {
+            const auto peer = m_peers.find(watcher->endpoint);
+            if (peer == m_peers.end() || !watcher->notice) {
+                ++watcher;
+                continue;
             }
+            peer->second.watches -= peer->second.watches > 0 ? 1 : 0;
+            noticeToPeer(watcher->endpoint, id, watcher->monitor, std::move(watcher->notice));
+            watcher = watchers.erase(watcher);
         }
         last = m_orphan && m_mailboxes.empty();
     }
-    for (const LocalWatch& link : told) {
-        if (const auto watcher = m_process->find(link.watcher)) {
+    for (const Watcher& link : watchers) {
+        if (const auto watcher = m_process->find(link.endpoint)) {
             watcher->notify(link.monitor);
         }
     }
-    for (const LocalWatch& link : ended) {
-        if (const auto target = m_process->find(endpointOf(link.target))) {
-            target->removeWatcher(link.target, link.watcher, link.monitor);
+    for (const auto& [monitor, what] : ended) {
+        if (const auto target = m_process->find(endpointOf(what.target))) {
+            target->removeWatcher(what.target, m_number, monitor);
         }
     }
     if (last) {
@@ -253,32 +275,34 @@ bool Endpoint::deleteMailbox(mnet_mbox_id_t id)
     return true;
 }
 
-void Endpoint::endDeliveriesTo(mnet_mbox_id_t id, std::vector<LocalWatch>& ended)
+void Endpoint::endDeliveriesTo(mnet_mbox_id_t id, std::map<mnet_monitor_id_t, Monitor>& ended)
 {
     m_locates.remove_if([&](const Locate& pending) { return pending.receiver == id; });
     if (m_locates.empty()) {
         m_nameWatch.reset();
     }
-    std::vector<std::pair<mnet_monitor_id_t, mnet_mbox_id_t>> standing;
+    std::map<mnet_monitor_id_t, Monitor> standing;
     for (auto monitor = m_monitors.begin(); monitor != m_monitors.end();) {
-        if (monitor->second.receiver != id) {
-            ++monitor;
-            continue;
+        const auto next = std::next(monitor);
+        if (monitor->second.receiver == id && monitor->second.message) {
+            standing.insert(m_monitors.extract(monitor));
+        } else if (monitor->second.receiver == id) {
+            m_monitors.erase(monitor);
         }
-        if (monitor->second.message) {
-            standing.emplace_back(monitor->first, monitor->second.target);
-        }
-        monitor = m_monitors.erase(monitor);
+        monitor = next;
     }
-    for (const auto& [monitor, target] : standing) {
+    while (!standing.empty()) {
+        const mnet_monitor_id_t monitor = standing.begin()->first;
+        const mnet_mbox_id_t target = standing.begin()->second.target;
         const auto peer = m_peers.find(endpointOf(target));
         if (peer == m_peers.end()) {
-            ended.push_back({target, m_number, monitor});
-        } else {
-            --peer->second.monitors;
-            if (!peer->second.out.withdrawRequest(monitor) && peer->second.out.isOpen()) {
-                request(endpointOf(target), Kind::unmonitor, makeId(m_number, 0), target, monitor);
-            }
+            ended.insert(standing.extract(monitor));
+            continue;
+        }
+        standing.erase(monitor);
+        --peer->second.monitors;
+        if (!peer->second.out.withdrawRequest(monitor) && peer->second.out.isOpen()) {
+            request(endpointOf(target), Kind::unmonitor, makeId(m_number, 0), target, monitor);
         }
     }
 }

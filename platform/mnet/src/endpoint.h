@@ -23,7 +23,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -87,14 +86,11 @@ public:
     void close();
 
 private:
-    struct Watcher {
-        std::uint16_t endpoint;
-        mnet_monitor_id_t monitor;
-    };
     struct Mailbox {
         std::uint64_t age = 0;
         NameClaim name;
-        std::vector<Watcher> watchers;
+        std::list<Watcher> watchers;
+        std::list<std::uint16_t> index; ///< its own, on its way to those that are free again
     };
     struct Monitor {
         mnet_mbox_id_t target = MNET_MBOX_NONE;
@@ -117,12 +113,6 @@ private:
         int retryMs = 0;
         std::optional<Clock::time_point> retryAt;
         std::uint64_t lastTurn = 0;
-    };
-    /// A link between two endpoints of the process that has to be told of outside the lock.
-    struct LocalWatch {
-        mnet_mbox_id_t target;
-        std::uint16_t watcher;
-        mnet_monitor_id_t monitor;
     };
     enum class Source : std::uint32_t { bell, listener, timer, names, incoming, outgoing };
 
@@ -157,9 +147,10 @@ private:
 
     // Mailboxes (endpoint.cpp).
     std::optional<std::uint16_t> takeIndex();
+    void giveBackMailbox(std::list<std::uint16_t>& place);
     bool isMine(mnet_mbox_id_t id) const;
     mnet_mbox_id_t oldestMailbox() const;
-    void endDeliveriesTo(mnet_mbox_id_t id, std::vector<LocalWatch>& ended);
+    void endDeliveriesTo(mnet_mbox_id_t id, std::map<mnet_monitor_id_t, Monitor>& ended);
     void finishClosing(std::unique_lock<std::mutex>& lock);
 
     // Queue (endpointReceive.cpp).
@@ -184,6 +175,11 @@ private:
     bool post(std::uint16_t number, BlockPtr block);
     void request(std::uint16_t number, Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver,
                  mnet_monitor_id_t monitor);
+    void ask(std::uint16_t number, BlockPtr asking);
+    void retryLater(Peer& peer);
+    /// Nothing when there is no memory.
+    static BlockPtr makeRequest(Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver,
+                                mnet_monitor_id_t monitor);
     void armWritable(std::uint16_t number, Peer& peer);
     void onOutgoing(std::uint16_t number, std::uint32_t events);
     void retryConnections();
@@ -194,10 +190,10 @@ private:
 
     // Connections in (endpointAccept.cpp).
     void acceptWaiting();
+    void acceptSome(int most);
     bool acceptOne();
     bool refuseOne();
     void pauseListening(Clock::duration pause);
-    void turnAway(const std::string& why);
     void discourage();
     Incoming* addIncoming(Descriptor socket, const ucred& peer);
     bool readHello(Incoming& incoming);
@@ -205,7 +201,9 @@ private:
     bool serveIncoming(Incoming& incoming);
     void readToEnd(Incoming& incoming);
     void readWhatWaits(Incoming& incoming);
-    void onRequest(const Incoming& incoming, const PacketHeader& header);
+    void onRequest(Incoming& incoming, const PacketHeader& header);
+    void leaveAlone(Incoming& incoming);
+    void listenAgain();
     void eraseIncoming(Incoming& incoming);
     std::size_t userLimit() const;
 
@@ -214,11 +212,11 @@ private:
     void fireGone();
     bool removeWatcherHere(mnet_mbox_id_t target, std::uint16_t watcher, mnet_monitor_id_t monitor);
     void dropWatchersOf(std::uint16_t number);
-    void noticeToPeer(std::uint16_t number, mnet_mbox_id_t lost, mnet_monitor_id_t monitor);
+    void noticeToPeer(std::uint16_t number, mnet_mbox_id_t lost, mnet_monitor_id_t monitor, BlockPtr notice);
     void rememberDeath(std::uint16_t number);
     [[nodiscard]] bool hasJustDied(std::uint16_t number) const;
     bool answerLocate(std::list<Locate>::iterator pending);
-    void answerLocates(const std::string* fileName);
+    void answerLocates(const char* fileName);
     void watchNames();
     void lookAgain();
     void onNames();
@@ -245,7 +243,7 @@ private:
     std::uint64_t m_nextAge = 0;
     std::uint16_t m_nextIndex = 0;
     std::uint32_t m_unusedIndexes = 65536;
-    std::deque<std::uint16_t> m_freedIndexes;
+    std::list<std::uint16_t> m_freedIndexes;
 
     MessageQueue m_queue;
     std::uint64_t m_removals = 0; ///< how often something left the queue otherwise than by `receive`
@@ -263,7 +261,8 @@ private:
     int m_guessRun = 0;
     bool m_guessPays = false;
     bool m_listening = true;
-    bool m_refused = false; ///< the last one that connected was refused, and comes again with what it has
+    bool m_hasStarving = false; ///< connections are left alone until the timer, since there is no memory
+    bool m_refused = false;     ///< the last one that connected was refused, and comes again with what it has
     Clock::duration m_refusalPause{}; ///< the last one
     Clock::time_point m_lastRefusal;
     std::optional<Clock::time_point> m_timerDue;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <new>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -70,7 +71,16 @@ std::size_t Endpoint::userLimit() const
 /// Whoever is connected by now; others may go on to connect faster than they are accepted.
 void Endpoint::acceptWaiting()
 {
-    for (int i = 0; i < mostWaiting && m_listener && acceptOne(); ++i) {
+    acceptSome(mostWaiting);
+}
+
+void Endpoint::acceptSome(int most)
+{
+    try {
+        for (int i = 0; i < most && m_listener && acceptOne(); ++i) {
+        }
+    } catch (const std::bad_alloc&) {
+        pauseListening(listenPause); // who was refused comes again
     }
 }
 
@@ -83,13 +93,7 @@ void Endpoint::pauseListening(Clock::duration pause)
     }
 }
 
-/// What became of a connection that was not allowed, or of no use.
-void Endpoint::turnAway(const std::string& why)
-{
-    report(why);
-    discourage();
-}
-
+/// Somebody connected who was not allowed to, or was of no use.
 void Endpoint::discourage()
 {
     const auto now = Clock::now();
@@ -98,6 +102,33 @@ void Endpoint::discourage()
                          : minRefusalPause;
     m_lastRefusal = now;
     pauseListening(m_refusalPause);
+}
+
+/// What was left alone for want of descriptors or memory is looked after again.
+void Endpoint::listenAgain()
+{
+    if (!m_listening) {
+        m_listening = true;
+        rewatch(m_listener.get(), Source::listener, 0, EPOLLIN);
+    }
+    if (m_hasStarving) {
+        m_hasStarving = false;
+        for (auto& [serial, incoming] : m_incoming) {
+            if (incoming->starves && !incoming->paused) {
+                rewatch(incoming->fd(), Source::incoming, serial, EPOLLIN);
+            }
+            incoming->starves = false;
+        }
+    }
+}
+
+/// There is no memory for what it sends, and it would be readable all the time.
+void Endpoint::leaveAlone(Incoming& incoming)
+{
+    incoming.starves = true;
+    m_hasStarving = true;
+    rewatch(incoming.fd(), Source::incoming, incoming.serial, 0);
+    schedule(Clock::now() + listenPause);
 }
 
 bool Endpoint::acceptOne()
@@ -115,13 +146,19 @@ bool Endpoint::acceptOne()
     }
     ucred peer{};
     if (!merlow::base::peerCredentials(socket.get(), peer) || !merlow::base::peerAllowed(socket.get())) {
-        turnAway("refused a connection of process " + std::to_string(peer.pid) + ": user " +
-                 std::to_string(peer.uid) + " has no access");
+        report([&] {
+            return "refused a connection of process " + std::to_string(peer.pid) + ": user " +
+                   std::to_string(peer.uid) + " has no access";
+        });
+        discourage();
         return true;
     }
     if (m_userConnections[peer.uid] >= userLimit()) {
-        turnAway("refused a connection of process " + std::to_string(peer.pid) + ": user " +
-                 std::to_string(peer.uid) + " has too many");
+        report([&] {
+            return "refused a connection of process " + std::to_string(peer.pid) + ": user " +
+                   std::to_string(peer.uid) + " has too many";
+        });
+        discourage();
         return true;
     }
     if (Incoming* incoming = addIncoming(std::move(socket), peer)) {
@@ -150,7 +187,7 @@ bool Endpoint::refuseOne()
         }
         if (accepted && !m_refused) {
             m_refused = true;
-            report("refuses connections: out of descriptors");
+            report([&] { return "refuses connections: out of descriptors"; });
         }
         m_reserve = Descriptor::open([] { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); });
     }
@@ -167,8 +204,11 @@ Incoming* Endpoint::addIncoming(Descriptor socket, const ucred& peer)
     if (!watch(incoming->fd(), Source::incoming, incoming->serial, EPOLLIN)) {
         return nullptr;
     }
-    ++m_userConnections[peer.uid];
-    return m_incoming.emplace(incoming->serial, std::move(incoming)).first->second.get();
+    std::size_t& connections = m_userConnections[peer.uid];
+    const std::uint32_t serial = incoming->serial;
+    Incoming* added = m_incoming.emplace(serial, std::move(incoming)).first->second.get();
+    ++connections;
+    return added;
 }
 
 /// False when it has not come yet.
@@ -177,17 +217,29 @@ bool Endpoint::readHello(Incoming& incoming)
     std::uint16_t claimed = 0;
     switch (incoming.readHello(m_number, claimed)) {
     case Incoming::Got::again:
+    case Incoming::Got::hungry:
         return false;
     case Incoming::Got::request:
-        if (admit(incoming, claimed)) {
-            return true;
+        try {
+            if (admit(incoming, claimed)) {
+                return true;
+            }
+        } catch (const std::bad_alloc&) {
+            forgetIfIdle(claimed);
+            break; // it comes again, since it was not welcomed
         }
-        turnAway("refused a connection of process " + std::to_string(incoming.pid()) + ": endpoint " +
-                 std::to_string(claimed) + " is not its own, or is connected already");
+        report([&] {
+            return "refused a connection of process " + std::to_string(incoming.pid()) + ": endpoint " +
+                   std::to_string(claimed) + " is not its own, or is connected already";
+        });
+        discourage();
         break;
     case Incoming::Got::refused:
-        turnAway("refused a connection of process " + std::to_string(incoming.pid()) +
-                 ": not the mailbox protocol");
+        report([&] {
+            return "refused a connection of process " + std::to_string(incoming.pid()) +
+                   ": not the mailbox protocol";
+        });
+        discourage();
         break;
     default: // gone without a word
         discourage();
@@ -223,8 +275,11 @@ bool Endpoint::admit(Incoming& incoming, std::uint16_t claimed)
             peerLost(claimed); // an earlier process under this number
         }
     }
-    m_peers[claimed].in = &incoming;
-    incoming.accept(claimed);
+    Peer& peer = m_peers[claimed];
+    if (!incoming.accept(claimed)) {
+        throw std::bad_alloc();
+    }
+    peer.in = &incoming;
     return true;
 }
 
@@ -257,9 +312,15 @@ bool Endpoint::serveIncoming(Incoming& incoming)
             break;
         case Incoming::Got::again:
             return i > 0;
+        case Incoming::Got::hungry:
+            leaveAlone(incoming);
+            return i > 0;
         case Incoming::Got::refused:
-            turnAway("closed the connection of process " + std::to_string(incoming.pid()) +
-                     ": malformed packet, or no memory for it");
+            report([&] {
+                return "closed the connection of process " + std::to_string(incoming.pid()) +
+                       ": malformed packet";
+            });
+            discourage();
             eraseIncoming(incoming);
             return true;
         case Incoming::Got::end:
@@ -300,24 +361,30 @@ void Endpoint::readWhatWaits(Incoming& incoming)
     }
 }
 
-void Endpoint::onRequest(const Incoming& incoming, const PacketHeader& header)
+void Endpoint::onRequest(Incoming& incoming, const PacketHeader& header)
 {
     const std::uint16_t number = incoming.peer();
     Peer& peer = m_peers[number];
     switch (kindOf(header)) {
     case Kind::monitor: {
         if (peer.watches + peer.out.notices() >= maxWatches) {
-            turnAway("closed the connection of process " + std::to_string(incoming.pid()) +
-                     ": too many monitors");
+            report([&] {
+                return "closed the connection of process " + std::to_string(incoming.pid()) +
+                       ": too many monitors";
+            });
+            discourage();
             eraseIncoming(*peer.in);
             return;
         }
+        auto watcher = incoming.takeSpare();
         const auto mailbox = m_mailboxes.find(indexOf(header.receiver));
         if (mailbox != m_mailboxes.end()) {
             ++peer.watches;
-            mailbox->second.watchers.push_back({number, header.value});
+            watcher.front().endpoint = number;
+            watcher.front().monitor = header.value;
+            mailbox->second.watchers.splice(mailbox->second.watchers.end(), watcher);
         } else {
-            noticeToPeer(number, header.receiver, header.value);
+            noticeToPeer(number, header.receiver, header.value, std::move(watcher.front().notice));
         }
         break;
     }

@@ -95,7 +95,9 @@ BlockPtr Endpoint::take(Block* block)
         Incoming* incoming = peer->second.in;
         if (incoming != nullptr && incoming->paused && peer->second.queued <= m_process->queueLimit() / 2) {
             incoming->paused = false;
-            rewatch(incoming->fd(), Source::incoming, incoming->serial, EPOLLIN);
+            if (!incoming->starves) {
+                rewatch(incoming->fd(), Source::incoming, incoming->serial, EPOLLIN);
+            }
         }
     }
     return taken;
@@ -213,7 +215,7 @@ void Endpoint::serve(std::uint64_t event, std::uint32_t events)
         clearBell();
         break;
     case Source::listener:
-        acceptOne(); // for one turn, as a connection has one message
+        acceptSome(1); // for one turn, as a connection has one message
         break;
     case Source::timer:
         onTimer();

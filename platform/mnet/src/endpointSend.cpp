@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <sys/epoll.h>
 
 namespace mnet {
@@ -20,7 +21,10 @@ constexpr int serveBudget = 16;
 /// time: who is dying needs a moment, who has no descriptors longer.
 constexpr int maxRetryMs = 128;
 
-BlockPtr makeRequest(Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver, mnet_monitor_id_t monitor)
+} // namespace
+
+BlockPtr Endpoint::makeRequest(Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver,
+                               mnet_monitor_id_t monitor)
 {
     BlockPtr block = makeBlock(0, Fill::none);
     if (block) {
@@ -31,8 +35,6 @@ BlockPtr makeRequest(Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver, 
     }
     return block;
 }
-
-} // namespace
 
 int Endpoint::send(BlockPtr block, mnet_mbox_id_t to)
 {
@@ -101,8 +103,10 @@ int Endpoint::sendToPeer(Peer& peer, BlockPtr block, mnet_mbox_id_t to)
     if (peer.out.hasKept() && peer.out.keptBytes() + block->cost() > m_process->queueLimit()) {
         if (!peer.out.reportedFull) {
             peer.out.reportedFull = true;
-            report("mailbox " + hex(to) + " does not read: " + std::to_string(peer.out.keptBytes()) +
-                   " bytes wait, no more are taken");
+            report([&] {
+                return "mailbox " + hex(to) + " does not read: " + std::to_string(peer.out.keptBytes()) +
+                       " bytes wait, no more are taken";
+            });
         }
         return ENOBUFS;
     }
@@ -135,12 +139,28 @@ bool Endpoint::post(std::uint16_t number, BlockPtr block)
 void Endpoint::request(std::uint16_t number, Kind kind, mnet_mbox_id_t sender, mnet_mbox_id_t receiver,
                        mnet_monitor_id_t monitor)
 {
-    BlockPtr block = makeRequest(kind, sender, receiver, monitor);
-    if (block && kind == Kind::monitor && m_peers[number].out.isGone(indexOf(receiver))) {
-        m_asked.push(std::move(block)); // nobody has to be asked
-    } else if (block) {
+    // Without memory the other side goes on to watch, and its notice finds no monitor here.
+    if (BlockPtr block = makeRequest(kind, sender, receiver, monitor)) {
         post(number, std::move(block));
     }
+}
+
+/// Asks a peer to watch a mailbox.
+void Endpoint::ask(std::uint16_t number, BlockPtr asking)
+{
+    if (m_peers[number].out.isGone(indexOf(asking->receiver))) {
+        m_asked.push(std::move(asking)); // nobody has to be asked
+    } else {
+        post(number, std::move(asking));
+    }
+}
+
+/// The connection to a peer is made later.
+void Endpoint::retryLater(Peer& peer)
+{
+    peer.out.close();
+    peer.retryAt = Clock::now() + std::chrono::milliseconds(maxRetryMs);
+    schedule(*peer.retryAt);
 }
 
 /// Opens the connection to a peer, or sees to it that it is tried again. False, with `errno` and the peer
@@ -158,9 +178,11 @@ bool Endpoint::connect(std::uint16_t number)
         schedule(*peer.retryAt);
         return true;
     case Outgoing::Open::denied:
-        report("endpoint " + std::to_string(number) +
-               " is not to be spoken to: another process holds its socket, or "
-               "access is denied");
+        report([&] {
+            return "endpoint " + std::to_string(number) +
+                   " is not to be spoken to: another process holds its socket, or "
+                   "access is denied";
+        });
         peerLost(number);
         errno = EACCES;
         return false;
@@ -170,20 +192,21 @@ bool Endpoint::connect(std::uint16_t number)
         return false;
     }
     if (!watch(peer.out.fd(), Source::outgoing, number, EPOLLIN)) {
-        peer.out.close();
-        peer.retryAt = Clock::now() + std::chrono::milliseconds(maxRetryMs);
-        schedule(*peer.retryAt);
+        retryLater(peer);
         return true;
     }
     // Our monitors there stand anew with each connection.
     for (const auto& [id, monitor] : m_monitors) {
         if (monitor.message && endpointOf(monitor.target) == number) {
-            if (BlockPtr block = makeRequest(Kind::monitor, monitor.receiver, monitor.target, id)) {
-                if (peer.out.isGone(indexOf(monitor.target))) {
-                    m_asked.push(std::move(block));
-                } else {
-                    peer.out.keep(std::move(block));
-                }
+            BlockPtr block = makeRequest(Kind::monitor, monitor.receiver, monitor.target, id);
+            if (!block) {
+                retryLater(peer);
+                return true;
+            }
+            if (peer.out.isGone(indexOf(monitor.target))) {
+                m_asked.push(std::move(block));
+            } else {
+                peer.out.keep(std::move(block));
             }
         }
     }
@@ -223,17 +246,19 @@ bool Endpoint::connectionBroken(std::uint16_t number)
 void Endpoint::retryConnections()
 {
     const auto now = Clock::now();
-    std::vector<std::uint16_t> due;
-    for (const auto& [number, peer] : m_peers) {
-        if (peer.retryAt && *peer.retryAt <= now) {
-            due.push_back(number);
-        } else if (peer.retryAt) {
-            schedule(*peer.retryAt);
+    const auto isDue = [now](const auto& entry) {
+        return entry.second.retryAt && *entry.second.retryAt <= now;
+    };
+    // Each comes off the list, or is due later; the peers may be others after each.
+    for (auto due = m_peers.begin(); due != m_peers.end();) {
+        due = std::find_if(m_peers.begin(), m_peers.end(), isDue);
+        if (due != m_peers.end()) {
+            connect(due->first);
         }
     }
-    for (const std::uint16_t number : due) {
-        if (m_peers.count(number) != 0) {
-            connect(number);
+    for (const auto& [number, peer] : m_peers) {
+        if (peer.retryAt) {
+            schedule(*peer.retryAt);
         }
     }
 }
@@ -302,14 +327,12 @@ void Endpoint::peerLost(std::uint16_t number)
         }
     }
     dropWatchersOf(number);
-    std::vector<mnet_monitor_id_t> lost;
-    for (const auto& [id, monitor] : m_monitors) {
-        if (monitor.message && endpointOf(monitor.target) == number) {
-            lost.push_back(id);
+    for (auto monitor = m_monitors.begin(); monitor != m_monitors.end();) {
+        const auto next = std::next(monitor); // firing takes away no other
+        if (monitor->second.message && endpointOf(monitor->second.target) == number) {
+            fire(monitor->first);
         }
-    }
-    for (const mnet_monitor_id_t id : lost) {
-        fire(id);
+        monitor = next;
     }
     m_peers.erase(number);
     rememberDeath(number);

@@ -8,6 +8,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <new>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -46,6 +48,10 @@ mnet_monitor_id_t Endpoint::monitor(mnet_mbox_id_t target, BlockPtr message)
     const std::uint16_t number = endpointOf(target);
     const bool local = number == m_number || m_process->find(number) != nullptr;
     const mnet_monitor_id_t id = nextMonitor();
+    BlockPtr asking = makeRequest(Kind::monitor, MNET_MBOX_NONE, target, id);
+    if (!asking) {
+        throw std::bad_alloc();
+    }
     {
         const Locked locked(*this);
         if (m_closed || m_oldest == MNET_MBOX_NONE) {
@@ -64,7 +70,8 @@ mnet_monitor_id_t Endpoint::monitor(mnet_mbox_id_t target, BlockPtr message)
             Peer& peer = m_peers[number];
             ++peer.monitors;
             if (peer.out.isOpen()) {
-                request(number, Kind::monitor, m_oldest, target, id);
+                asking->sender = m_oldest;
+                ask(number, std::move(asking));
             } else if (!peer.retryAt) {
                 connect(number); // asks for all monitors there, or finds nobody and lets them fire
             }
@@ -72,9 +79,14 @@ mnet_monitor_id_t Endpoint::monitor(mnet_mbox_id_t target, BlockPtr message)
             return id;
         }
     }
-    const auto owner = m_process->find(number);
-    if (!owner || !owner->addWatcher(target, m_number, id)) {
-        notify(id);
+    try {
+        const auto owner = m_process->find(number);
+        if (!owner || !owner->addWatcher(target, m_number, id)) {
+            notify(id);
+        }
+    } catch (const std::bad_alloc&) {
+        unmonitor(id);
+        throw;
     }
     return id;
 }
@@ -115,7 +127,8 @@ bool Endpoint::addWatcher(mnet_mbox_id_t target, std::uint16_t watcher, mnet_mon
     if (m_closed || !isMine(target)) {
         return false;
     }
-    m_mailboxes.at(indexOf(target)).watchers.push_back({watcher, monitor});
+    m_mailboxes.at(indexOf(target))
+        .watchers.push_back({.endpoint = watcher, .monitor = monitor, .notice = nullptr});
     return true;
 }
 
@@ -206,16 +219,18 @@ void Endpoint::dropWatchersOf(std::uint16_t number)
         peer->second.watches = 0;
     }
     for (auto& mailbox : m_mailboxes) {
-        auto& watchers = mailbox.second.watchers;
-        watchers.erase(std::remove_if(watchers.begin(), watchers.end(),
-                                      [&](const Watcher& watcher) { return watcher.endpoint == number; }),
-                       watchers.end());
+        mailbox.second.watchers.remove_if([&](const Watcher& watcher) { return watcher.endpoint == number; });
     }
 }
 
-void Endpoint::noticeToPeer(std::uint16_t number, mnet_mbox_id_t lost, mnet_monitor_id_t monitor)
+void Endpoint::noticeToPeer(std::uint16_t number, mnet_mbox_id_t lost, mnet_monitor_id_t monitor,
+                            BlockPtr notice)
 {
-    request(number, Kind::notice, lost, makeId(number, 0), monitor);
+    notice->kind = Kind::notice;
+    notice->sender = lost;
+    notice->receiver = makeId(number, 0);
+    notice->monitor = monitor;
+    post(number, std::move(notice));
 }
 
 bool Endpoint::locate(const std::string& name, BlockPtr message, mnet_mbox_id_t receiver)
@@ -241,7 +256,11 @@ void Endpoint::rememberDeath(std::uint16_t number)
 {
     const auto now = Clock::now();
     std::erase_if(m_justDied, [now](const auto& death) { return death.second + nameLinger < now; });
-    m_justDied[number] = now;
+    try {
+        m_justDied[number] = now;
+    } catch (const std::bad_alloc&) {
+        return; // its names may be found a moment longer
+    }
 }
 
 bool Endpoint::hasJustDied(std::uint16_t number) const
@@ -273,11 +292,11 @@ bool Endpoint::answerLocate(std::list<Locate>::iterator pending)
 }
 
 /// Looks for the names of pending locates: for one that has just appeared, or for all.
-void Endpoint::answerLocates(const std::string* fileName)
+void Endpoint::answerLocates(const char* fileName)
 {
     for (auto pending = m_locates.begin(); pending != m_locates.end();) {
         const auto next = std::next(pending);
-        if ((fileName == nullptr || pending->fileName == *fileName) && answerLocate(pending)) {
+        if ((fileName == nullptr || pending->fileName == fileName) && answerLocate(pending)) {
             m_locates.erase(pending);
         }
         pending = next;
@@ -295,9 +314,10 @@ void Endpoint::watchNames()
     }
     if (!m_nameWatch) {
         m_nameWatch = Descriptor::open([] { return inotify_init1(IN_CLOEXEC | IN_NONBLOCK); });
-        const std::string folder = "/proc/self/fd/" + std::to_string(m_process->folder().names());
+        std::array<char, 32> folder{};
+        std::snprintf(folder.data(), folder.size(), "/proc/self/fd/%d", m_process->folder().names());
         if (m_nameWatch &&
-            (inotify_add_watch(m_nameWatch.get(), folder.c_str(), IN_CREATE | IN_MOVED_TO) < 0 ||
+            (inotify_add_watch(m_nameWatch.get(), folder.data(), IN_CREATE | IN_MOVED_TO) < 0 ||
              !watch(m_nameWatch.get(), Source::names, 0, EPOLLIN))) {
             m_nameWatch.reset();
         }
@@ -323,8 +343,7 @@ void Endpoint::onNames()
         if ((event->mask & (IN_Q_OVERFLOW | IN_IGNORED)) != 0) {
             answerLocates(nullptr);
         } else if (event->len > 0) {
-            const std::string fileName = event->name;
-            answerLocates(&fileName);
+            answerLocates(event->name);
         }
         at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
     }

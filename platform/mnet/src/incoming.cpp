@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -19,6 +20,9 @@ constexpr unsigned maxMisses = 64;
 
 Incoming::Got failed()
 {
+    if (errno == ENOMEM || errno == ENOBUFS) {
+        return Incoming::Got::hungry;
+    }
     if (errno == EAGAIN || errno == EINTR) {
         return Incoming::Got::again;
     }
@@ -62,9 +66,10 @@ BlockPtr ReceiveArea::take(std::size_t size)
         return block;
     }
     block = makeBlock(size, Fill::none);
-    if (block) {
-        copyTo(block->body(), size);
+    if (!block) {
+        return giveAway(size);
     }
+    copyTo(block->body(), size);
     if (size > largeMessage) {
         m_wanted = size;
         m_misses = 0;
@@ -74,6 +79,18 @@ BlockPtr ReceiveArea::take(std::size_t size)
         m_misses = 0;
         m_large.reset();
     }
+    return block;
+}
+
+BlockPtr ReceiveArea::giveAway(std::size_t size)
+{
+    if (m_large && size > m_large->size) {
+        std::memmove(m_buffer->body() + m_large->size, m_buffer->body(), size - m_large->size);
+        std::memcpy(m_buffer->body(), m_large->body(), m_large->size);
+        m_large.reset();
+    }
+    BlockPtr block = std::move(m_large ? m_large : m_buffer);
+    block->size = size;
     return block;
 }
 
@@ -105,13 +122,36 @@ Incoming::Got Incoming::readHello(std::uint16_t own, std::uint16_t& claimed)
     return Got::request;
 }
 
-void Incoming::accept(std::uint16_t peer)
+bool Incoming::accept(std::uint16_t peer)
 {
-    m_peer = peer;
     const PacketHeader welcome{.kind = static_cast<std::uint32_t>(Kind::welcome)};
     // The buffer of a fresh connection has room; a peer that is gone already needs no welcome.
-    [[maybe_unused]] const auto sent =
-        send(m_socket.get(), &welcome, sizeof(welcome), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (send(m_socket.get(), &welcome, sizeof(welcome), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 &&
+        (errno == ENOBUFS || errno == ENOMEM || errno == EINTR)) {
+        return false;
+    }
+    m_peer = peer;
+    return true;
+}
+
+/// All that a packet can need, so that none is read in vain.
+bool Incoming::prepare(ReceiveArea& area)
+{
+    if (!area.prepare()) {
+        return false;
+    }
+    if (m_spare.empty()) {
+        BlockPtr notice = makeBlock(0, Fill::none);
+        if (!notice) {
+            return false;
+        }
+        try {
+            m_spare.push_back({.endpoint = 0, .monitor = 0, .notice = std::move(notice)});
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+    return true;
 }
 
 std::size_t Incoming::waiting() const
@@ -122,11 +162,14 @@ std::size_t Incoming::waiting() const
 
 Incoming::Got Incoming::read(std::uint16_t own, ReceiveArea& area, BlockPtr& block, PacketHeader& header)
 {
+    if (m_first && !takeFirst()) {
+        return Got::hungry;
+    }
     if (m_partial) {
         return readMore(block);
     }
-    if (!area.prepare()) {
-        return Got::refused;
+    if (!prepare(area)) {
+        return Got::hungry;
     }
     const ssize_t got = area.receive(m_socket.get());
     if (got < 0) {
@@ -167,8 +210,9 @@ Incoming::Got Incoming::takeData(const PacketHeader& header, std::size_t size, R
         return Got::refused;
     }
     BlockPtr message = whole ? area.take(size) : makeBlock(header.value, Fill::none);
-    if (!message) {
-        return Got::refused;
+    const bool isFirst = !message;
+    if (isFirst) {
+        message = area.giveAway(size);
     }
     message->sender = header.sender;
     message->receiver = header.receiver;
@@ -176,10 +220,30 @@ Incoming::Got Incoming::takeData(const PacketHeader& header, std::size_t size, R
         block = std::move(message);
         return Got::message;
     }
+    if (isFirst) {
+        m_first = std::move(message);
+        m_whole = header.value;
+        return Got::hungry;
+    }
     area.copyTo(message->body(), size);
     m_partial = std::move(message);
     m_offset = size;
     return Got::nothing;
+}
+
+/// False when there is no memory for the whole message yet.
+bool Incoming::takeFirst()
+{
+    m_partial = makeBlock(m_whole, Fill::none);
+    if (!m_partial) {
+        return false;
+    }
+    m_partial->sender = m_first->sender;
+    m_partial->receiver = m_first->receiver;
+    m_offset = m_first->size;
+    std::memcpy(m_partial->body(), m_first->body(), m_offset);
+    m_first.reset();
+    return true;
 }
 
 Incoming::Got Incoming::readMore(BlockPtr& block)

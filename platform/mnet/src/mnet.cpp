@@ -198,8 +198,10 @@ int mnet_send(struct mnet_msg** msg, mnet_mbox_id_t to, mnet_mbox_id_t from)
             error = owner->send(std::move(block), to);
         }
         if (error == EPERM) {
-            mnet::report("refused to send to mailbox " + mnet::hex(to) + ": " + mnet::hex(from) +
-                         " is not a mailbox of this process");
+            mnet::report([&] {
+                return "refused to send to mailbox " + mnet::hex(to) + ": " + mnet::hex(from) +
+                       " is not a mailbox of this process";
+            });
         }
         return error == 0 ? 0 : fail(-1, error);
     });

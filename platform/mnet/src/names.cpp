@@ -96,7 +96,7 @@ NameClaim& NameClaim::operator=(NameClaim&& other) noexcept
 bool NameClaim::take(int dirFd, std::string_view name, mnet_mbox_id_t id)
 {
     release();
-    const std::string fileName = fileNameOf(name);
+    std::string fileName = fileNameOf(name);
     const std::string temporary = "~" + std::to_string(endpointOf(id)) + "." + std::to_string(indexOf(id));
 
     unlinkat(dirFd, temporary.c_str(), 0); // a dead process's, since this process holds the endpoint now
@@ -134,7 +134,7 @@ bool NameClaim::take(int dirFd, std::string_view name, mnet_mbox_id_t id)
         return false;
     }
     m_dirFd = dirFd;
-    m_fileName = fileName;
+    m_fileName = std::move(fileName);
     m_file = std::move(file);
     return true;
 }

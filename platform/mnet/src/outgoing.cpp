@@ -189,7 +189,7 @@ Outgoing::Sent Outgoing::readBack()
             if (errno == EINTR) {
                 continue;
             }
-            return errno == EAGAIN ? Sent::done : Sent::broken;
+            return isShortage(errno) ? Sent::done : Sent::broken;
         }
         if (got != static_cast<ssize_t>(sizeof(header)) ||
             header.kind != static_cast<std::uint32_t>(Kind::welcome)) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <new>
 #include <pthread.h>
 
 #ifdef MNET_WITH_REMOTE_LOG
@@ -98,7 +99,7 @@ std::size_t limitFromEnvironment()
     errno = 0;
     const unsigned long long value = std::strtoull(text, &end, 10);
     if (errno != 0 || *end != '\0' || *text == '-') {
-        report("MNET_QUEUE_LIMIT is not a number of bytes: " + std::string(text));
+        report([&] { return "MNET_QUEUE_LIMIT is not a number of bytes: " + std::string(text); });
         return defaultQueueLimit;
     }
     return value;
@@ -129,14 +130,22 @@ std::shared_ptr<Endpoint> Process::addEndpoint()
     if (!number) {
         return nullptr;
     }
-    auto endpoint = Endpoint::create(shared_from_this(), *number);
+    // Its place first: nothing that can fail comes behind the endpoint.
+    std::shared_ptr<Endpoint> endpoint;
+    try {
+        m_endpoints.emplace(*number, nullptr);
+        endpoint = Endpoint::create(shared_from_this(), *number);
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+    }
     if (!endpoint) {
         const int error = errno;
+        m_endpoints.erase(*number);
         m_folder->release(*number);
         errno = error;
         return nullptr;
     }
-    m_endpoints.emplace(*number, endpoint);
+    m_endpoints[*number] = endpoint;
     return endpoint;
 }
 
@@ -252,12 +261,12 @@ Endpoint* obtainThreadEndpoint()
         errno = ENOTCONN;
         return nullptr;
     }
+    auto slot = t_slot == nullptr ? std::make_unique<Slot>() : nullptr;
     auto endpoint = process->addEndpoint();
     if (!endpoint) {
         return nullptr;
     }
-    if (t_slot == nullptr) {
-        auto slot = std::make_unique<Slot>();
+    if (slot) {
         if (pthread_setspecific(globals().key, slot.get()) != 0) {
             endpoint->close();
             errno = ENOMEM;
@@ -279,29 +288,49 @@ std::string hex(std::uint32_t number)
     return result;
 }
 
-void report(const std::string& text)
+namespace {
+
+struct Log {
+    std::mutex mutex;
+    std::chrono::steady_clock::time_point start;
+    int lines = 0;
+    unsigned suppressed = 0;
+};
+
+Log& theLog()
+{
+    static Log log;
+    return log;
+}
+
+} // namespace
+
+void rememberUntold()
+{
+    const std::lock_guard lock(theLog().mutex);
+    ++theLog().suppressed;
+}
+
+void reportLine(const std::string& text)
 {
 #ifdef MNET_WITH_REMOTE_LOG
     constexpr int linesPerSecond = 10;
-    static std::mutex mutex;
-    static std::chrono::steady_clock::time_point start;
-    static int lines = 0;
-    static unsigned suppressed = 0;
-
+    Log& log = theLog();
     std::string line = text;
     {
-        const std::lock_guard lock(mutex);
+        const std::lock_guard lock(log.mutex);
         const auto now = std::chrono::steady_clock::now();
-        if (now - start >= std::chrono::seconds(1)) {
-            start = now;
-            lines = 0;
+        if (now - log.start >= std::chrono::seconds(1)) {
+            log.start = now;
+            log.lines = 0;
         }
-        if (++lines > linesPerSecond) {
-            ++suppressed;
+        if (++log.lines > linesPerSecond) {
+            ++log.suppressed;
             return;
         }
-        if (suppressed > 0) {
-            line += " (" + std::to_string(std::exchange(suppressed, 0)) + " lines before this one left out)";
+        if (log.suppressed > 0) {
+            line += " (" + std::to_string(log.suppressed) + " lines before this one left out)";
+            log.suppressed = 0;
         }
     }
     rushlog_log("mnet", line.c_str());

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -66,10 +67,22 @@ Endpoint* threadEndpoint();
 /// The same, made if the thread has none. Null, with `errno`, on failure.
 Endpoint* obtainThreadEndpoint();
 
+/// There was a line that could not be told.
+void rememberUntold();
+
 /// "0x" and eight digits.
 std::string hex(std::uint32_t number);
 
 /// A line for the remote log; a flood of them is thinned out.
-void report(const std::string& text);
+void reportLine(const std::string& text);
+/// The same, with what `text` gives. Never fails: most is told when there is no memory to tell it in full.
+template <class Text> void report(Text text) noexcept
+{
+    try {
+        reportLine(text());
+    } catch (const std::exception&) {
+        rememberUntold();
+    }
+}
 
 } // namespace mnet

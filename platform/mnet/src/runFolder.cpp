@@ -72,20 +72,19 @@ std::vector<std::string> entriesOf(int dirFd)
 {
     std::vector<std::string> result;
     const int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
-    if (dir == nullptr) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(fd >= 0 ? fdopendir(fd) : nullptr, closedir);
+    if (!dir) {
         if (fd >= 0) {
             close(fd);
         }
         return result;
     }
-    while (const dirent* entry = readdir(dir)) {
+    while (const dirent* entry = readdir(dir.get())) {
         const std::string_view name = entry->d_name;
         if (name != "." && name != "..") {
             result.emplace_back(name);
         }
     }
-    closedir(dir);
     return result;
 }
 
@@ -111,8 +110,11 @@ std::unique_ptr<RunFolder> RunFolder::open(const std::string& nameSpace)
     const std::string base = nameSpace.empty() ? "mnet" : nameSpace + "/mnet";
     std::unique_ptr<RunFolder> folder(new RunFolder);
     folder->m_endpointsDir = Descriptor::open([&] { return merlow::base::openRunSubdir(base + "/ep"); });
+    if (!folder->m_endpointsDir) {
+        return nullptr;
+    }
     folder->m_namesDir = Descriptor::open([&] { return merlow::base::openRunSubdir(base + "/names"); });
-    if (!folder->m_endpointsDir || !folder->m_namesDir) {
+    if (!folder->m_namesDir) {
         return nullptr;
     }
     folder->m_lockFile = Descriptor::open([&] {
