@@ -44,10 +44,9 @@ int setFolderAccess(int parentFd, const char* name)
 /// Opens `name` below `parentFd`, made if it is missing; the folder of `own` ones gets the unit's rights.
 int openOrMake(int parentFd, const std::string& name, bool own)
 {
-    bool made = false;
-    if (mkdirat(parentFd, name.c_str(), own ? privateFolder : 0755) == 0) {
-        made = true;
-    } else if (errno != EEXIST && errno != EROFS && errno != EACCES) {
+    const bool made = mkdirat(parentFd, name.c_str(), own ? privateFolder : 0755) == 0;
+    const int notMade = made ? 0 : errno;
+    if (!made && notMade != EEXIST && notMade != EROFS && notMade != EACCES) {
         return -1;
     }
     if (made && own && setFolderAccess(parentFd, name.c_str()) != 0) {
@@ -55,6 +54,7 @@ int openOrMake(int parentFd, const std::string& name, bool own)
     }
     const int fd = openat(parentFd, name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
+        errno = errno == ENOENT && notMade != 0 ? notMade : errno; // why there is none
         return -1;
     }
     struct stat status {};
