@@ -212,6 +212,7 @@ private:
 // The wire's numbers, on purpose not taken from the library.
 constexpr std::uint32_t hello = 1;
 constexpr std::uint32_t welcome = 2;
+constexpr std::uint32_t data = 3;
 constexpr std::uint32_t kinds = 9;
 constexpr std::uint32_t version = 0x6d6e6501;
 constexpr std::uint32_t chunk = 131072;
@@ -319,7 +320,8 @@ private:
     void somePacket(const Socket& socket)
     {
         const std::uint8_t how = m_input.u8();
-        const std::uint32_t kind = m_input.u8() % kinds;
+        const std::uint8_t which = m_input.u8();
+        const std::uint32_t kind = which < 0x80 ? which % kinds : data;
         const std::uint32_t sender = (how & 0xFU) == 0xFU ? m_input.u32() : peerId | (how & 0x7U);
         const std::uint32_t receiver = (how & 0x30U) == 0x30U ? m_input.u32() : mailbox();
         std::uint32_t size = m_input.u8();

@@ -81,7 +81,8 @@ public:
     FuzzedUnit(const FuzzedUnit&) = delete;
     FuzzedUnit& operator=(const FuzzedUnit&) = delete;
 
-    /// All neighbours are up, and two clients are connected; the second one has asked for all there is.
+    /// All neighbours are up, and two clients are connected; the second one holds the software store and has
+    /// asked for all there is.
     void bringUp()
     {
         startAll();
@@ -90,9 +91,14 @@ public:
             m_clients[i].send(connection(300 + static_cast<std::uint32_t>(i)), publicMbox());
         }
         settle();
+        const sim::Peer& busy = m_clients[1];
+        busy.send(signal(TARN_BC_ACQUIRE_RESOURCE_REQ, 16, {0, 0, 0, 7, 0, 0, 1, 0x2C, 0, 1}), publicMbox());
+        settle();
         for (const BciSignal& row : BCI_SIGNALS) {
-            if (row.name.ends_with("_REQ") && row.number != TARN_BC_CONN_ESTABLISH_REQ) {
-                m_clients[1].send(signal(row.number, row.size, {}), publicMbox());
+            // Neither a second connection, nor what ends the load and gives the store back.
+            if (row.name.ends_with("_REQ") && row.number != TARN_BC_CONN_ESTABLISH_REQ &&
+                row.number != TARN_BC_LMC_END_REQ && row.number != TARN_BC_RELEASE_RESOURCE_REQ) {
+                busy.send(signal(row.number, row.size, usualReferences), publicMbox());
             }
         }
         pump();
@@ -136,6 +142,8 @@ public:
     }
 
 private:
+    inline static const Bytes usualReferences{0, 0, 0, 7, 0, 0, 1, 0x2C};
+
     static Bytes signal(std::uint32_t number, std::size_t size, const Bytes& fields)
     {
         Bytes bytes(std::max<std::size_t>(size, sizeof(number)));
@@ -194,7 +202,7 @@ private:
         const std::uint8_t how = m_input.u8();
         const BciSignal& row = m_input.of(BCI_SIGNALS);
         const std::size_t size = (how & 0x1U) != 0 ? row.size : m_input.u8() * 4U + (how >> 1U & 3U);
-        Bytes fields = (how & 0x8U) != 0 ? Bytes{0, 0, 0, 7, 0, 0, 1, 0x2C} : m_input.take(8);
+        Bytes fields = (how & 0x8U) != 0 ? usualReferences : m_input.take(8);
         const Bytes more = m_input.block();
         fields.insert(fields.end(), more.begin(), more.end());
         peer.send(signal(row.number, size, fields), receiver());
@@ -469,6 +477,20 @@ void runClientDrivers(Input& input)
 
 // Texts
 
+/// From the last tag on that closes what is rewritten, or from where a list is put in if that is behind it.
+std::string untouchedEnd(const std::string& list)
+{
+    std::size_t start = 0;
+    for (const char* const tag : {"</ProdNbr>", "</Rev>"}) {
+        const std::size_t found = list.rfind(tag);
+        start = std::max(start, found == std::string::npos ? 0 : found);
+    }
+    if (list.find("<Preinstalled/>") == std::string::npos) {
+        start = std::max(start, list.find("<LmcList>"));
+    }
+    return list.substr(start);
+}
+
 void runComponentList(Input& input)
 {
     const Bytes running = input.block();
@@ -476,8 +498,7 @@ void runComponentList(Input& input)
     std::string list = before;
     try {
         SwCompList::rewrite(list, {running.begin(), running.end()});
-        require(list.find("<Preinstalled/>") != std::string::npos,
-                "a rewritten list has a preinstalled module");
+        require(list.ends_with(untouchedEnd(before)), "what no tag closes behind stays as it was");
     } catch (const std::out_of_range&) {
         require(list == before, "a list that cannot be rewritten stays as it was");
     }
