@@ -72,6 +72,14 @@ macro(merlow_count_coverage)
         add_link_options(-fprofile-instr-generate)
     endif()
 endmacro()
+# For what becomes part of programs elsewhere: they do the counting.
+function(merlow_count_in_programs)
+    if(MERLOW_COVERAGE)
+        foreach(target IN LISTS ARGN)
+            target_link_options(${target} INTERFACE -fprofile-instr-generate)
+        endforeach()
+    endif()
+endfunction()
 
 # The project's own code is held to these; generated code is not. They are GCC's: clang, which builds for the
 # sanitizers, means other things by some of them.
