@@ -42,8 +42,9 @@ struct CcfiBcConnEstablishRejS {
     std::uint32_t procedureRef;
     std::uint32_t connectionRef; ///< 0
     std::uint16_t errorCode;
-    std::uint16_t unset;
+    std::uint16_t unset14;
     unsigned char errorDescription[BCI_ERROR_DESCRIPTION_SIZE];
+    unsigned char unset126[2];
 };
 template <> struct BciRecord<CcfiBcConnEstablishRejS> {
     static constexpr std::uint32_t number = CCFI_BC_CONN_ESTABLISH_REJ;

@@ -23,8 +23,9 @@ template <std::uint32_t Number> struct TarnBcRejS {
     std::uint32_t msgNo;
     TarnNodeCommonAddressInfoS addressInfo;
     std::uint16_t errorCode;
-    std::uint16_t unset;
+    std::uint16_t unset14;
     unsigned char errorDescription[BCI_ERROR_DESCRIPTION_SIZE];
+    unsigned char unset126[2];
 };
 template <std::uint32_t Number> struct BciRecord<TarnBcRejS<Number>> {
     static constexpr std::uint32_t number = Number;
@@ -39,6 +40,7 @@ struct TarnBcConnEstablishReqS {
     std::uint32_t msgNo;
     TarnNodeCommonAddressInfoS addressInfo; ///< `serverRef` selects the radio access type
     std::uint16_t protocolRev;
+    std::uint16_t unset14;
 };
 template <> struct BciRecord<TarnBcConnEstablishReqS> {
     static constexpr std::uint32_t number = TARN_BC_CONN_ESTABLISH_REQ;
@@ -58,6 +60,7 @@ struct TarnBcConnEstablishRejS {
     std::uint16_t errorCode;
     std::uint16_t unset18;
     unsigned char errorDescription[BCI_ERROR_DESCRIPTION_SIZE];
+    unsigned char unset130[2];
 };
 template <> struct BciRecord<TarnBcConnEstablishRejS> {
     static constexpr std::uint32_t number = TARN_BC_CONN_ESTABLISH_REJ;

@@ -106,6 +106,9 @@ template <class R> void ntoh(R& record)
 
 template <class R> void hton(R& record)
 {
+    static_assert(
+        std::has_unique_object_representations_v<R> || requires { requires BciRecord<R>::size < sizeof(R); },
+        "bytes that no field sets would go out as they are found");
     Bci::swapRecord(record);
 }
 

@@ -9,6 +9,7 @@ struct TarnBcAuditCfmS {
     std::uint32_t msgNo;
     TarnNodeCommonAddressInfoS addressInfo;
     std::uint16_t state; ///< 0 starting, 1 operational, 2 disabled
+    std::uint16_t unset14;
 };
 template <> struct BciRecord<TarnBcAuditCfmS> {
     static constexpr std::uint32_t number = TARN_BC_AUDIT_CFM;
