@@ -21,7 +21,7 @@ set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 # The presets compile the sources of a target several at a time, which halves a clean build; `debug` keeps them
 # apart.
-set(CMAKE_UNITY_BUILD_BATCH_SIZE 6)
+set(CMAKE_UNITY_BUILD_BATCH_SIZE 6 CACHE STRING "Sources that are compiled at a time; 0 for all of a target")
 
 set(MERLOW_SANITIZE "" CACHE STRING "Sanitizers for everything, as -fsanitize takes them")
 option(MERLOW_COVERAGE "Count what is run of the server and the platform; needs clang" OFF)

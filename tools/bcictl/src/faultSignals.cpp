@@ -45,7 +45,7 @@ std::string textOf(const FaultEvent& event)
     return text + ", " + referencesText(event.references);
 }
 
-Fields fieldsOf(const FaultEvent& event)
+Fields eventFields(const FaultEvent& event)
 {
     Fields fields{
         {"faultId", event.faultId}, {"faultName", faultName(event.faultId)}, {"faultCase", event.faultCase}};
@@ -85,7 +85,7 @@ void tellFaultEvent(tools::Output& output, const FaultEvent& event)
 {
     const std::string time = timeText();
     Fields fields{{"time", time}};
-    fields.update(fieldsOf(event));
+    fields.update(eventFields(event));
     const std::uint32_t number = event.isRaise ? TARN_BC_FAULT_IND : TARN_BC_FAULTCEASE_IND;
     output.event(event.isRaise ? "faultRaised" : "faultCeased",
                  output.names(number) + time + (event.isRaise ? " raised " : " ceased ") + textOf(event),
@@ -94,7 +94,8 @@ void tellFaultEvent(tools::Output& output, const FaultEvent& event)
 
 void tellActiveFault(tools::Output& output, const FaultEvent& event)
 {
-    output.event("faultActive", output.names(TARN_BC_FAULT_IND) + "active " + textOf(event), fieldsOf(event));
+    output.event("faultActive", output.names(TARN_BC_FAULT_IND) + "active " + textOf(event),
+                 eventFields(event));
 }
 
 } // namespace merlow::bcictl
