@@ -1,7 +1,6 @@
 // Faults on their way from the board to the clients of a whole unit of real processes.
 
-#include "client.h"
-#include "unit.h"
+#include "runningUnit.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,15 +11,12 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 
-class FaultTest : public ::testing::Test {
+class FaultTest : public RunningUnitTest {
 protected:
     void SetUp() override
     {
-        m_unit.start();
+        RunningUnitTest::SetUp();
         ASSERT_FALSE(HasFatalFailure());
-        m_mailboxes.emplace(m_unit.runDir());
-        m_server = locate("Merlow");
-        ASSERT_NE(m_server, MNET_MBOX_NONE);
         ASSERT_TRUE(isToldOfFaults());
     }
 
@@ -77,10 +73,6 @@ protected:
         fault({"raise", "EXTERNAL_POWER_SUPPLY_FAULT", "--case", "77"});
         expectOneFault("active 0x0108 POWER_FAILURE, case 77");
     }
-
-    Unit m_unit;
-    std::optional<Mailboxes> m_mailboxes;
-    mnet_mbox_id_t m_server = MNET_MBOX_NONE;
 };
 
 /// What stands behind the number of a raise: references, id, text and case, each where it belongs.

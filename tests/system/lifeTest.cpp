@@ -1,7 +1,6 @@
 // Processes of a unit that die and come back, by kill -9, in the middle of what they do.
 
-#include "client.h"
-#include "unit.h"
+#include "runningUnit.h"
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -9,19 +8,8 @@
 namespace merlow::test {
 namespace {
 
-class LifeTest : public ::testing::Test {
+class LifeTest : public ConnectedClientTest {
 protected:
-    void SetUp() override
-    {
-        m_unit.start();
-        ASSERT_FALSE(HasFatalFailure());
-        m_mailboxes.emplace(m_unit.runDir());
-        m_server = locate("Merlow");
-        ASSERT_NE(m_server, MNET_MBOX_NONE);
-        m_client.emplace(mnet_create_mailbox("du", 0));
-        ASSERT_TRUE(m_client->connect(m_server, 1, 300));
-    }
-
     /// A mailbox of the test's thread that hears of the end of `mailbox`.
     static bool isLost(mnet_mbox_id_t mailbox)
     {
@@ -40,11 +28,6 @@ protected:
             .value(nlohmann::json::json_pointer(pointer), nlohmann::json::array())
             .size();
     }
-
-    Unit m_unit;
-    std::optional<Mailboxes> m_mailboxes;
-    mnet_mbox_id_t m_server = MNET_MBOX_NONE;
-    std::optional<Client> m_client;
 };
 
 TEST_F(LifeTest, thePublicMailboxGoesAndComesWithTheLegacyServer)

@@ -1,28 +1,13 @@
 // What a client gets from a whole unit of real processes, byte for byte.
 
-#include "client.h"
-#include "unit.h"
+#include "runningUnit.h"
 
 #include <gtest/gtest.h>
 
 namespace merlow::test {
 namespace {
 
-class ServiceTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        m_unit.start();
-        ASSERT_FALSE(HasFatalFailure());
-        m_mailboxes.emplace(m_unit.runDir());
-        m_server = locate("Merlow");
-        ASSERT_NE(m_server, MNET_MBOX_NONE);
-    }
-
-    Unit m_unit;
-    std::optional<Mailboxes> m_mailboxes;
-    mnet_mbox_id_t m_server = MNET_MBOX_NONE;
-};
+class ServiceTest : public RunningUnitTest {};
 
 TEST_F(ServiceTest, theConfirmCarriesTheClientsReferenceAndOneOfTheRequestedRange)
 {

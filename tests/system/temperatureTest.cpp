@@ -1,7 +1,6 @@
 // Temperatures of a whole unit of real processes, whose board's clock runs fast.
 
-#include "client.h"
-#include "unit.h"
+#include "runningUnit.h"
 
 #include <algorithm>
 #include <csignal>
@@ -23,28 +22,21 @@ std::string hex32(std::uint32_t number)
     return text;
 }
 
-class TemperatureTest : public ::testing::Test {
+class TemperatureTest : public RunningUnitTest {
 protected:
-    void SetUp() override
+    void startUnit() override
     {
         m_unit.startLegacyd();
         m_unit.startBrhd({"--clock-speed", "20"});
         m_unit.startSwmd();
         m_unit.startMerlowd();
         ASSERT_TRUE(m_unit.waitUntilItLetsClientsIn()) << m_unit.merlowd().err() << m_unit.brhd().err();
-        m_mailboxes.emplace(m_unit.runDir());
-        m_server = locate("Merlow");
-        ASSERT_NE(m_server, MNET_MBOX_NONE);
     }
 
     [[nodiscard]] std::size_t measurements() const
     {
         return m_unit.status("brhd").value("/bri/measurements"_json_pointer, nlohmann::json(7)).size();
     }
-
-    Unit m_unit;
-    std::optional<Mailboxes> m_mailboxes;
-    mnet_mbox_id_t m_server = MNET_MBOX_NONE;
 };
 
 /// A client that measures every second, and what it was told.

@@ -1,9 +1,8 @@
 // A whole unit beside processes that mean harm: each is thrown out, kept out, or served in its turn; an
 // honest client is served at the same time; and when they are gone, nothing of theirs is left.
 
-#include "client.h"
 #include "rawPeer.h"
-#include "unit.h"
+#include "runningUnit.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -40,18 +39,13 @@ struct Holdings {
     bool operator==(const Holdings&) const = default;
 };
 
-class BadCompanyTest : public ::testing::Test {
+class BadCompanyTest : public ConnectedClientTest {
 protected:
     void SetUp() override
     {
         m_unit.setVariable("MNET_QUEUE_LIMIT", "65536"); // sooner full
-        m_unit.start();
+        ConnectedClientTest::SetUp();
         ASSERT_FALSE(HasFatalFailure());
-        m_mailboxes.emplace(m_unit.runDir());
-        m_server = locate("Merlow");
-        ASSERT_NE(m_server, MNET_MBOX_NONE);
-        m_client.emplace(mnet_create_mailbox("du", 0));
-        ASSERT_TRUE(m_client->connect(m_server, 1, 300));
         // What the start left, such as the connection of whoever asked whether the unit is there, goes first:
         // each answer is a turn for everything else that waits.
         constexpr int turns = 10;
@@ -113,10 +107,6 @@ protected:
         Child m_child;
     };
 
-    Unit m_unit;
-    std::optional<Mailboxes> m_mailboxes;
-    mnet_mbox_id_t m_server = MNET_MBOX_NONE;
-    std::optional<Client> m_client;
     Holdings m_before{};
 };
 
