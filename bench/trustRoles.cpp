@@ -1,8 +1,8 @@
 // The roles around bad company: an honest client that times each round trip, peers that it had better not
 // notice, and a process that burns as much CPU as they do and touches nothing.
 
+#include "badPeer.h"
 #include "mailboxLink.h"
-#include "rawPeer.h"
 #include "role.h"
 #include "unit.h"
 
@@ -151,7 +151,7 @@ private:
 /// One connection without a hello, one that began a message and does not go on with it.
 class Mute {
 public:
-    Mute() : m_server(RawPeer::whereServerIs()), m_dumb(m_server), m_half(m_server)
+    Mute() : m_server(BadPeer::whereServerIs()), m_dumb(m_server), m_half(m_server)
     {
         m_dumb.connect();
         m_half.connect();
@@ -165,15 +165,14 @@ public:
     static std::string halted() { return nothing; }
 
 private:
-    RawPeer::Place m_server;
-    RawPeer m_dumb;
-    RawPeer m_half;
+    mnet_mbox_id_t m_server;
+    BadPeer m_dumb;
+    BadPeer m_half;
 };
 
 /// Connects, breaks a rule, and connects again without waiting to be thrown out.
 class Malformed {
 public:
-    Malformed() : m_peer(RawPeer::whereServerIs()) {}
     void step()
     {
         if (m_peer.connect()) {
@@ -183,7 +182,7 @@ public:
     static std::string halted() { return nothing; }
 
 private:
-    RawPeer m_peer;
+    BadPeer m_peer{BadPeer::whereServerIs()};
     unsigned m_next = 0;
 };
 
@@ -210,10 +209,7 @@ void becomeOtherUser(bool passesFolders)
 /// Connects, or tries to, as another user, again and again.
 class Foreign {
 public:
-    explicit Foreign(bool passesFolders) : m_peer(RawPeer::whereServerIs())
-    {
-        becomeOtherUser(passesFolders);
-    }
+    explicit Foreign(bool passesFolders) { becomeOtherUser(passesFolders); }
     void step()
     {
         if (m_peer.connect()) {
@@ -223,7 +219,7 @@ public:
     static std::string halted() { return nothing; }
 
 private:
-    RawPeer m_peer;
+    BadPeer m_peer{BadPeer::whereServerIs()};
 };
 
 double ownCpuNanoseconds()

@@ -1,6 +1,7 @@
 // A whole unit beside processes that mean harm: each is thrown out, kept out, or served in its turn; an
 // honest client is served at the same time; and when they are gone, nothing of theirs is left.
 
+#include "mnetFixture.h"
 #include "rawPeer.h"
 #include "runningUnit.h"
 

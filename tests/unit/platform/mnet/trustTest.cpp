@@ -1,7 +1,6 @@
 /// What a peer that does not keep the rules can do: nothing. Packets are written by hand, byte by byte.
 #include "mnetFixture.h"
 #include "rawPeer.h"
-#include "unixSocket.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -324,6 +323,8 @@ TEST_F(TrustTest, whatOneUserHoldsOpenIsBounded)
     limit.rlim_cur = 64;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
     withPeer([&](RawPeer&) {
+        limit.rlim_cur = before; // of the peer's process alone
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
         std::vector<std::unique_ptr<RawPeer>> many;
         for (int i = 0; i < 40; ++i) {
             many.push_back(std::make_unique<RawPeer>(m_folder));
