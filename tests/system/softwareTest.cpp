@@ -1,18 +1,16 @@
 // The unit's software, with the real store: loaded, selected and listed by clients, some of which die.
 
 #include "client.h"
+#include "terminal.h"
 #include "unit.h"
 
 #include <algorithm>
 #include <csignal>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
-#include <pty.h>
 #include <random>
-#include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -205,63 +203,20 @@ TEST(OrdinaryUserSoftwareTest, aLargeModuleArrivesWholeThroughTheKernelsDefaultB
     }
 }
 
-/// What a terminal gets from a program, which opens it by the name that the variable TERMINAL tells.
-class TerminalScreen {
-public:
-    TerminalScreen()
-    {
-        if (openpty(&m_master, &m_slave, nullptr, nullptr, nullptr) != 0 ||
-            fcntl(m_master, F_SETFL, O_NONBLOCK) != 0) {
-            throw std::runtime_error("no terminal");
-        }
-    }
-    ~TerminalScreen()
-    {
-        close(m_slave);
-        close(m_master);
-    }
-    TerminalScreen(const TerminalScreen&) = delete;
-    TerminalScreen& operator=(const TerminalScreen&) = delete;
-
-    [[nodiscard]] std::string name() const { return ttyname(m_slave); }
-    /// All that has come so far.
-    const std::string& text()
-    {
-        char bytes[4096];
-        for (ssize_t length = read(m_master, bytes, sizeof(bytes)); length > 0;
-             length = read(m_master, bytes, sizeof(bytes))) {
-            m_text.append(bytes, static_cast<std::size_t>(length));
-        }
-        return m_text;
-    }
-
-private:
-    int m_master = -1;
-    int m_slave = -1; // stays open, or what nobody has read goes with the program
-    std::string m_text;
-};
-
 TEST_F(SoftwareTest, onATerminalABarShowsHowFarALoadIs)
 {
+    if (!Terminal::areToBeHad()) {
+        GTEST_SKIP() << "there are no terminals here";
+    }
     const std::string path = file(3 * blockSize);
     for (const bool isJson : {false, true}) {
-        const std::string software = isJson ? "QXR2_R1A" : "QXR1_R1A";
-        TerminalScreen screen;
-        auto environment = m_unit.environment();
-        environment["TERMINAL"] = screen.name();
-        std::vector<std::string> words{
-            "-c",    R"(exec "$0" "$@" >"$TERMINAL")", programPath("bcictl"), "load", path, "--software",
-            software};
+        std::vector<std::string> words{"load", path, "--software", isJson ? "QXR2_R1A" : "QXR1_R1A"};
         if (isJson) {
             words.emplace_back("--json");
         }
-        Process process("/bin/sh", words, environment);
-        EXPECT_TRUE(waitUntil([&screen, &process] {
-            (void)screen.text(); // or the program waits for room
-            return !process.running();
-        }));
-        EXPECT_EQ(process.wait(), 0) << process.err();
-        const std::string text = screen.text();
+        const auto load = Terminal().run("bcictl", words, m_unit.environment());
+        EXPECT_EQ(load.status, 0) << load.err;
+        const std::string& text = load.out;
         if (isJson) {
             EXPECT_EQ(text.find('\x1b'), std::string::npos) << text;
             EXPECT_TRUE(nlohmann::json::accept(text)) << text;

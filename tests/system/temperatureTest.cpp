@@ -1,6 +1,7 @@
 // Temperatures of a whole unit of real processes, whose board's clock runs fast.
 
 #include "runningUnit.h"
+#include "terminal.h"
 
 #include <algorithm>
 #include <csignal>
@@ -161,12 +162,12 @@ TEST_F(TemperatureTest, theCommandPrintsReadingsUntilItIsInterrupted)
 
 TEST_F(TemperatureTest, onATerminalThePlotIsDrawnInPlaceAndNoWiderThanThat)
 {
+    if (!Terminal::areToBeHad()) {
+        GTEST_SKIP() << "there are no terminals here";
+    }
     ASSERT_EQ(m_unit.boardctl({"temp", "set", "board", "-12.5"}).status, 0);
-    const auto plot = runProgram(
-        "/usr/bin/script",
-        {"-qec", "stty cols 20 rows 8; exec " + programPath("bcictl") + " temp --period 1 --count 3 --plot",
-         "/dev/null"},
-        m_unit.environment());
+    const auto plot = Terminal(20, 8).run("bcictl", {"temp", "--period", "1", "--count", "3", "--plot"},
+                                          m_unit.environment());
     EXPECT_EQ(plot.status, 0) << plot.out << plot.err;
     EXPECT_NE(plot.out.find("\r\n        +----------\x1b[K\r\nsensor 0 -12.5, sen\x1b["), std::string::npos)
         << plot.out;
