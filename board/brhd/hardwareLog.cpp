@@ -26,10 +26,20 @@ constexpr const char* tables =
     "serverRef INTEGER, text TEXT NOT NULL) STRICT; "
     "CREATE INDEX entryOfLog ON entry (log, id)";
 
+/// Far above all numbers of entries that were ever counted. Behind the largest number that there is, SQLite
+/// gives any that is free, and the order of the entries would be lost.
+constexpr std::int64_t beyondCounting = std::int64_t{1} << 62U;
+
 /// An entry takes its bytes and one more.
 std::size_t roomOf(const std::string& entry)
 {
     return entry.size() + 1;
+}
+
+/// A number, or none where there is none.
+Statement& bindFrom(Statement& write, const Statement& row, int column)
+{
+    return row.isNull(column) ? write.bindNull() : write.bind(row.number(column));
 }
 
 } // namespace
@@ -140,7 +150,16 @@ bool HardwareLog::openOnce()
     if (const int folder = openStateDir(""); folder >= 0) { // else the database has no place, and tells so
         close(folder);
     }
-    return m_database.open(m_path) && m_database.isSound() && m_database.useLayout(layout, tables);
+    return m_database.open(m_path) && m_database.isSound() && m_database.useLayout(layout, tables) &&
+           isCounted();
+}
+
+/// Whether its entries have numbers to which it can go on counting.
+bool HardwareLog::isCounted()
+{
+    Statement beyond(m_database, "SELECT count(*) FROM entry WHERE id >= ?");
+    beyond.bind(beyondCounting);
+    return beyond.step() && (beyond.number(0) == 0 || m_database.damaged("an entry has a number beyond all"));
 }
 
 bool HardwareLog::isWriteAheadLogAlone() const
@@ -204,27 +223,27 @@ bool HardwareLog::salvage(const std::string& aside)
         return true; // not a single entry
     }
     return m_database.execute("BEGIN IMMEDIATE") &&
-           copyFrom(damaged, "SELECT id, log, label, serverRef, text FROM entry ORDER BY id") &&
-           copyFrom(damaged, "SELECT id, log, label, serverRef, text FROM entry ORDER BY id DESC") &&
+           copyFrom(damaged, "SELECT id, log, label, serverRef, text FROM entry "
+                             "WHERE id < ? ORDER BY id") &&
+           copyFrom(damaged, "SELECT id, log, label, serverRef, text FROM entry "
+                             "WHERE id < ? ORDER BY id DESC") &&
+           copyFrom(damaged, "SELECT NULL, log, label, serverRef, text FROM entry "
+                             "WHERE id >= ? ORDER BY id") &&
            m_database.execute("COMMIT");
 }
 
 bool HardwareLog::copyFrom(SqliteDatabase& damaged, const char* select)
 {
     Statement row(damaged, select);
+    row.bind(beyondCounting);
     while (row.step()) {
         const std::string label = row.text(2);
         const std::string text = row.text(4);
         Statement write(
             m_database,
             "INSERT OR IGNORE INTO entry (id, log, label, serverRef, text) VALUES (?, ?, ?, ?, ?)");
-        write.bind(row.number(0)).bind(row.number(1)).bind(label);
-        if (row.isNull(3)) {
-            write.bindNull();
-        } else {
-            write.bind(row.number(3));
-        }
-        write.bind(text);
+        bindFrom(write, row, 0).bind(row.number(1)).bind(label);
+        bindFrom(write, row, 3).bind(text);
         if (write.step() || !write.isDone()) {
             return false;
         }

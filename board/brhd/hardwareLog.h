@@ -52,6 +52,7 @@ public:
 private:
     [[nodiscard]] bool open();
     [[nodiscard]] bool openOnce();
+    [[nodiscard]] bool isCounted();
     [[nodiscard]] bool isWriteAheadLogAlone() const;
     bool replace(const std::string& what);
     bool salvage(const std::string& aside);

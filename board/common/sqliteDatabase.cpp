@@ -100,7 +100,15 @@ bool SqliteDatabase::useLayout(int layout, const char* tables)
                         "; PRAGMA user_version = " + std::to_string(layout) + "; COMMIT")
                            .c_str());
     }
-    return found == layout || fail("it has the layout " + std::to_string(found));
+    if (found != layout) {
+        return fail("it has the layout " + std::to_string(found));
+    }
+    // Else its rows may hold what no reader expects. SQLite keeps the statements as they were written.
+    Statement kept(*this, "SELECT group_concat(sql, '; ') FROM sqlite_schema WHERE name NOT LIKE 'sqlite_%'");
+    if (!kept.step()) {
+        return false;
+    }
+    return kept.text(0) == tables || fail("its tables are not those of the layout " + std::to_string(layout));
 }
 
 bool SqliteDatabase::isSound()
@@ -116,8 +124,13 @@ bool SqliteDatabase::isSound()
     if (finding == "ok") {
         return true;
     }
+    return damaged(finding);
+}
+
+bool SqliteDatabase::damaged(std::string finding)
+{
     m_isDamaged = true;
-    m_reason = finding;
+    m_reason = std::move(finding);
     return false;
 }
 

@@ -38,7 +38,7 @@ public:
     /// One or more statements that give nothing.
     [[nodiscard]] bool execute(const char* sql);
     /// Makes `tables` in a database that is empty, and keeps `layout` in its user_version, all of it or
-    /// nothing once it is closed. False also for one of another layout.
+    /// nothing once it is closed. False also for one of another layout, or with other tables.
     [[nodiscard]] bool useLayout(int layout, const char* tables);
 
     /// Why the last operation failed, for people.
@@ -50,6 +50,8 @@ public:
 
     /// Has `reason` tell what its user finds wrong. Always false.
     bool fail(std::string reason);
+    /// The same, of a database that is damaged.
+    bool damaged(std::string finding);
 
     class Statement;
 

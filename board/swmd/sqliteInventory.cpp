@@ -47,7 +47,7 @@ bool valueOf(const EnumText (&table)[size], const std::string& text, Enum& value
 
 std::string SqliteInventory::open(const std::string& path)
 {
-    return outcome(m_database.open(path) && m_database.useLayout(layout, tables));
+    return outcome(m_database.open(path) && m_database.isSound() && m_database.useLayout(layout, tables));
 }
 
 std::string SqliteInventory::load(std::vector<StoredModule>& modules)
@@ -57,13 +57,15 @@ std::string SqliteInventory::load(std::vector<StoredModule>& modules)
                                "FROM module ORDER BY slot");
     while (read.step()) {
         StoredModule module;
-        module.slot = static_cast<std::uint32_t>(read.number(0));
+        const std::int64_t slot = read.number(0);
+        module.slot = static_cast<std::uint32_t>(slot);
         module.id = {read.text(1), read.text(2)};
         module.size = static_cast<std::uint64_t>(read.number(4));
         module.running = read.number(7) != 0;
-        if (!valueOf(types, read.text(3), module.type) || !valueOf(statuses, read.text(5), module.status) ||
+        if (slot != module.slot || read.number(4) < 0 || !valueOf(types, read.text(3), module.type) ||
+            !valueOf(statuses, read.text(5), module.status) ||
             !valueOf(accesses, read.text(6), module.access)) {
-            return "the entry of slot " + std::to_string(module.slot) + " has values that are none";
+            return "the entry of slot " + std::to_string(slot) + " has values that are none";
         }
         modules.push_back(std::move(module));
     }

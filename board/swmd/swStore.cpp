@@ -81,6 +81,9 @@ std::string SwStore::objectionTo(const StoredModule& module, const std::vector<S
     if (module.status != Status::valid) {
         return "its load had not ended";
     }
+    if (module.type == Type::preinstalled) {
+        return "it is in the slot of a load";
+    }
     const std::string name = fileNameOf(module.id);
     const auto file = std::find_if(files.begin(), files.end(),
                                    [&name](const StoreFiles::Listed& listed) { return listed.name == name; });
@@ -106,10 +109,15 @@ std::string SwStore::cleanEntries(const std::vector<StoreFiles::Listed>& files,
     std::vector<StoredModule> kept;
     for (const StoredModule& module : m_modules) {
         std::string error;
-        const std::string objection =
-            module.type == Type::preinstalled ? "" : objectionTo(module, files, error);
+        std::string objection = module.slot == preinstalledSlot ? "" : objectionTo(module, files, error);
         if (!error.empty()) {
             return error;
+        }
+        const auto same = std::find_if(kept.begin(), kept.end(), [&module](const StoredModule& other) {
+            return other.slot != preinstalledSlot && other.id == module.id;
+        });
+        if (objection.empty() && same != kept.end()) {
+            objection = "it is in slot " + std::to_string(same->slot) + " too";
         }
         if (objection.empty()) {
             kept.push_back(module);
@@ -127,18 +135,30 @@ std::string SwStore::cleanEntries(const std::vector<StoreFiles::Listed>& files,
 std::string SwStore::settlePreinstalled(std::vector<std::string>& said)
 {
     std::string error;
-    const StoredModule* const entry = entryAt(preinstalledSlot);
+    StoredModule* const entry = entryAt(preinstalledSlot);
     if (entry != nullptr && entry->id != m_config.preinstalled) {
         said.push_back(toText(entry->id) + " is preinstalled no more");
         error = m_inventory.remove(preinstalledSlot);
         forget(preinstalledSlot);
+    } else if (entry != nullptr) {
+        StoredModule right = preinstalledModule(entry->id);
+        right.running = entry->running;
+        if (*entry != right) {
+            said.push_back("mended the entry of " + toText(right.id) + ", which is preinstalled");
+            *entry = right;
+            error = m_inventory.put(right);
+        }
     }
     if (error.empty() && m_config.preinstalled) {
-        const auto* const same = find(*m_config.preinstalled);
-        if (same != nullptr && same->slot != preinstalledSlot) {
+        const auto same =
+            std::find_if(m_modules.begin(), m_modules.end(), [this](const StoredModule& module) {
+                return module.slot != preinstalledSlot && module.id == *m_config.preinstalled;
+            });
+        if (same != m_modules.end()) {
             said.push_back("dropped " + toText(same->id) + ": it is preinstalled now");
-            error = m_inventory.remove(same->slot);
-            forget(same->slot);
+            const std::uint32_t slot = same->slot;
+            error = m_inventory.remove(slot);
+            forget(slot);
         }
         if (error.empty() && entryAt(preinstalledSlot) == nullptr) {
             m_modules.insert(m_modules.begin(), preinstalledModule(*m_config.preinstalled));
@@ -181,7 +201,9 @@ std::string SwStore::settleRunning(std::vector<std::string>& said)
     if (next == nullptr) {
         next = entryAt(preinstalledSlot);
     }
-    if (next == running()) {
+    const auto marked = std::count_if(m_modules.begin(), m_modules.end(),
+                                      [](const StoredModule& module) { return module.running; });
+    if (next == running() && marked <= 1) {
         return "";
     }
     const std::uint32_t slot = next->slot;

@@ -435,6 +435,33 @@ TEST_F(HardwareLogTest, whatCanBeReadOfADamagedOneIsInTheNewOne)
                                                          std::to_string(left.size() + 1)))));
 }
 
+TEST_F(HardwareLogTest, anEntryBehindWhichNoneCanBeCountedIsDamage)
+{
+    EXPECT_TRUE(append(5, {"one", "two", "three"}));
+    m_log.reset();
+    // Where it stands, the next entries would get any free number, and come anywhere in the log.
+    OtherConnection(m_file).execute("UPDATE entry SET id = 9223372036854775807 WHERE text = 'two'");
+    reopen();
+    m_log->begin();
+    EXPECT_THAT(m_log->status()["error"], HasSubstr("an entry has a number beyond all"));
+    EXPECT_TRUE(append(5, {"four"}));
+    EXPECT_THAT(read(5), ElementsAre("one", "three", "two", "four")) << "none is lost";
+    EXPECT_TRUE(fs::exists(m_file.string() + ".damaged-1"));
+}
+
+TEST_F(HardwareLogTest, tablesThatAreOthersAreLeftAsTheyAre)
+{
+    EXPECT_TRUE(append(5, {"one"}));
+    m_log.reset();
+    OtherConnection(m_file).execute("DROP TABLE entry; CREATE TABLE entry (id, log, label, serverRef, text); "
+                                    "INSERT INTO entry VALUES (1, 5, '', 0, 'x')");
+    reopen();
+    EXPECT_FALSE(append(5, {"two"}));
+    EXPECT_EQ(m_log->status()["error"], "its tables are not those of the layout 1");
+    EXPECT_FALSE(fs::exists(m_file.string() + ".damaged-1"));
+    EXPECT_THAT(OtherConnection(m_file).rows("SELECT text FROM entry"), ElementsAre("x"));
+}
+
 TEST_F(HardwareLogTest, damageThatComesWhileItIsOpenEndsTheRequestThatMeetsIt)
 {
     EXPECT_TRUE(append(5, {"one"}));

@@ -200,6 +200,16 @@ const DamagedDiskRow damagedDisks[] = {
      "dropped QXR2_R1A: its file is another one"},
     {"notEnded", [](MemoryDisk& disk) { disk.inventory.entries[1].status = StoredModule::Status::writing; },
      "dropped QXR2_R1A: its load had not ended"},
+    {"calledPreinstalled",
+     [](MemoryDisk& disk) { disk.inventory.entries[1].type = StoredModule::Type::preinstalled; },
+     "dropped QXR2_R1A: it is in the slot of a load"},
+    {"twice",
+     [](MemoryDisk& disk) {
+         disk.inventory.entries[3] = disk.inventory.entries[2];
+         disk.inventory.entries[3].slot = 3;
+         disk.inventory.entries.erase(1);
+     },
+     "dropped QXR3_R1A: it is in slot 2 too"},
 };
 
 TEST_P(DamagedSwStoreTest, losesTheModuleAndSaysSo)
@@ -220,6 +230,43 @@ TEST_P(DamagedSwStoreTest, losesTheModuleAndSaysSo)
 
 INSTANTIATE_TEST_SUITE_P(All, DamagedSwStoreTest, testing::ValuesIn(damagedDisks),
                          [](const auto& row) { return row.param.what; });
+
+TEST_F(SwStoreTest, aDamagedEntryOfThePreinstalledModuleIsMended)
+{
+    open();
+    auto& entry = m_disk.inventory.entries[0];
+    const StoredModule whole = entry;
+    entry.type = StoredModule::Type::application;
+    entry.size = 5;
+    entry.status = StoredModule::Status::writing;
+    entry.access = StoredModule::Access::readWrite;
+    EXPECT_EQ(contentOf(open()), "0 QXR1_R1A running\n");
+    EXPECT_EQ(m_openError, "");
+    EXPECT_THAT(m_said, ElementsAre("mended the entry of QXR1_R1A, which is preinstalled"));
+    EXPECT_EQ(m_disk.inventory.entries[0], whole);
+    open();
+    EXPECT_THAT(m_said, IsEmpty());
+}
+
+TEST_F(SwStoreTest, whatIsPreinstalledIsInNoOtherSlot)
+{
+    EXPECT_TRUE(loadInto(open(), "QXR2_R1A", "a"));
+    m_disk.inventory.entries[1].id = softwareOf("QXR1_R1A");
+    m_disk.files.files["QXR1_R1A.lm"] = std::make_shared<MemoryFiles::Content>();
+    m_disk.files.files["QXR1_R1A.lm"]->now = moduleOf(softwareOf("QXR1_R1A"), "a");
+    EXPECT_EQ(contentOf(open()), "0 QXR1_R1A running\n");
+    EXPECT_EQ(m_openError, "");
+    EXPECT_EQ(m_said.front(), "dropped QXR1_R1A: it is preinstalled now");
+    EXPECT_THAT(fileNames(), IsEmpty());
+}
+
+TEST_F(SwStoreTest, oneModuleRunsWhateverIsMarked)
+{
+    EXPECT_TRUE(loadInto(open(), "QXR2_R1A", "a"));
+    m_disk.inventory.entries[1].running = true;
+    EXPECT_EQ(contentOf(open()), "0 QXR1_R1A running\n1 QXR2_R1A\n");
+    EXPECT_FALSE(m_disk.inventory.entries[1].running);
+}
 
 TEST_F(SwStoreTest, aFileThatCannotBeReadLosesNothing)
 {
@@ -493,6 +540,59 @@ TEST_F(SwStoreDiskTest, aDatabaseThatIsNoneIsLeftAsItIs)
     EXPECT_EQ(fs::file_size(path), 2000U);
     EXPECT_NE(SqliteInventory().open(m_folder / "missing/inventory.db"), "");
 }
+
+struct OddInventoryRow {
+    const char* what;
+    const char* sql;
+    const char* error;
+};
+
+void PrintTo(const OddInventoryRow& row, std::ostream* out)
+{
+    *out << row.what;
+}
+
+class OddInventoryTest : public SwStoreDiskTest, public testing::WithParamInterface<OddInventoryRow> {};
+
+const OddInventoryRow oddInventories[] = {
+    {"slotTooLarge", "UPDATE module SET slot = 4294967297",
+     "the entry of slot 4294967297 has values that are none"},
+    {"slotBelowZero", "UPDATE module SET slot = -1", "the entry of slot -1 has values that are none"},
+    {"sizeBelowZero", "UPDATE module SET size = -1", "the entry of slot 1 has values that are none"},
+    {"otherTables",
+     "DROP TABLE module; CREATE TABLE module (slot, number, revision, type, size, status, access)",
+     "its tables are not those of the layout 1"},
+    {"valuesOfOtherTypes",
+     "PRAGMA writable_schema = ON; UPDATE sqlite_schema SET sql = replace(sql, 'size INTEGER', 'size TEXT')",
+     "non-TEXT value in module.size"},
+};
+
+TEST_P(OddInventoryTest, isNotUsedAndLeftAsItIs)
+{
+    const std::string path = m_folder / "inventory.db";
+    {
+        SqliteInventory inventory;
+        ASSERT_EQ(inventory.open(path), "");
+        EXPECT_EQ(inventory.put({1, softwareOf("QXR2_R1A"), {}, 97, StoredModule::Status::valid, {}, false}),
+                  "");
+    }
+    {
+        SqliteDatabase database;
+        ASSERT_TRUE(database.open(path) && database.execute(GetParam().sql)) << database.reason();
+    }
+    for (unsigned int i = 0; i < 2; ++i) {
+        SqliteInventory inventory;
+        std::vector<StoredModule> modules;
+        std::string error = inventory.open(path);
+        if (error.empty()) {
+            error = inventory.load(modules);
+        }
+        EXPECT_EQ(error, GetParam().error);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, OddInventoryTest, testing::ValuesIn(oddInventories),
+                         [](const auto& row) { return row.param.what; });
 
 TEST_F(SwStoreDiskTest, aFileIsBroughtToTheDiskPieceByPiece)
 {
