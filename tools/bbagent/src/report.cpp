@@ -4,10 +4,25 @@
 
 namespace merlow::bbagent {
 
+namespace {
+
+/// Texts come from the unit: none of them steers the terminal, or begins a line.
+std::string printable(std::string text)
+{
+    for (char& character : text) {
+        if (character < ' ' || character > '~') {
+            character = '?';
+        }
+    }
+    return text;
+}
+
+} // namespace
+
 void Report::tell(const std::string& event, const std::string& text, const nlohmann::json& fields)
 {
     if (!m_json) {
-        m_out << text << "\n";
+        m_out << printable(text) << "\n";
     } else {
         nlohmann::json line = fields;
         line["event"] = event;

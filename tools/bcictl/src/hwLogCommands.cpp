@@ -12,23 +12,6 @@ using tools::BciClient;
 using tools::ExitStatus;
 using tools::Failure;
 
-/// The entries of a confirm; nothing when its bytes hold fewer than it says.
-std::optional<std::vector<std::string>> entriesOf(const TarnBcHwLogGetCfmS& cfm)
-{
-    std::vector<std::string> entries;
-    std::string_view rest(cfm.entries, sizeof(cfm.entries));
-    for (std::uint32_t i = 0; i < cfm.length; ++i) {
-        const auto end = rest.find('\0');
-        if (end == std::string_view::npos) {
-            return std::nullopt;
-        }
-        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(rest.data());
-        entries.push_back(tools::textOf({bytes, end}));
-        rest.remove_prefix(end + 1);
-    }
-    return entries;
-}
-
 std::string countText(std::size_t count)
 {
     return (count == 0 ? "no" : std::to_string(count)) + (count == 1 ? " entry" : " entries");
@@ -107,8 +90,8 @@ private:
         if (const auto* const failure = std::get_if<Failure>(&answer)) {
             return fail(output, *failure);
         }
-        const auto cfm = tools::decode<TarnBcHwLogGetCfmS>(std::get<tools::Signal>(answer));
-        const auto entries = cfm ? entriesOf(*cfm) : std::nullopt;
+        const auto& signal = std::get<tools::Signal>(answer);
+        const auto entries = hwLogEntriesIn(signal);
         if (!entries) {
             return fail(output, {ExitStatus::noAnswer,
                                  "the answer holds fewer entries than it says",
@@ -120,7 +103,7 @@ private:
             text += "\n  " + entry;
         }
         output.done(TARN_BC_HWLOG_GET_REQ, TARN_BC_HWLOG_GET_CFM, text,
-                    withReferences(cfm->addressInfo, {{"logId", m_logId}, {"entries", *entries}}));
+                    withReferences(signal.addressInfo(), {{"logId", m_logId}, {"entries", *entries}}));
         return ExitStatus::done;
     }
 
@@ -137,6 +120,26 @@ private:
 };
 
 } // namespace
+
+std::optional<std::vector<std::string>> hwLogEntriesIn(const tools::Signal& signal)
+{
+    const auto cfm = tools::decode<TarnBcHwLogGetCfmS>(signal);
+    if (!cfm) {
+        return std::nullopt;
+    }
+    std::vector<std::string> entries;
+    std::string_view rest(cfm->entries, sizeof(cfm->entries));
+    for (std::uint32_t i = 0; i < cfm->length; ++i) {
+        const auto end = rest.find('\0');
+        if (end == std::string_view::npos) {
+            return std::nullopt;
+        }
+        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(rest.data());
+        entries.push_back(tools::textOf({bytes, end}));
+        rest.remove_prefix(end + 1);
+    }
+    return entries;
+}
 
 std::unique_ptr<Command> makeHwLog()
 {

@@ -30,25 +30,6 @@ constexpr std::uint32_t maxBlockSize = 8U << 20U; ///< well below what a mailbox
 /// Bytes under way, half of what the unit keeps for a store that is slower: of more, blocks would get lost.
 constexpr std::size_t maxBytesUnderWay = std::size_t{8} << 20U;
 
-/// The size of blocks that the unit asks for; nothing when it names none that can be used.
-std::optional<std::uint32_t> blockSizeIn(const Signal& capabilities)
-{
-    const auto cfm = tools::decode<TarnBcGetCapabilitiesCfmS>(capabilities);
-    const auto records = std::span(capabilities.bytes).subspan(BciRecord<TarnBcGetCapabilitiesCfmS>::size);
-    constexpr auto recordSize = BciRecord<TarnBcBoardCapabilityS>::size;
-    const auto count = std::min<std::size_t>(cfm->numberOfBoardCapabilities, records.size() / recordSize);
-    for (std::size_t i = 0; i < count; ++i) {
-        TarnBcBoardCapabilityS record;
-        std::memcpy(&record, records.data() + i * recordSize, recordSize);
-        ntoh(record);
-        if (record.capabilityNumber == loadingBlocksCapability) {
-            const auto size = contentOf<TarnBcLoadingBlocksS>(record).blockSize;
-            return size > 0 && size <= maxBlockSize ? std::optional(size) : std::nullopt;
-        }
-    }
-    return std::nullopt;
-}
-
 /// The blocks that are sent and not acknowledged yet, by their place in the load; on the wire a block has the
 /// low 16 bits of that as its number.
 class BlocksUnderWay {
@@ -309,6 +290,27 @@ private:
 };
 
 } // namespace
+
+std::optional<std::uint32_t> blockSizeIn(const Signal& capabilities)
+{
+    const auto cfm = tools::decode<TarnBcGetCapabilitiesCfmS>(capabilities);
+    if (!cfm) {
+        return std::nullopt;
+    }
+    const auto records = std::span(capabilities.bytes).subspan(BciRecord<TarnBcGetCapabilitiesCfmS>::size);
+    constexpr auto recordSize = BciRecord<TarnBcBoardCapabilityS>::size;
+    const auto count = std::min<std::size_t>(cfm->numberOfBoardCapabilities, records.size() / recordSize);
+    for (std::size_t i = 0; i < count; ++i) {
+        TarnBcBoardCapabilityS record;
+        std::memcpy(&record, records.data() + i * recordSize, recordSize);
+        ntoh(record);
+        if (record.capabilityNumber == loadingBlocksCapability) {
+            const auto size = contentOf<TarnBcLoadingBlocksS>(record).blockSize;
+            return size > 0 && size <= maxBlockSize ? std::optional(size) : std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
 
 std::unique_ptr<Command> makeLoad()
 {

@@ -191,8 +191,8 @@ public:
             return failure->status;
         }
         const auto& signal = std::get<Signal>(answer);
-        const auto records = recordsIn(signal);
-        if (!records) {
+        const auto told = decodeIndicators(signal);
+        if (!told) {
             const Failure failure{ExitStatus::noAnswer,
                                   "the unit's list of indicators is longer than its signal",
                                   {},
@@ -200,42 +200,29 @@ public:
             output.failed(TARN_BC_GET_SPECIAL_INDICATOR_REQ, failure);
             return failure.status;
         }
-        const auto count = records->size();
-        Told told{(count == 0 ? "no" : std::to_string(count)) +
-                      (count == 1 ? " special indicator" : " special indicators"),
-                  {{"indicators", Fields::array()}}};
-        for (const auto& record : *records) {
-            const auto name = tools::textOf(record.name);
-            told.text += "\n  " + name + ": " + stateText(faultIndicatorStates, record.state);
-            told.fields["indicators"].push_back(
-                {{"name", name},
-                 {"state", record.state},
-                 {"stateName", stateName(faultIndicatorStates, record.state)}});
-        }
-        output.done(TARN_BC_GET_SPECIAL_INDICATOR_REQ, TARN_BC_GET_SPECIAL_INDICATOR_CFM, told.text,
-                    withReferences(signal.addressInfo(), told.fields));
+        output.done(TARN_BC_GET_SPECIAL_INDICATOR_REQ, TARN_BC_GET_SPECIAL_INDICATOR_CFM, told->text,
+                    withReferences(signal.addressInfo(), told->fields));
         return ExitStatus::done;
     }
-
-private:
-    /// In host order; nothing when the signal does not hold the records that it announces.
-    static std::optional<std::vector<TarnBcSpecialIndicatorS>> recordsIn(const Signal& signal)
-    {
-        constexpr auto head = BciRecord<TarnBcGetSpecialIndicatorCfmS>::size;
-        const auto header = tools::decode<TarnBcGetSpecialIndicatorCfmS>(signal);
-        if (!header || (signal.bytes.size() - head) / sizeof(TarnBcSpecialIndicatorS) < header->count) {
-            return std::nullopt;
-        }
-        std::vector<TarnBcSpecialIndicatorS> records(header->count);
-        const auto* from = signal.bytes.data() + head;
-        for (auto& record : records) {
-            std::memcpy(&record, from, sizeof(record));
-            Bci::swapOrder(record.state);
-            from += sizeof(record);
-        }
-        return records;
-    }
 };
+
+/// In host order; nothing when the signal does not hold the records that it announces.
+std::optional<std::vector<TarnBcSpecialIndicatorS>> indicatorsIn(const Signal& signal)
+{
+    constexpr auto head = BciRecord<TarnBcGetSpecialIndicatorCfmS>::size;
+    const auto header = tools::decode<TarnBcGetSpecialIndicatorCfmS>(signal);
+    if (!header || (signal.bytes.size() - head) / sizeof(TarnBcSpecialIndicatorS) < header->count) {
+        return std::nullopt;
+    }
+    std::vector<TarnBcSpecialIndicatorS> records(header->count);
+    const auto* from = signal.bytes.data() + head;
+    for (auto& record : records) {
+        std::memcpy(&record, from, sizeof(record));
+        Bci::swapOrder(record.state);
+        from += sizeof(record);
+    }
+    return records;
+}
 
 class HereIAm : public Command {
 public:
@@ -296,6 +283,26 @@ private:
 };
 
 } // namespace
+
+std::optional<Told> decodeIndicators(const Signal& signal)
+{
+    const auto records = indicatorsIn(signal);
+    if (!records) {
+        return std::nullopt;
+    }
+    const auto count = records->size();
+    Told told{(count == 0 ? "no" : std::to_string(count)) +
+                  (count == 1 ? " special indicator" : " special indicators"),
+              {{"indicators", Fields::array()}}};
+    for (const auto& record : *records) {
+        const auto name = tools::textOf(record.name);
+        told.text += "\n  " + name + ": " + stateText(faultIndicatorStates, record.state);
+        told.fields["indicators"].push_back({{"name", name},
+                                             {"state", record.state},
+                                             {"stateName", stateName(faultIndicatorStates, record.state)}});
+    }
+    return told;
+}
 
 std::unique_ptr<Command> makeMmi()
 {

@@ -28,46 +28,36 @@ template <class Cfm> Told toldIdentity(std::string text, Fields names, const Cfm
     return {text, names};
 }
 
-ExitStatus readHwPid(BciClient& client, Output& output)
+Told tell(const TarnBcGetHwPidCfmS& cfm)
 {
-    return exchange<TarnBcGetHwPidReqS, TarnBcGetHwPidCfmS, TarnBcGetHwPidRejS>(
-        client, output, tools::requestFrom<TarnBcGetHwPidReqS>(client), [](const TarnBcGetHwPidCfmS& cfm) {
-            const auto name = textOf(cfm.productName);
-            return toldIdentity("product " + name, {{"productName", name}}, cfm);
-        });
+    const auto name = textOf(cfm.productName);
+    return toldIdentity("product " + name, {{"productName", name}}, cfm);
 }
 
-ExitStatus readMarketName(BciClient& client, Output& output)
+Told tell(const TarnBcGetMarketNamePidCfmS& cfm)
 {
-    return exchange<TarnBcGetMarketNamePidReqS, TarnBcGetMarketNamePidCfmS, TarnBcGetMarketNamePidRejS>(
-        client, output, tools::requestFrom<TarnBcGetMarketNamePidReqS>(client),
-        [](const TarnBcGetMarketNamePidCfmS& cfm) {
-            const auto name = textOf(cfm.productName);
-            const auto extended = textOf(cfm.extendedMarketName);
-            return toldIdentity("product " + name + ", extended market name " + extended,
-                                {{"productName", name}, {"extendedMarketName", extended}}, cfm);
-        });
+    const auto name = textOf(cfm.productName);
+    const auto extended = textOf(cfm.extendedMarketName);
+    return toldIdentity("product " + name + ", extended market name " + extended,
+                        {{"productName", name}, {"extendedMarketName", extended}}, cfm);
 }
 
-ExitStatus readExtendedMarketName(BciClient& client, Output& output)
+Told tell(const TarnBcGetExtendedMarketNameCfmS& cfm)
 {
-    return exchange<TarnBcGetExtendedMarketNameReqS, TarnBcGetExtendedMarketNameCfmS,
-                    TarnBcGetExtendedMarketNameRejS>(
-        client, output, tools::requestFrom<TarnBcGetExtendedMarketNameReqS>(client),
-        [](const TarnBcGetExtendedMarketNameCfmS& cfm) {
-            const auto extended = textOf(cfm.extendedMarketName);
-            return Told{"extended market name " + extended, {{"extendedMarketName", extended}}};
-        });
+    const auto extended = textOf(cfm.extendedMarketName);
+    return {"extended market name " + extended, {{"extendedMarketName", extended}}};
 }
 
-ExitStatus readContainerPid(BciClient& client, Output& output)
+Told tell(const TarnBcGetContainerPidCfmS& cfm)
 {
-    return exchange<TarnBcGetContainerPidReqS, TarnBcGetContainerPidCfmS, TarnBcGetContainerPidRejS>(
-        client, output, tools::requestFrom<TarnBcGetContainerPidReqS>(client),
-        [](const TarnBcGetContainerPidCfmS& cfm) {
-            const auto name = textOf(cfm.containerName);
-            return toldIdentity("container " + name, {{"containerName", name}}, cfm);
-        });
+    const auto name = textOf(cfm.containerName);
+    return toldIdentity("container " + name, {{"containerName", name}}, cfm);
+}
+
+template <class Req, class Cfm, class Rej> ExitStatus read(BciClient& client, Output& output)
+{
+    return exchange<Req, Cfm, Rej>(client, output, tools::requestFrom<Req>(client),
+                                   [](const Cfm& cfm) { return tell(cfm); });
 }
 
 class Pid : public Command {
@@ -84,20 +74,47 @@ public:
     ExitStatus run(BciClient& client, Output& output) override
     {
         if (m_what == "hw") {
-            return readHwPid(client, output);
+            return read<TarnBcGetHwPidReqS, TarnBcGetHwPidCfmS, TarnBcGetHwPidRejS>(client, output);
         }
         if (m_what == "market") {
-            return readMarketName(client, output);
+            return read<TarnBcGetMarketNamePidReqS, TarnBcGetMarketNamePidCfmS, TarnBcGetMarketNamePidRejS>(
+                client, output);
         }
-        return m_what == "extended" ? readExtendedMarketName(client, output)
-                                    : readContainerPid(client, output);
+        if (m_what == "extended") {
+            return read<TarnBcGetExtendedMarketNameReqS, TarnBcGetExtendedMarketNameCfmS,
+                        TarnBcGetExtendedMarketNameRejS>(client, output);
+        }
+        return read<TarnBcGetContainerPidReqS, TarnBcGetContainerPidCfmS, TarnBcGetContainerPidRejS>(client,
+                                                                                                     output);
     }
 
 private:
     std::string m_what;
 };
 
+template <class Cfm> std::optional<Told> toldOf(const tools::Signal& signal)
+{
+    const auto cfm = tools::decode<Cfm>(signal);
+    return cfm ? std::optional(tell(*cfm)) : std::nullopt;
+}
+
 } // namespace
+
+std::optional<Told> decodeIdentity(const tools::Signal& signal)
+{
+    switch (signal.number()) {
+    case TARN_BC_GET_HW_PID_CFM:
+        return toldOf<TarnBcGetHwPidCfmS>(signal);
+    case TARN_BC_GET_MARKET_NAME_PID_CFM:
+        return toldOf<TarnBcGetMarketNamePidCfmS>(signal);
+    case TARN_BC_GET_EXTENDED_MARKET_NAME_CFM:
+        return toldOf<TarnBcGetExtendedMarketNameCfmS>(signal);
+    case TARN_BC_GET_CONTAINER_PID_CFM:
+        return toldOf<TarnBcGetContainerPidCfmS>(signal);
+    default:
+        return std::nullopt;
+    }
+}
 
 std::unique_ptr<Command> makePid()
 {

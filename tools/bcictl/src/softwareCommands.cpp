@@ -61,19 +61,6 @@ private:
     std::string m_software;
 };
 
-/// Text of the list, without what could steer a terminal.
-std::string listText(std::span<const std::uint8_t> bytes)
-{
-    std::string text(bytes.begin(), bytes.end());
-    for (char& character : text) {
-        const auto code = static_cast<unsigned char>(character);
-        if ((code < ' ' && character != '\n' && character != '\t') || code == 0x7F) {
-            character = '?';
-        }
-    }
-    return text;
-}
-
 class Components : public Command {
 public:
     ExitStatus run(BciClient& client, Output& output) override
@@ -183,6 +170,18 @@ public:
 };
 
 } // namespace
+
+std::string listText(std::span<const std::uint8_t> bytes)
+{
+    std::string text(bytes.begin(), bytes.end());
+    for (char& character : text) {
+        const bool isPrintable = character >= ' ' && character <= '~'; // bytes above steer some terminals too
+        if (!isPrintable && character != '\n' && character != '\t') {
+            character = '?';
+        }
+    }
+    return text;
+}
 
 std::unique_ptr<Command> makeRunning()
 {
