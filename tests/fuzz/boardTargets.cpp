@@ -2,7 +2,6 @@
 #include "boardDescription.h"
 #include "brhd.h"
 #include "control.h"
-#include "dictionary.h"
 #include "fakeOutbox.h"
 #include "fakeStateStore.h"
 #include "legacyServer.h"
@@ -11,8 +10,6 @@
 #include "restartOrder.h"
 #include "swmd.h"
 #include "swmdTest.h"
-
-#include "bci/bciSignals.h"
 
 #include <algorithm>
 #include <memory>
@@ -50,16 +47,18 @@ void ask(Service& service, const fuzz::Bytes& text)
 }
 
 /// Number, both references, any body; or any bytes.
-board::Bytes frameFrom(Input& input, const std::vector<std::uint32_t>& numbers)
+board::Bytes frameFrom(Input& input, const Schema& schema)
 {
     board::Bytes frame;
-    const std::uint8_t how = input.u8();
-    if (how < 0xF0) {
-        putHost32(frame, input.of(numbers));
-        putNetwork32(frame, input.u8());
-        putNetwork32(frame, (how & 1U) != 0 ? input.u8() : 1U);
+    const std::uint8_t how = input.how();
+    if (how >= 0xF0) {
+        putBytes(frame, viewOf(input.block()));
+        return frame;
     }
-    putBytes(frame, viewOf(input.block()));
+    putHost32(frame, input.message(schema).number);
+    putNetwork32(frame, input.u8());
+    putNetwork32(frame, (how & 1U) != 0 ? input.u8() : 1U);
+    putBytes(frame, viewOf(input.body(frame.size())));
     return frame;
 }
 
@@ -82,8 +81,8 @@ void runBoardDescription(Input& input)
 
 void runBrhd(Input& input)
 {
-    static const auto bri = briNumbers();
-    static const auto bmmi = bmmiNumbers();
+    const Schema& bri = briSchema();
+    const Schema& bmmi = bmmiSchema();
     test::FakeStateStore faults;
     test::FakeStateStore order;
     test::FakeStateStore carriedOut;
@@ -100,14 +99,14 @@ void runBrhd(Input& input)
     brhd.begin();
     for (const MailboxId server : {briMailbox, bmmiMailbox}) { // the first client is connected to both
         board::Bytes frame;
-        putHost32(frame, server == briMailbox ? bri.front() : bmmi.front());
+        putHost32(frame, (server == briMailbox ? bri : bmmi).front().number);
         putNetwork32(frame, 1);
         putNetwork32(frame, 0);
         putBytes(frame, std::as_bytes(std::span("\x08\x01", 2)));
         brhd.receive({firstClient, server, frame});
     }
     for (unsigned int i = 0; i < maxSteps && !input.empty(); ++i) {
-        const std::uint8_t step = input.u8();
+        const std::uint8_t step = input.step();
         const MailboxId client = firstClient + (step >> 6U);
         switch (step % 8) {
         case 0:
@@ -144,23 +143,16 @@ void runBrhd(Input& input)
 
 void runLegacyd(Input& input)
 {
-    static const auto numbers = [] {
-        std::vector<std::uint32_t> all;
-        for (const BciSignal& row : BCI_SIGNALS) {
-            all.push_back(row.number);
-        }
-        return all;
-    }();
     test::FakeOutbox outbox;
     LegacyServer server(outbox);
     server.attach("LegacyMerlow", legacyMailbox);
     for (unsigned int i = 0; i < maxSteps && !input.empty(); ++i) {
-        const std::uint8_t step = input.u8();
+        const std::uint8_t step = input.step();
         const MailboxId client = firstClient + (step >> 6U);
         switch (step % 4) {
         case 0:
         case 1: {
-            const test::HeapMessage message(frameFrom(input, numbers));
+            const test::HeapMessage message(frameFrom(input, bciSchema()));
             server.receive({client, legacyMailbox, message.bytes()});
             break;
         }
@@ -194,14 +186,16 @@ public:
     }
 };
 
-board::Bytes swmiFrameFrom(Input& input, const std::vector<std::uint32_t>& numbers)
+board::Bytes swmiFrameFrom(Input& input, const Schema& schema)
 {
     board::Bytes frame;
-    if (input.u8() < 0xF0) {
-        putNetwork32(frame, input.of(numbers));
-        putNetwork32(frame, input.u8());
+    if (input.how() >= 0xF0) {
+        putBytes(frame, viewOf(input.block()));
+        return frame;
     }
-    putBytes(frame, viewOf(input.block()));
+    putNetwork32(frame, input.message(schema).number);
+    putNetwork32(frame, input.u8());
+    putBytes(frame, viewOf(input.body()));
     return frame;
 }
 
@@ -209,7 +203,6 @@ board::Bytes swmiFrameFrom(Input& input, const std::vector<std::uint32_t>& numbe
 
 void runSwmd(Input& input)
 {
-    static const auto numbers = swmiNumbers();
     test::MemoryDisk disk;
     SilentPeers peers;
     SwStore store({2, loadmodule::SoftwareId{"QXR1/1", "R1A"}, {}}, disk.files, disk.inventory);
@@ -226,7 +219,7 @@ void runSwmd(Input& input)
     }
     ConnectionId last = 2;
     for (unsigned int i = 0; i < maxSteps && !input.empty(); ++i) {
-        const std::uint8_t step = input.u8();
+        const std::uint8_t step = input.step();
         const ConnectionId connection = last - (step >> 7U);
         switch (step % 8) {
         case 0:
@@ -252,7 +245,7 @@ void runSwmd(Input& input)
             break;
         }
         default: {
-            const test::HeapMessage message(swmiFrameFrom(input, numbers));
+            const test::HeapMessage message(swmiFrameFrom(input, swmiSchema()));
             swmd.server().receive(connection, message.bytes());
             break;
         }

@@ -3,7 +3,6 @@
 ///   PROGRAM TARGET CORPUS   each input of a corpus, a line of hexadecimal digits each
 ///   PROGRAM --dictionary    prints the numbers of all interfaces, as the fuzzer wants them
 ///   PROGRAM --list          prints the targets
-#include "dictionary.h"
 #include "fuzzTarget.h"
 
 #include <cstdio>
@@ -37,13 +36,14 @@ const Target* find(const char* name)
 }
 
 /// In a heap block of exactly its size, so that a byte too many is noticed.
-void run(const Target& target, std::span<const std::uint8_t> bytes)
+Form run(const Target& target, std::span<const std::uint8_t> bytes)
 {
     const std::unique_ptr<std::uint8_t[]> block(new std::uint8_t[bytes.size()]);
     std::copy(bytes.begin(), bytes.end(), block.get());
     google::protobuf::SetLogHandler(nullptr); // most bodies are no messages
     Input input(std::span<const std::uint8_t>(block.get(), bytes.size()));
     target.run(input);
+    return input.takeForm();
 }
 
 /// What the first argument asks for besides a target; false when it is none of that.
@@ -86,7 +86,7 @@ int replay(const Target& target, const char* corpus)
         for (std::size_t i = 0; i < line.size(); i += 2) {
             bytes.push_back(static_cast<std::uint8_t>(valueOf(line[i]) * 16 + valueOf(line[i + 1])));
         }
-        run(target, bytes);
+        static_cast<void>(run(target, bytes));
         ++inputs;
     }
     std::cout << inputs << " inputs\n";
@@ -122,10 +122,9 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+fuzz::Form fuzz::runOn(std::span<const std::uint8_t> bytes)
 {
-    fuzz::run(*chosen, {data, size});
-    return 0;
+    return run(*chosen, bytes);
 }
 #else
 int main(int argc, char** argv)

@@ -17,6 +17,10 @@ void runLegacyd(Input& input);
 void runSwmd(Input& input);
 void runLoadModule(Input& input);
 
+// storeTargets.cpp
+void runSoftwareStore(Input& input);
+void runHardwareLogStore(Input& input);
+
 // toolTargets.cpp
 void runClientSignals(Input& input);
 void runStatus(Input& input);

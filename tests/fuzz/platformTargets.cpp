@@ -241,7 +241,7 @@ public:
             packet(hello, peerId, m_endpoint << 16U, version, 0);
         }
         for (unsigned int i = 0; i < maxSteps && !m_input.empty(); ++i) {
-            step(m_input.u8());
+            step(m_input.step());
         }
     }
     /// The peer goes; the library comes to rest, serves on, and gives everything back.
@@ -467,7 +467,7 @@ public:
     void play()
     {
         for (unsigned int i = 0; i < maxSteps && !m_input.empty(); ++i) {
-            step(m_input.u8());
+            step(m_input.step());
         }
         m_peer = Socket();
         unsigned int rounds = 0;
@@ -589,6 +589,8 @@ const std::vector<Target> targets = {
     {"legacyd", runLegacyd},
     {"swmd", runSwmd},
     {"load-module", runLoadModule},
+    {"software-store", runSoftwareStore},
+    {"hardware-log-store", runHardwareLogStore},
     {"client-signals", runClientSignals},
     {"status", runStatus},
     {"words", runWords},

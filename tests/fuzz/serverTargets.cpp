@@ -1,20 +1,13 @@
 /// The server with all its components on the in-memory platform, amid clients and neighbours that say
 /// anything.
-#include "bbbciConnEstablish.h"
-#include "bbBciEnableOperation.h"
-#include "bbBciFaults.h"
-#include "bbBciGetCapabilities.h"
-#include "bbBciHwFaultLabel.h"
 #include "board.h"
 #include "boardPeers.h"
-#include "dictionary.h"
+#include "clientTargets.h"
 #include "fakeBrh.h"
 #include "fakeLoop.h"
 #include "fakeMnet.h"
 #include "fakeSway.h"
 #include "fakeTrace.h"
-#include "faultManager.h"
-#include "fuzzTarget.h"
 #include "merlowCommonData.h"
 #include "merlowHwLog.h"
 #include "mnetMessageSubscriptionCustom.h"
@@ -31,9 +24,13 @@
 #include <array>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <stdexcept>
 
 namespace fuzz {
+
+int platformFailures()
+{
+    return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().total_part_count();
+}
 
 namespace {
 
@@ -44,12 +41,6 @@ using support::VirtualSwmServer;
 
 /// Far above what a unit at rest has left to do.
 constexpr unsigned int idleLimit = 5000;
-
-/// What the in-memory platform holds against its user, such as a message that was freed twice.
-int platformFailures()
-{
-    return ::testing::UnitTest::GetInstance()->ad_hoc_test_result().total_part_count();
-}
 
 /// One way to go on, as the input has it.
 enum class Step : std::uint8_t { signal, stranger, bri, bmmi, swmi, legacy, honest, death, restart };
@@ -106,7 +97,7 @@ public:
     void play(const std::vector<Step>& steps)
     {
         for (unsigned int i = 0; i < maxSteps && !m_input.empty(); ++i) {
-            const std::uint8_t choice = m_input.u8();
+            const std::uint8_t choice = m_input.step();
             take(steps[(choice & 0x7FU) % steps.size()]);
             if ((choice & 0x80U) == 0) {
                 pump();
@@ -171,10 +162,10 @@ private:
             break;
         }
         case Step::bri:
-            sendFrame("BriServer", briNumbers(), m_unit.isUp() ? &m_unit.data().getBriClient() : nullptr);
+            sendFrame("BriServer", briSchema(), m_unit.isUp() ? &m_unit.data().getBriClient() : nullptr);
             break;
         case Step::bmmi:
-            sendFrame("BmmiServer", bmmiNumbers(), m_unit.isUp() ? &m_unit.data().getBmmiClient() : nullptr);
+            sendFrame("BmmiServer", bmmiSchema(), m_unit.isUp() ? &m_unit.data().getBmmiClient() : nullptr);
             break;
         case Step::swmi:
             sendSwmiFrame();
@@ -199,29 +190,37 @@ private:
     /// Of the table, with its size or another one, with the references of its session or others.
     void sendSignal(const sim::Peer& peer)
     {
-        const std::uint8_t how = m_input.u8();
-        const BciSignal& row = m_input.of(BCI_SIGNALS);
-        const std::size_t size = (how & 0x1U) != 0 ? row.size : m_input.u8() * 4U + (how >> 1U & 3U);
+        const std::uint8_t how = m_input.how(true);
+        const SchemaMessage& row = m_input.message(bciSchema());
+        const bool isAsBody = (how & 0x11U) == 0x10U;
+        std::size_t size = row.size;
+        if ((how & 0x11U) == 0) {
+            size = m_input.u8() * 4U + (how >> 1U & 3U);
+        }
         Bytes fields = (how & 0x8U) != 0 ? usualReferences : m_input.take(8);
-        const Bytes more = m_input.block();
+        const Bytes more = m_input.body(sizeof(row.number) + usualReferences.size());
         fields.insert(fields.end(), more.begin(), more.end());
-        peer.send(signal(row.number, size, fields), receiver());
+        peer.send(signal(row.number, isAsBody ? sizeof(row.number) + fields.size() : size, fields),
+                  receiver());
     }
-    void sendFrame(const char* server, const std::vector<std::uint32_t>& numbers, const BrhClient* client)
+    void sendFrame(const char* server, const Schema& schema, const BrhClient* client)
     {
+        const std::uint8_t how = m_input.how();
+        const std::uint32_t number = m_input.message(schema).number;
+        const std::uint32_t procedureRef = (how & 1U) != 0 ? m_input.u32() : m_input.u8();
+        const bool isOurs = (how & 0xEU) != 0xEU;
+        const std::uint32_t otherRef = isOurs ? 0 : m_input.u32();
+        const Bytes body = m_input.body();
+        const bool isCut = (how & 0x70U) == 0x70U;
+        const std::size_t cutSize = isCut ? 4U + m_input.u8() % 12U : 0;
         const mnet_mbox_id_t from = FakeMnet::instance().find(server);
         if (from == MNET_MBOX_NONE || client == nullptr) {
             return;
         }
-        const std::uint8_t how = m_input.u8();
-        const std::uint32_t number = m_input.of(numbers);
-        const std::uint32_t procedureRef = (how & 1U) != 0 ? m_input.u32() : m_input.u8();
-        const std::uint32_t connectionRef = (how & 0xEU) == 0xEU ? m_input.u32() : client->getClientRef();
-        const Bytes body = m_input.block();
-        Bytes frame =
-            support::makeFrame(number, procedureRef, connectionRef, std::string(body.begin(), body.end()));
-        if ((how & 0x70U) == 0x70U) {
-            frame.resize(4 + m_input.u8() % 12);
+        Bytes frame = support::makeFrame(number, procedureRef, isOurs ? client->getClientRef() : otherRef,
+                                         std::string(body.begin(), body.end()));
+        if (isCut) {
+            frame.resize(cutSize);
         }
         const FakeMnet::As self(FakeMnet::instance().processOf(from));
         mnet_msg* msg = mnet_alloc(frame.size(), 0);
@@ -230,25 +229,23 @@ private:
     }
     void sendSwmiFrame()
     {
-        sway_socket* const socket = VirtualSwmServer::connection();
-        if (socket == nullptr || socket->closedByPeer) {
-            return;
-        }
-        static const auto numbers = swmiNumbers();
-        const std::uint8_t how = m_input.u8();
-        const std::uint32_t words[] = {m_input.of(numbers), m_input.u8()};
+        const std::uint8_t how = m_input.how();
+        const std::uint32_t words[] = {m_input.message(swmiSchema()).number, m_input.u8()};
         Bytes frame;
         for (const std::uint32_t word : words) {
             for (unsigned int shift = 32; shift > 0; shift -= 8) {
                 frame.push_back(static_cast<std::uint8_t>(word >> (shift - 8)));
             }
         }
-        const Bytes body = m_input.block();
+        const Bytes body = m_input.body();
         frame.insert(frame.end(), body.begin(), body.end());
         if ((how & 0xFU) == 0xFU) {
             frame.resize(1 + m_input.u8() % 12);
         }
-        socket->fromPeer.push_back(frame);
+        sway_socket* const socket = VirtualSwmServer::connection();
+        if (socket != nullptr && !socket->closedByPeer) {
+            socket->fromPeer.push_back(frame);
+        }
     }
     void somebodyDies()
     {
@@ -424,57 +421,6 @@ void runSwmi(Input& input)
     play(input, {Step::swmi, Step::swmi, Step::swmi, Step::signal, Step::honest, Step::death, Step::restart});
 }
 
-/// The client side, at another unit that says anything.
-void runClientDrivers(Input& input)
-{
-    const int failures = platformFailures();
-    {
-        support::Board board({.bri = false, .bmmi = false});
-        const support::VirtualClient other = board.newClient();
-        Merlow::FaultManager faultManager;
-        Merlow::BbBci::BbbciConnEstablish connection;
-        Merlow::BbBci::BbBciGetCapabilities capabilities;
-        Merlow::BbBci::BbBciEnableOperation enableOperation;
-        Merlow::BbBci::BbBciFaults faults(faultManager);
-        Merlow::BbBci::BbBciHwFaultLabel hwFaultLabel(faultManager);
-        connection.initialize();
-        capabilities.initialize();
-        enableOperation.initialize();
-        faults.initialize();
-        hwFaultLabel.initialize();
-        const TarnNodeCommonAddressInfoS address{.clientRef = 1, .serverRef = 300};
-        const auto nothing = [] {
-        };
-        connection.sendConnEstablishReq(
-            other.mbox(), [](const TarnNodeCommonAddressInfoS&) {}, nothing);
-        capabilities.sendGetCapabilitiesReq(
-            other.mbox(), address,
-            [](const std::vector<Merlow::BbBci::CapabilityInfo>& infos) {
-                require(infos.size() <= 0xFFFF, "capabilities are counted in 16 bits");
-            },
-            nothing);
-        enableOperation.sendEnableOperationReq(other.mbox(), address, nothing, nothing);
-        faults.sendSubscribeFaultsReq(other.mbox(), address, nothing, nothing);
-        hwFaultLabel.sendSubscribeHwFaultLabelReq(other.mbox(), address, nothing, nothing);
-        for (unsigned int i = 0; i < maxSteps && !input.empty(); ++i) {
-            const BciSignal& row = input.of(BCI_SIGNALS);
-            Bytes bytes = input.block();
-            bytes.resize(std::max<std::size_t>(bytes.size(), sizeof(row.number)));
-            if (input.u8() % 2 == 0) {
-                bytes.resize(std::max(bytes.size(), row.size));
-            }
-            std::memcpy(bytes.data(), &row.number, sizeof(row.number));
-            try {
-                other.sendBytes(bytes, board.commonData().getPrivateMbox());
-            } catch (const std::length_error&) { // a record that is shorter than its own head
-            }
-            while (other.receive()) {
-            }
-        }
-    }
-    require(platformFailures() == failures, "the platform is used as it may be");
-}
-
 // Texts
 
 /// From the last tag on that closes what is rewritten, or from where a list is put in if that is behind it.
@@ -554,6 +500,7 @@ const std::vector<Target> targets = {
     {"revision", runRevision},
     {"hardware-log", runHardwareLogArea},
     {"client-drivers", runClientDrivers},
+    {"agent", runAgent},
 };
 
 } // namespace fuzz
