@@ -1,6 +1,7 @@
 /// The programs of a unit without room in the run-time folder: a line that says so, a status, and a start
 /// that works when there is room again.
 #include "process.h"
+#include "rowTest.h"
 
 #include <gtest/gtest.h>
 #include <string>
@@ -13,11 +14,6 @@ struct ShortageProgramRow {
     const char* program;
     const char* line; ///< with an @ for the folder
 };
-
-void PrintTo(const ShortageProgramRow& row, std::ostream* out)
-{
-    *out << row.program;
-}
 
 /// A file system of a few inodes, which can also be read only.
 class TinyDisk {
@@ -46,7 +42,7 @@ private:
     bool m_isMounted;
 };
 
-class ShortageProgramTest : public testing::TestWithParam<ShortageProgramRow> {
+class ShortageProgramTest : public testing::Test, public WithRow<ShortageProgramRow> {
 protected:
     void SetUp() override
     {
@@ -57,11 +53,11 @@ protected:
     /// The program says why it can't, in one line, and ends.
     void expectRefusal(const std::string& reason) const
     {
-        std::string line = GetParam().line;
+        std::string line = row().line;
         if (const auto at = line.find('@'); at != std::string::npos) {
             line.replace(at, 1, m_disk.path());
         }
-        const Outcome outcome = runProgram(GetParam().program, {}, m_environment);
+        const Outcome outcome = runProgram(row().program, {}, m_environment);
         EXPECT_EQ(outcome.status, 1);
         EXPECT_EQ(outcome.out, "");
         EXPECT_EQ(outcome.err, line + ": " + reason + "\n");
@@ -74,14 +70,14 @@ protected:
                                        {"RUSHLOG_OUT", "/dev/null"}};
 };
 
-TEST_P(ShortageProgramTest, saysThatTheRunTimeFolderIsFullOrReadOnly)
+ROW_TEST(ShortageProgramTest, saysThatTheRunTimeFolderIsFullOrReadOnly)
 {
     expectRefusal("No space left on device");
     ASSERT_TRUE(m_disk.change(MS_RDONLY, "size=4k,nr_inodes=3"));
     expectRefusal("Read-only file system");
 
     ASSERT_TRUE(m_disk.change(0, "size=16m,nr_inodes=1000"));
-    Process program(GetParam().program, {}, m_environment);
+    Process program(row().program, {}, m_environment);
     const auto serves = [&program] {
         const std::string told = program.out() + program.err();
         return told.find(": serving ") != std::string::npos || told.find(": waiting ") != std::string::npos;
@@ -90,13 +86,12 @@ TEST_P(ShortageProgramTest, saysThatTheRunTimeFolderIsFullOrReadOnly)
     EXPECT_TRUE(program.running()) << program.err();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Each, ShortageProgramTest,
-    testing::Values(ShortageProgramRow{"brhd", "brhd: the run-time folder @ cannot be used"},
-                    ShortageProgramRow{"legacyd", "legacyd: the run-time folder @ cannot be used"},
-                    ShortageProgramRow{"swmd", "swmd: cannot listen at ux:SWMServer"},
-                    ShortageProgramRow{"merlowd", "merlowd: no mailboxes in run-time folder @"}),
-    [](const auto& row) { return std::string(row.param.program); });
+const ShortageProgramRow shortageProgramRows[] = {
+    {"brhd", "brhd: the run-time folder @ cannot be used"},
+    {"legacyd", "legacyd: the run-time folder @ cannot be used"},
+    {"swmd", "swmd: cannot listen at ux:SWMServer"},
+    {"merlowd", "merlowd: no mailboxes in run-time folder @"}};
+TEST_ROWS(Each, ShortageProgramTest, shortageProgramRows, [](const auto& row) { return row.program; });
 
 } // namespace
 } // namespace merlow::test

@@ -1,6 +1,7 @@
 // The unit's software, with the real store: loaded, selected and listed by clients, some of which die.
 
 #include "client.h"
+#include "rowTest.h"
 #include "terminal.h"
 #include "unit.h"
 
@@ -366,15 +367,15 @@ TEST_F(SoftwareTest, aSessionHoldsTheStoreUntilItReleasesIt)
     EXPECT_TRUE(isStoreFree());
 }
 
-class StuckLoadTest : public SoftwareTest, public ::testing::WithParamInterface<int> {};
+class StuckLoadTest : public SoftwareTest, public WithRow<int> {};
 
-TEST_P(StuckLoadTest, whoeverGoesInTheMiddleLeavesNothing)
+ROW_TEST(StuckLoadTest, whoeverGoesInTheMiddleLeavesNothing)
 {
     const auto client = stuckLoad("QXR1_R1A");
     Process next("bcictl", {"load", file(10), "--software", "QXR2_R1A", "--timeout", "600"},
                  m_unit.environment());
     ASSERT_TRUE(waitUntil([this] { return swmd("/tickets").size() == 2; }));
-    client->signal(GetParam());
+    client->signal(row());
     EXPECT_NE(client->wait(), 0);
     EXPECT_EQ(next.wait(), 0) << next.err();
     EXPECT_EQ(stored(), (std::vector<std::string>{"QXR7041162/15_R91KT", "QXR2_R1A"}));
@@ -383,8 +384,9 @@ TEST_P(StuckLoadTest, whoeverGoesInTheMiddleLeavesNothing)
     EXPECT_EQ(again.status, 0) << again.err;
 }
 
-INSTANTIATE_TEST_SUITE_P(by, StuckLoadTest, ::testing::Values(SIGINT, SIGTERM, SIGKILL),
-                         [](const auto& row) { return std::string("signal") + std::to_string(row.param); });
+const int stuckLoadSignals[] = {SIGINT, SIGTERM, SIGKILL};
+TEST_ROWS(by, StuckLoadTest, stuckLoadSignals,
+          [](const auto& row) { return std::string("signal") + std::to_string(row); });
 
 // An SWM server that dies
 

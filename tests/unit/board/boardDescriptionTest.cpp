@@ -1,4 +1,5 @@
 #include "boardDescription.h"
+#include "rowTest.h"
 
 #include "loadModule.h"
 
@@ -107,12 +108,12 @@ std::ostream& operator<<(std::ostream& out, const BoardMistakeRow& row)
     return out << row.text;
 }
 
-class BoardMistakeTest : public testing::TestWithParam<BoardMistakeRow> {};
+class BoardMistakeTest : public testing::Test, public WithRow<BoardMistakeRow> {};
 
-TEST_P(BoardMistakeTest, isToldWithLineKeyAndReason)
+ROW_TEST(BoardMistakeTest, isToldWithLineKeyAndReason)
 {
-    const auto board = parseBoardDescription(GetParam().text, "b.json");
-    EXPECT_EQ(board.error, "b.json:" + GetParam().error);
+    const auto board = parseBoardDescription(row().text, "b.json");
+    EXPECT_EQ(board.error, "b.json:" + row().error);
     EXPECT_EQ(board.description, BoardDescription());
 }
 
@@ -124,186 +125,172 @@ BoardMistakeRow inLine3(const std::string& keys, const std::string& error)
     return {"{\n" + someCapabilities + ",\n" + keys + "\n}", "3: " + error};
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Syntax, BoardMistakeTest,
-    testing::Values(
-        BoardMistakeRow{"", "1: syntax error while parsing value - unexpected end of input; expected '[', "
-                            "'{', or a literal"},
-        BoardMistakeRow{"{\n" + someCapabilities + "\n",
-                        "2: capabilities: syntax error while parsing object - unexpected end of input; "
-                        "expected '}'"},
-        BoardMistakeRow{"{\n\"restart\": {\n\"ranks\": [1,\n2 3]}}",
-                        "4: restart.ranks[2]: syntax error while parsing array - unexpected number literal; "
-                        "expected ']'"},
-        BoardMistakeRow{"{\n" + someCapabilities + ",\n}",
-                        "3: capabilities: syntax error while parsing object key - unexpected '}'; expected "
-                        "string literal"},
-        BoardMistakeRow{"{} x", "1: syntax error while parsing value - invalid literal; last read: '{} x'; "
-                                "expected end of input"},
-        BoardMistakeRow{"{\n\"capabilityText\": \"\xff\"}",
-                        "2: capabilityText: syntax error while parsing value - invalid string: ill-formed "
-                        "UTF-8 byte; last read: '\"\xff'"},
-        BoardMistakeRow{"[\n[[[[[[[[]]]]]]]]]", "2: [0][0][0][0][0][0][0][0]: is nested too deep"},
-        BoardMistakeRow{"[]", "1: must be an object, not a list"},
-        BoardMistakeRow{"7\n", "1: must be an object, not 7"}));
+const BoardMistakeRow syntaxBoardMistakeRows[] = {
+    {"", "1: syntax error while parsing value - unexpected end of input; expected '[', "
+         "'{', or a literal"},
+    {"{\n" + someCapabilities + "\n",
+     "2: capabilities: syntax error while parsing object - unexpected end of input; "
+     "expected '}'"},
+    {"{\n\"restart\": {\n\"ranks\": [1,\n2 3]}}",
+     "4: restart.ranks[2]: syntax error while parsing array - unexpected number literal; "
+     "expected ']'"},
+    {"{\n" + someCapabilities + ",\n}",
+     "3: capabilities: syntax error while parsing object key - unexpected '}'; expected "
+     "string literal"},
+    {"{} x", "1: syntax error while parsing value - invalid literal; last read: '{} x'; "
+             "expected end of input"},
+    {"{\n\"capabilityText\": \"\xff\"}",
+     "2: capabilityText: syntax error while parsing value - invalid string: ill-formed "
+     "UTF-8 byte; last read: '\"\xff'"},
+    {"[\n[[[[[[[[]]]]]]]]]", "2: [0][0][0][0][0][0][0][0]: is nested too deep"},
+    {"[]", "1: must be an object, not a list"},
+    {"7\n", "1: must be an object, not 7"}};
+TEST_ROWS(Syntax, BoardMistakeTest, syntaxBoardMistakeRows);
 
-INSTANTIATE_TEST_SUITE_P(
-    Keys, BoardMistakeTest,
-    testing::Values(
-        BoardMistakeRow{"\n{}", "2: capabilities: is missing"},
-        inLine3(R"("colour": "red")",
-                "colour: is no known key; there are product, container, capabilities, capabilityText, bri, "
-                "bmmi, restart, temperature, hardwareLog, store"),
-        inLine3(R"("restart": {"rank": [1]})", "restart.rank: is no known key; there are ranks, noticeMs"),
-        inLine3(R"("bmmi": {}, "product": {"Name": "x"})",
-                "product.Name: is no known key; there are productionDate, name, number, revision, "
-                "manufacturer, serialNumber, extendedMarketName"),
-        inLine3(R"("container": {"extendedMarketName": "x"})",
-                "container.extendedMarketName: is no known key; there are productionDate, name, number, "
-                "revision, manufacturer, serialNumber"),
-        inLine3(R"("capabilities": [4])", "capabilities: is there twice, first in line 2"),
-        inLine3(R"("bri": {"hotspots": [{"sensor": 1, "threshold": 2}]})",
-                "bri.hotspots[0].hysteresis: is missing"),
-        inLine3(R"("bri": {"hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": 3, "x": 4}]})",
-                "bri.hotspots[0].x: is no known key; there are sensor, threshold, hysteresis"),
-        inLine3(R"("bmmi": {"leds": [{"lamp": "group1"}]})", "bmmi.leds[0].led: is missing"),
-        inLine3(R"("bmmi": {"leds": [{"led": "a"}]})", "bmmi.leds[0].lamp: is missing"),
-        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a", "x": 1}]})",
-                "bmmi.leds[0].x: is no known key; there are lamp, colour, led"),
-        inLine3(R"("store": {"preinstalled": {"number": "A"}})", "store.preinstalled.revision: is missing"),
-        inLine3(R"("hardwareLog": {"budgetBytesOf": {"1000": 5}})",
-                "hardwareLog.budgetBytesOf.1000: is no number of a log, \"0\" to \"999\""),
-        inLine3(R"("hardwareLog": {"budgetBytesOf": {"0x2": 5}})",
-                "hardwareLog.budgetBytesOf.0x2: is no number of a log, \"0\" to \"999\""),
-        inLine3(R"("hardwareLog": {"budgetBytesOf": {"": 5}})",
-                "hardwareLog.budgetBytesOf.: is no number of a log, \"0\" to \"999\"")));
+const BoardMistakeRow keysBoardMistakeRows[] = {
+    {"\n{}", "2: capabilities: is missing"},
+    inLine3(R"("colour": "red")",
+            "colour: is no known key; there are product, container, capabilities, capabilityText, bri, "
+            "bmmi, restart, temperature, hardwareLog, store"),
+    inLine3(R"("restart": {"rank": [1]})", "restart.rank: is no known key; there are ranks, noticeMs"),
+    inLine3(R"("bmmi": {}, "product": {"Name": "x"})",
+            "product.Name: is no known key; there are productionDate, name, number, revision, "
+            "manufacturer, serialNumber, extendedMarketName"),
+    inLine3(R"("container": {"extendedMarketName": "x"})",
+            "container.extendedMarketName: is no known key; there are productionDate, name, number, "
+            "revision, manufacturer, serialNumber"),
+    inLine3(R"("capabilities": [4])", "capabilities: is there twice, first in line 2"),
+    inLine3(R"("bri": {"hotspots": [{"sensor": 1, "threshold": 2}]})",
+            "bri.hotspots[0].hysteresis: is missing"),
+    inLine3(R"("bri": {"hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": 3, "x": 4}]})",
+            "bri.hotspots[0].x: is no known key; there are sensor, threshold, hysteresis"),
+    inLine3(R"("bmmi": {"leds": [{"lamp": "group1"}]})", "bmmi.leds[0].led: is missing"),
+    inLine3(R"("bmmi": {"leds": [{"led": "a"}]})", "bmmi.leds[0].lamp: is missing"),
+    inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a", "x": 1}]})",
+            "bmmi.leds[0].x: is no known key; there are lamp, colour, led"),
+    inLine3(R"("store": {"preinstalled": {"number": "A"}})", "store.preinstalled.revision: is missing"),
+    inLine3(R"("hardwareLog": {"budgetBytesOf": {"1000": 5}})",
+            "hardwareLog.budgetBytesOf.1000: is no number of a log, \"0\" to \"999\""),
+    inLine3(R"("hardwareLog": {"budgetBytesOf": {"0x2": 5}})",
+            "hardwareLog.budgetBytesOf.0x2: is no number of a log, \"0\" to \"999\""),
+    inLine3(R"("hardwareLog": {"budgetBytesOf": {"": 5}})",
+            "hardwareLog.budgetBytesOf.: is no number of a log, \"0\" to \"999\"")};
+TEST_ROWS(Keys, BoardMistakeTest, keysBoardMistakeRows);
 
-INSTANTIATE_TEST_SUITE_P(
-    Types, BoardMistakeTest,
-    testing::Values(
-        inLine3(R"("product": [])", "product: must be an object, not a list"),
-        inLine3(R"("product": {"name": 5})", "product.name: must be a text, not 5"),
-        inLine3(R"("capabilityText": null)", "capabilityText: must be a text, not null"),
-        inLine3(R"("bri": {"capabilities": {}})", "bri.capabilities: must be a list, not an object"),
-        inLine3(R"("bri": {"hotspots": [5]})", "bri.hotspots[0]: must be an object, not 5"),
-        inLine3(R"("bmmi": {"capabilities": [true]})", "bmmi.capabilities[0]: must be a text, not true"),
-        inLine3(R"("restart": {"noticeMs": "1000"})",
-                "restart.noticeMs: must be a whole number from 0 to 600000, not \"1000\""),
-        inLine3(R"("store": {"slots": 4.5})", "store.slots: must be a whole number from 1 to 64, not 4.5"),
-        inLine3(R"("store": {"preinstalled": "A_R1"})",
-                "store.preinstalled: must be an object, not \"A_R1\""),
-        inLine3(R"("hardwareLog": {"budgetBytesOf": [1]})",
-                "hardwareLog.budgetBytesOf: must be an object, not a list"),
-        BoardMistakeRow{"{\"capabilities\": [\n3,\n\"a\\n" + std::string(60, 'b') + "\"]}",
-                        "3: capabilities[1]: must be a whole number from 0 to 65535, not \"a\\n" +
-                            std::string(36, 'b') + "..."}));
+const BoardMistakeRow typesBoardMistakeRows[] = {
+    inLine3(R"("product": [])", "product: must be an object, not a list"),
+    inLine3(R"("product": {"name": 5})", "product.name: must be a text, not 5"),
+    inLine3(R"("capabilityText": null)", "capabilityText: must be a text, not null"),
+    inLine3(R"("bri": {"capabilities": {}})", "bri.capabilities: must be a list, not an object"),
+    inLine3(R"("bri": {"hotspots": [5]})", "bri.hotspots[0]: must be an object, not 5"),
+    inLine3(R"("bmmi": {"capabilities": [true]})", "bmmi.capabilities[0]: must be a text, not true"),
+    inLine3(R"("restart": {"noticeMs": "1000"})",
+            "restart.noticeMs: must be a whole number from 0 to 600000, not \"1000\""),
+    inLine3(R"("store": {"slots": 4.5})", "store.slots: must be a whole number from 1 to 64, not 4.5"),
+    inLine3(R"("store": {"preinstalled": "A_R1"})", "store.preinstalled: must be an object, not \"A_R1\""),
+    inLine3(R"("hardwareLog": {"budgetBytesOf": [1]})",
+            "hardwareLog.budgetBytesOf: must be an object, not a list"),
+    {"{\"capabilities\": [\n3,\n\"a\\n" + std::string(60, 'b') + "\"]}",
+     "3: capabilities[1]: must be a whole number from 0 to 65535, not \"a\\n" + std::string(36, 'b') +
+         "..."}};
+TEST_ROWS(Types, BoardMistakeTest, typesBoardMistakeRows);
 
-INSTANTIATE_TEST_SUITE_P(
-    Ranges, BoardMistakeTest,
-    testing::Values(
-        BoardMistakeRow{"{\"capabilities\": [3,\n-1\n]}",
-                        "2: capabilities[1]: must be a whole number from 0 to 65535, not -1"},
-        BoardMistakeRow{"{\"capabilities\": [65536]}",
-                        "1: capabilities[0]: must be a whole number from 0 to 65535, not 65536"},
-        inLine3(R"("restart": {"noticeMs": 600001})",
-                "restart.noticeMs: must be a whole number from 0 to 600000, not 600001"),
-        inLine3(R"("restart": {"noticeMs": 18446744073709551615})",
-                "restart.noticeMs: must be a whole number from 0 to 600000, not 18446744073709551615"),
-        inLine3(R"("restart": {"ranks": [0]})",
-                "restart.ranks[0]: must be a whole number from 1 to 5, not 0"),
-        inLine3(R"("restart": {"ranks": [1, 6]})",
-                "restart.ranks[1]: must be a whole number from 1 to 5, not 6"),
-        inLine3(R"("restart": {"ranks": [1, 2, 1]})", "restart.ranks[2]: 1 is there twice"),
-        inLine3(R"("restart": {"ranks": [1, 2, 3, 4, 5, 1]})",
-                "restart.ranks: has 6 entries, at most 5 are possible"),
-        inLine3(R"("bri": {"hotspots": [{"sensor": 32768, "threshold": 2, "hysteresis": 3}]})",
-                "bri.hotspots[0].sensor: must be a whole number from -32768 to 32767, not 32768"),
-        inLine3(R"("bri": {"temperatureRanges": [{"lower": -32769, "upper": 2, "hysteresis": 3}]})",
-                "bri.temperatureRanges[0].lower: must be a whole number from -32768 to 32767, not -32769"),
-        inLine3(R"("bri": {"temperatureRanges": [{"lower": 1, "upper": 2, "hysteresis": -1}]})",
-                "bri.temperatureRanges[0].hysteresis: must be a whole number from 0 to 32767, not -1"),
-        inLine3(R"("bri": {"hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": -1}]})",
-                "bri.hotspots[0].hysteresis: must be a whole number from 0 to 32767, not -1"),
-        inLine3(
-            R"("bri": {"temperatureRanges": [{"lower": -5, "upper": 10, "hysteresis": 16}]})",
+const BoardMistakeRow rangesBoardMistakeRows[] = {
+    {"{\"capabilities\": [3,\n-1\n]}", "2: capabilities[1]: must be a whole number from 0 to 65535, not -1"},
+    {"{\"capabilities\": [65536]}", "1: capabilities[0]: must be a whole number from 0 to 65535, not 65536"},
+    inLine3(R"("restart": {"noticeMs": 600001})",
+            "restart.noticeMs: must be a whole number from 0 to 600000, not 600001"),
+    inLine3(R"("restart": {"noticeMs": 18446744073709551615})",
+            "restart.noticeMs: must be a whole number from 0 to 600000, not 18446744073709551615"),
+    inLine3(R"("restart": {"ranks": [0]})", "restart.ranks[0]: must be a whole number from 1 to 5, not 0"),
+    inLine3(R"("restart": {"ranks": [1, 6]})", "restart.ranks[1]: must be a whole number from 1 to 5, not 6"),
+    inLine3(R"("restart": {"ranks": [1, 2, 1]})", "restart.ranks[2]: 1 is there twice"),
+    inLine3(R"("restart": {"ranks": [1, 2, 3, 4, 5, 1]})",
+            "restart.ranks: has 6 entries, at most 5 are possible"),
+    inLine3(R"("bri": {"hotspots": [{"sensor": 32768, "threshold": 2, "hysteresis": 3}]})",
+            "bri.hotspots[0].sensor: must be a whole number from -32768 to 32767, not 32768"),
+    inLine3(R"("bri": {"temperatureRanges": [{"lower": -32769, "upper": 2, "hysteresis": 3}]})",
+            "bri.temperatureRanges[0].lower: must be a whole number from -32768 to 32767, not -32769"),
+    inLine3(R"("bri": {"temperatureRanges": [{"lower": 1, "upper": 2, "hysteresis": -1}]})",
+            "bri.temperatureRanges[0].hysteresis: must be a whole number from 0 to 32767, not -1"),
+    inLine3(R"("bri": {"hotspots": [{"sensor": 1, "threshold": 2, "hysteresis": -1}]})",
+            "bri.hotspots[0].hysteresis: must be a whole number from 0 to 32767, not -1"),
+    inLine3(R"("bri": {"temperatureRanges": [{"lower": -5, "upper": 10, "hysteresis": 16}]})",
             "bri.temperatureRanges[0].hysteresis: 16 is wider than from the lower limit to the upper, 15"),
-        inLine3(R"("bri": {"temperatureRanges": [{"lower": 3, "upper": 2, "hysteresis": 0}]})",
-                "bri.temperatureRanges[0].upper: is below the lower limit"),
-        inLine3(R"("bri": {"capabilities": ["UTC_TIME", "HWLOG"]})",
-                "bri.capabilities[1]: \"HWLOG\" is no capability; there are UTC_TIME, HW_LOG, "
-                "PRODUCT_INVENTORY, CONTAINER_PID, INTEGRATED_HW_CATEGORY_1, MARKET_PID, "
-                "EXTENDED_MARKET_PID, NOTIFY_RESTART, TEMPERATURE_LEVEL_MEASUREMENT, CLIMATE_CONTROL, "
-                "RESTART_NOTIFICATION, RESTART_RANK_LABEL, EVENT_HISTORY"),
-        inLine3(R"("bri": {"capabilities": ["HW_LOG", "HW_LOG"]})",
-                "bri.capabilities[1]: \"HW_LOG\" is there twice"),
-        inLine3(R"("bmmi": {"capabilities": ["HereIAm"]})",
-                "bmmi.capabilities[0]: \"HereIAm\" is no capability; there are "
-                "SUPPORT_UNIT_FAULT_INDICATOR, HERE_I_AM, COMMON_MMI"),
-        inLine3(R"("bmmi": {"capabilities": ["HERE_I_AM", "HERE_I_AM"]})",
-                "bmmi.capabilities[1]: \"HERE_I_AM\" is there twice"),
-        inLine3(R"("temperature": {"sensors": "real"})",
-                "temperature.sensors: must be \"machine\" or \"simulated\", not \"real\""),
-        inLine3(R"("temperature": {"places": [{"chip": "c"}]})", "temperature.places[0].name: is missing"),
-        inLine3(R"("temperature": {"places": [{"name": ""}]})",
-                "temperature.places[0].name: must be a text that is no number"),
-        inLine3(R"("temperature": {"places": [{"name": "7"}]})",
-                "temperature.places[0].name: must be a text that is no number"),
-        inLine3(R"("temperature": {"places": [{"name": "a", "label": "l"}]})",
-                "temperature.places[0]: has a label and no chip that it is of"),
-        inLine3(R"("temperature": {"places": [{"name": "a"}, {"name": "a", "chip": "c"}]})",
-                "temperature.places[1]: \"a\" is there twice"),
-        inLine3(R"("temperature": {"places": [{"name": "a", "place": "b"}]})",
-                "temperature.places[0].place: is no known key; there are name, chip, label"),
-        inLine3(R"("temperature": {"places": [{"name": "a", "chip": 7}]})",
-                "temperature.places[0].chip: must be a text, not 7"),
-        inLine3(R"("bmmi": {"hereIAmMs": 0})",
-                "bmmi.hereIAmMs: must be a whole number from 1 to 86400000, not 0"),
-        inLine3(R"("bmmi": {"hereIAmMs": 86400001})",
-                "bmmi.hereIAmMs: must be a whole number from 1 to 86400000, not 86400001"),
-        inLine3(R"("bmmi": {"leds": [{"lamp": "group2", "led": "a"}]})",
-                "bmmi.leds[0].lamp: \"group2\" is no lamp; there are group0, group1, group3, group4, "
-                "supportUnit"),
-        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "colour": "off", "led": "a"}]})",
-                "bmmi.leds[0].colour: \"off\" is no colour of a lamp; there are green, yellow, red, blue, "
-                "white"),
-        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": ""}]})",
-                "bmmi.leds[0].led: is no name of an LED"),
-        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "../x"}]})",
-                "bmmi.leds[0].led: is no name of an LED"),
-        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a/b"}]})",
-                "bmmi.leds[0].led: is no name of an LED"),
-        inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a"}, {"lamp": "group3", "led": "a"}]})",
-                "bmmi.leds[1].led: \"a\" is there twice"),
-        inLine3(R"("hardwareLog": {"budgetBytes": 0})",
-                "hardwareLog.budgetBytes: must be a whole number from 1 to 65536, not 0"),
-        inLine3(R"("hardwareLog": {"budgetBytesOf": {"2": 65537}})",
-                "hardwareLog.budgetBytesOf.2: must be a whole number from 1 to 65536, not 65537"),
-        inLine3(R"("store": {"slots": 0})", "store.slots: must be a whole number from 1 to 64, not 0"),
-        inLine3(R"("store": {"blockBytes": 262001})",
-                "store.blockBytes: must be a whole number from 1 to 262000, not 262001"),
-        inLine3(R"("store": {"moduleBytes": 4294967296})",
-                "store.moduleBytes: must be a whole number from 1 to 4294967295, not 4294967296"),
-        inLine3(R"("store": {"preinstalled": {"number": "A_B", "revision": "R1"}})",
-                "store.preinstalled.number: must be made of letters, digits and \"-./\""),
-        inLine3(R"("store": {"preinstalled": {"number": "A", "revision": ""}})",
-                "store.preinstalled.revision: must be made of letters, digits and \"-.\"")));
+    inLine3(R"("bri": {"temperatureRanges": [{"lower": 3, "upper": 2, "hysteresis": 0}]})",
+            "bri.temperatureRanges[0].upper: is below the lower limit"),
+    inLine3(R"("bri": {"capabilities": ["UTC_TIME", "HWLOG"]})",
+            "bri.capabilities[1]: \"HWLOG\" is no capability; there are UTC_TIME, HW_LOG, "
+            "PRODUCT_INVENTORY, CONTAINER_PID, INTEGRATED_HW_CATEGORY_1, MARKET_PID, "
+            "EXTENDED_MARKET_PID, NOTIFY_RESTART, TEMPERATURE_LEVEL_MEASUREMENT, CLIMATE_CONTROL, "
+            "RESTART_NOTIFICATION, RESTART_RANK_LABEL, EVENT_HISTORY"),
+    inLine3(R"("bri": {"capabilities": ["HW_LOG", "HW_LOG"]})",
+            "bri.capabilities[1]: \"HW_LOG\" is there twice"),
+    inLine3(R"("bmmi": {"capabilities": ["HereIAm"]})",
+            "bmmi.capabilities[0]: \"HereIAm\" is no capability; there are "
+            "SUPPORT_UNIT_FAULT_INDICATOR, HERE_I_AM, COMMON_MMI"),
+    inLine3(R"("bmmi": {"capabilities": ["HERE_I_AM", "HERE_I_AM"]})",
+            "bmmi.capabilities[1]: \"HERE_I_AM\" is there twice"),
+    inLine3(R"("temperature": {"sensors": "real"})",
+            "temperature.sensors: must be \"machine\" or \"simulated\", not \"real\""),
+    inLine3(R"("temperature": {"places": [{"chip": "c"}]})", "temperature.places[0].name: is missing"),
+    inLine3(R"("temperature": {"places": [{"name": ""}]})",
+            "temperature.places[0].name: must be a text that is no number"),
+    inLine3(R"("temperature": {"places": [{"name": "7"}]})",
+            "temperature.places[0].name: must be a text that is no number"),
+    inLine3(R"("temperature": {"places": [{"name": "a", "label": "l"}]})",
+            "temperature.places[0]: has a label and no chip that it is of"),
+    inLine3(R"("temperature": {"places": [{"name": "a"}, {"name": "a", "chip": "c"}]})",
+            "temperature.places[1]: \"a\" is there twice"),
+    inLine3(R"("temperature": {"places": [{"name": "a", "place": "b"}]})",
+            "temperature.places[0].place: is no known key; there are name, chip, label"),
+    inLine3(R"("temperature": {"places": [{"name": "a", "chip": 7}]})",
+            "temperature.places[0].chip: must be a text, not 7"),
+    inLine3(R"("bmmi": {"hereIAmMs": 0})",
+            "bmmi.hereIAmMs: must be a whole number from 1 to 86400000, not 0"),
+    inLine3(R"("bmmi": {"hereIAmMs": 86400001})",
+            "bmmi.hereIAmMs: must be a whole number from 1 to 86400000, not 86400001"),
+    inLine3(R"("bmmi": {"leds": [{"lamp": "group2", "led": "a"}]})",
+            "bmmi.leds[0].lamp: \"group2\" is no lamp; there are group0, group1, group3, group4, "
+            "supportUnit"),
+    inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "colour": "off", "led": "a"}]})",
+            "bmmi.leds[0].colour: \"off\" is no colour of a lamp; there are green, yellow, red, blue, "
+            "white"),
+    inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": ""}]})", "bmmi.leds[0].led: is no name of an LED"),
+    inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "../x"}]})",
+            "bmmi.leds[0].led: is no name of an LED"),
+    inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a/b"}]})",
+            "bmmi.leds[0].led: is no name of an LED"),
+    inLine3(R"("bmmi": {"leds": [{"lamp": "group1", "led": "a"}, {"lamp": "group3", "led": "a"}]})",
+            "bmmi.leds[1].led: \"a\" is there twice"),
+    inLine3(R"("hardwareLog": {"budgetBytes": 0})",
+            "hardwareLog.budgetBytes: must be a whole number from 1 to 65536, not 0"),
+    inLine3(R"("hardwareLog": {"budgetBytesOf": {"2": 65537}})",
+            "hardwareLog.budgetBytesOf.2: must be a whole number from 1 to 65536, not 65537"),
+    inLine3(R"("store": {"slots": 0})", "store.slots: must be a whole number from 1 to 64, not 0"),
+    inLine3(R"("store": {"blockBytes": 262001})",
+            "store.blockBytes: must be a whole number from 1 to 262000, not 262001"),
+    inLine3(R"("store": {"moduleBytes": 4294967296})",
+            "store.moduleBytes: must be a whole number from 1 to 4294967295, not 4294967296"),
+    inLine3(R"("store": {"preinstalled": {"number": "A_B", "revision": "R1"}})",
+            "store.preinstalled.number: must be made of letters, digits and \"-./\""),
+    inLine3(R"("store": {"preinstalled": {"number": "A", "revision": ""}})",
+            "store.preinstalled.revision: must be made of letters, digits and \"-.\"")};
+TEST_ROWS(Ranges, BoardMistakeTest, rangesBoardMistakeRows);
 
-INSTANTIATE_TEST_SUITE_P(
-    Texts, BoardMistakeTest,
-    testing::Values(inLine3("\"product\": {\"name\": \"" + std::string(256, 'x') + "\"}",
-                            "product.name: is a text of 256 bytes, at most 255 are possible"),
-                    inLine3("\"capabilityText\": \"" + std::string(256, 'x') + "\"",
-                            "capabilityText: is a text of 256 bytes, at most 255 are possible"),
-                    inLine3(R"("product": {"name": "a\u0000b"})", "product.name: holds a control character"),
-                    inLine3(R"("product": {"name": "a\u007f"})", "product.name: holds a control character"),
-                    inLine3("\"temperature\": {\"places\": [{\"name\": \"" + std::string(32, 'x') + "\"}]}",
-                            "temperature.places[0].name: is a text of 32 bytes, at most 31 are possible"),
-                    inLine3(withModule(28, 1),
-                            "store.preinstalled.number: is a text of 28 bytes, at most 27 are possible"),
-                    inLine3(withModule(1, 16),
-                            "store.preinstalled.revision: is a text of 16 bytes, at most 15 are possible"),
-                    inLine3(withModule(27, 8),
-                            "store.preinstalled: number and revision have more than 34 bytes together")));
+const BoardMistakeRow textsBoardMistakeRows[] = {
+    inLine3("\"product\": {\"name\": \"" + std::string(256, 'x') + "\"}",
+            "product.name: is a text of 256 bytes, at most 255 are possible"),
+    inLine3("\"capabilityText\": \"" + std::string(256, 'x') + "\"",
+            "capabilityText: is a text of 256 bytes, at most 255 are possible"),
+    inLine3(R"("product": {"name": "a\u0000b"})", "product.name: holds a control character"),
+    inLine3(R"("product": {"name": "a\u007f"})", "product.name: holds a control character"),
+    inLine3("\"temperature\": {\"places\": [{\"name\": \"" + std::string(32, 'x') + "\"}]}",
+            "temperature.places[0].name: is a text of 32 bytes, at most 31 are possible"),
+    inLine3(withModule(28, 1), "store.preinstalled.number: is a text of 28 bytes, at most 27 are possible"),
+    inLine3(withModule(1, 16), "store.preinstalled.revision: is a text of 16 bytes, at most 15 are possible"),
+    inLine3(withModule(27, 8), "store.preinstalled: number and revision have more than 34 bytes together")};
+TEST_ROWS(Texts, BoardMistakeTest, textsBoardMistakeRows);
 
 TEST(BoardDescriptionTest, aPreinstalledModuleIsNamedLikeAnyOther)
 {

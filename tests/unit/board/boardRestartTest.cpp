@@ -1,4 +1,5 @@
 #include "brhdTest.h"
+#include "rowTest.h"
 
 namespace merlow::board::test {
 namespace {
@@ -232,22 +233,21 @@ void PrintTo(const BadOrderRow& row, std::ostream* out)
     *out << row.body << ": " << row.objection;
 }
 
-class BadRestartOrderTest : public BoardRestartTest, public testing::WithParamInterface<BadOrderRow> {};
+class BadRestartOrderTest : public BoardRestartTest, public WithRow<BadOrderRow> {};
 
-TEST_P(BadRestartOrderTest, isDropped)
+ROW_TEST(BadRestartOrderTest, isDropped)
 {
-    order(GetParam().body);
-    expectNoRestart(GetParam().objection);
+    order(row().body);
+    expectNoRestart(row().objection);
 }
 
-INSTANTIATE_TEST_SUITE_P(Orders, BadRestartOrderTest,
-                         testing::Values(BadOrderRow{"", "it has no code of 16 bits"},
-                                         BadOrderRow{"18808002 2802", "it has no code of 16 bits"},
-                                         BadOrderRow{"18fffffdffffffffffff01 2802",
-                                                     "it has no code of 16 bits"},
-                                         BadOrderRow{"189103 2200", "the board does not have its rank"},
-                                         BadOrderRow{"189103 2200 2806", "the board does not have its rank"},
-                                         BadOrderRow{"0a05", "does not parse"}));
+const BadOrderRow badOrderRows[] = {{"", "it has no code of 16 bits"},
+                                    {"18808002 2802", "it has no code of 16 bits"},
+                                    {"18fffffdffffffffffff01 2802", "it has no code of 16 bits"},
+                                    {"189103 2200", "the board does not have its rank"},
+                                    {"189103 2200 2806", "the board does not have its rank"},
+                                    {"0a05", "does not parse"}};
+TEST_ROWS(Orders, BadRestartOrderTest, badOrderRows);
 
 TEST_F(BoardRestartTest, textsWithoutEndAreCutAndNamesOfModulesRefused)
 {

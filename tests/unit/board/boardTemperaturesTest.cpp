@@ -2,6 +2,7 @@
 
 #include "brhdTest.h"
 #include "hwmon.h"
+#include "rowTest.h"
 
 #include <filesystem>
 #include <fstream>
@@ -423,50 +424,32 @@ struct MeasurementRejectRow {
     const char* answer;
 };
 
-void PrintTo(const MeasurementRejectRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MeasurementRejectTest : public BoardTemperaturesTest, public WithRow<MeasurementRejectRow> {};
 
-class MeasurementRejectTest : public BoardTemperaturesTest,
-                              public testing::WithParamInterface<MeasurementRejectRow> {};
-
-TEST_P(MeasurementRejectTest, namesItsCauseAndChangesNothing)
+ROW_TEST(MeasurementRejectTest, namesItsCauseAndChangesNothing)
 {
     receive(briMailbox, stranger, "0170772d 00000065 00000065 0801");
     receive(briMailbox, stranger, "01707742 00000007 00000002 080a"); // reference 1, not the client's
     m_outbox.takeSent();
     EXPECT_EQ(ask("01707742 00000007 00000001 0802"), "01707743 00000007 00000064 0802");
     const json before = statusAt("/bri/measurements");
-    EXPECT_EQ(ask(GetParam().request), GetParam().answer);
+    EXPECT_EQ(ask(row().request), row().answer);
     EXPECT_EQ(statusAt("/bri/measurements"), before);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Causes, MeasurementRejectTest,
-    testing::Values(MeasurementRejectRow{"startWithPeriod0", "01707742 00000007 00000001 0800",
-                                         "01707744 00000007 00000064 0800"},
-                    MeasurementRejectRow{"startWithPeriod31", "01707742 00000007 00000001 081f",
-                                         "01707744 00000007 00000064 0800"},
-                    MeasurementRejectRow{"startWithoutPeriod", "01707742 00000007 00000001",
-                                         "01707744 00000007 00000064 0800"},
-                    MeasurementRejectRow{"restartWithPeriod0", "0170776a 00000007 00000001 08021000",
-                                         "0170776c 00000007 00000064 0800"},
-                    MeasurementRejectRow{"restartWithPeriod255", "0170776a 00000007 00000001 080210ff01",
-                                         "0170776c 00000007 00000064 0800"},
-                    MeasurementRejectRow{"restartOfNothing", "0170776a 00000007 00000001 08031005",
-                                         "0170776c 00000007 00000064 0802"},
-                    MeasurementRejectRow{"restartOfAStrangers", "0170776a 00000007 00000001 08011005",
-                                         "0170776c 00000007 00000064 0802"},
-                    MeasurementRejectRow{"restartWithoutReference", "0170776a 00000007 00000001 1005",
-                                         "0170776c 00000007 00000064 0802"},
-                    MeasurementRejectRow{"stopOfNothing", "01707745 00000007 00000001 0803",
-                                         "01707747 00000007 00000064 0800"},
-                    MeasurementRejectRow{"stopOfAStrangers", "01707745 00000007 00000001 0801",
-                                         "01707747 00000007 00000064 0800"},
-                    MeasurementRejectRow{"stopWithoutReference", "01707745 00000007 00000001",
-                                         "01707747 00000007 00000064 0800"}),
-    [](const auto& row) { return row.param.name; });
+const MeasurementRejectRow measurementRejectRows[] = {
+    {"startWithPeriod0", "01707742 00000007 00000001 0800", "01707744 00000007 00000064 0800"},
+    {"startWithPeriod31", "01707742 00000007 00000001 081f", "01707744 00000007 00000064 0800"},
+    {"startWithoutPeriod", "01707742 00000007 00000001", "01707744 00000007 00000064 0800"},
+    {"restartWithPeriod0", "0170776a 00000007 00000001 08021000", "0170776c 00000007 00000064 0800"},
+    {"restartWithPeriod255", "0170776a 00000007 00000001 080210ff01", "0170776c 00000007 00000064 0800"},
+    {"restartOfNothing", "0170776a 00000007 00000001 08031005", "0170776c 00000007 00000064 0802"},
+    {"restartOfAStrangers", "0170776a 00000007 00000001 08011005", "0170776c 00000007 00000064 0802"},
+    {"restartWithoutReference", "0170776a 00000007 00000001 1005", "0170776c 00000007 00000064 0802"},
+    {"stopOfNothing", "01707745 00000007 00000001 0803", "01707747 00000007 00000064 0800"},
+    {"stopOfAStrangers", "01707745 00000007 00000001 0801", "01707747 00000007 00000064 0800"},
+    {"stopWithoutReference", "01707745 00000007 00000001", "01707747 00000007 00000064 0800"}};
+TEST_ROWS(Causes, MeasurementRejectTest, measurementRejectRows);
 
 TEST_F(BoardTemperaturesTest, oneConnectionHasOnlySoManyMeasurements)
 {

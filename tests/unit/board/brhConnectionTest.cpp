@@ -1,5 +1,6 @@
 /// Connections of both servers of brhd, whatever travels on them.
 #include "brhdTest.h"
+#include "rowTest.h"
 
 #include <random>
 
@@ -21,16 +22,11 @@ struct Interface {
     std::string capabilitiesCfm;
 };
 
-void PrintTo(const Interface& interface, std::ostream* out)
-{
-    *out << interface.name;
-}
-
-class BrhConnectionTest : public BrhdTest, public testing::WithParamInterface<Interface> {
+class BrhConnectionTest : public BrhdTest, public WithRow<Interface> {
 protected:
     BrhConnectionTest() : BrhdTest({{{1, 2, 5}, 3}, {{1, 2, 5}, 3}}) {}
 
-    const Interface& of() const { return GetParam(); }
+    const Interface& of() const { return row(); }
     MailboxId server() const { return of().mailbox; }
     std::string kind(const char* message) const { return std::string(of().name) + "::" + message; }
 
@@ -44,7 +40,7 @@ protected:
     nlohmann::json status() const { return m_brhd.status().at(of().name); }
 };
 
-TEST_P(BrhConnectionTest, theConfirmTellsTheServersReference)
+ROW_TEST(BrhConnectionTest, theConfirmTellsTheServersReference)
 {
     EXPECT_EQ(connect(client, "00000064"), of().establishCfm + " 00000064 00000001 0801");
     EXPECT_THAT(m_outbox.watched, ElementsAre(client));
@@ -52,7 +48,7 @@ TEST_P(BrhConnectionTest, theConfirmTellsTheServersReference)
     EXPECT_EQ(status()["connections"][0]["clientRef"], 100);
 }
 
-TEST_P(BrhConnectionTest, theHighestCommonRevisionIsSelected)
+ROW_TEST(BrhConnectionTest, theHighestCommonRevisionIsSelected)
 {
     EXPECT_EQ(connect(client, "00000001", "08010803080508020804"),
               of().establishCfm + " 00000001 00000001 0805");
@@ -61,7 +57,7 @@ TEST_P(BrhConnectionTest, theHighestCommonRevisionIsSelected)
         << "packed, as some encoders write it";
 }
 
-TEST_P(BrhConnectionTest, withoutACommonRevisionItIsRejected)
+ROW_TEST(BrhConnectionTest, withoutACommonRevisionItIsRejected)
 {
     for (const char* revisions : {"0803", "", "0800", "080308040806"}) {
         EXPECT_EQ(connect(client, "00000064", revisions), of().establishRej + " 00000064 00000064 0801");
@@ -69,7 +65,7 @@ TEST_P(BrhConnectionTest, withoutACommonRevisionItIsRejected)
     EXPECT_THAT(status()["connections"], IsEmpty());
 }
 
-TEST_P(BrhConnectionTest, beyondTheLimitItIsRejected)
+ROW_TEST(BrhConnectionTest, beyondTheLimitItIsRejected)
 {
     for (const char* clientRef : {"00000001", "00000002", "00000003"}) {
         connect(client, clientRef);
@@ -81,20 +77,20 @@ TEST_P(BrhConnectionTest, beyondTheLimitItIsRejected)
     EXPECT_EQ(connect(stranger, "00000004"), of().establishCfm + " 00000004 00000005 0801");
 }
 
-TEST_P(BrhConnectionTest, whatCannotBeWatchedIsNotConnected)
+ROW_TEST(BrhConnectionTest, whatCannotBeWatchedIsNotConnected)
 {
     m_outbox.canWatch = false;
     EXPECT_EQ(connect(client, "00000004"), of().establishRej + " 00000004 00000004 0802");
     EXPECT_THAT(status()["connections"], IsEmpty());
 }
 
-TEST_P(BrhConnectionTest, theRejectEchoesTheProcedureAndAddressesTheClient)
+ROW_TEST(BrhConnectionTest, theRejectEchoesTheProcedureAndAddressesTheClient)
 {
     receive(server(), client, of().establishReq + "00000007 00000064 0809");
     EXPECT_EQ(m_outbox.takeOne(), of().establishRej + " 00000007 00000064 0801");
 }
 
-TEST_P(BrhConnectionTest, theSameClientAgainReplacesItsConnection)
+ROW_TEST(BrhConnectionTest, theSameClientAgainReplacesItsConnection)
 {
     connect(client, "00000064");
     EXPECT_EQ(connect(client, "00000064"), of().establishCfm + " 00000064 00000002 0801");
@@ -103,7 +99,7 @@ TEST_P(BrhConnectionTest, theSameClientAgainReplacesItsConnection)
     expectSilence("no connection with the reference 1");
 }
 
-TEST_P(BrhConnectionTest, aRefusedRepetitionLeavesTheConnectionAsItIs)
+ROW_TEST(BrhConnectionTest, aRefusedRepetitionLeavesTheConnectionAsItIs)
 {
     connect(client, "00000064");
     EXPECT_EQ(connect(client, "00000064", "0803"), of().establishRej + " 00000064 00000064 0801");
@@ -111,7 +107,7 @@ TEST_P(BrhConnectionTest, aRefusedRepetitionLeavesTheConnectionAsItIs)
                 testing::StartsWith(of().capabilitiesCfm + " 00000001 00000064"));
 }
 
-TEST_P(BrhConnectionTest, oneMailboxMayHoldSeveralAndOneReferenceMayComeFromSeveral)
+ROW_TEST(BrhConnectionTest, oneMailboxMayHoldSeveralAndOneReferenceMayComeFromSeveral)
 {
     EXPECT_EQ(connect(client, "00000064"), of().establishCfm + " 00000064 00000001 0801");
     EXPECT_EQ(connect(client, "00000065"), of().establishCfm + " 00000065 00000002 0801");
@@ -121,7 +117,7 @@ TEST_P(BrhConnectionTest, oneMailboxMayHoldSeveralAndOneReferenceMayComeFromSeve
     EXPECT_EQ(status()["connections"][0]["ref"], 3);
 }
 
-TEST_P(BrhConnectionTest, aRequestCountsOnlyOnItsOwnConnection)
+ROW_TEST(BrhConnectionTest, aRequestCountsOnlyOnItsOwnConnection)
 {
     connect(client, "00000064");
     const std::string request = of().capabilitiesReq + "00000001";
@@ -136,7 +132,7 @@ TEST_P(BrhConnectionTest, aRequestCountsOnlyOnItsOwnConnection)
     EXPECT_EQ(status()["wrongReferences"], 4);
 }
 
-TEST_P(BrhConnectionTest, cutFramesAreDropped)
+ROW_TEST(BrhConnectionTest, cutFramesAreDropped)
 {
     connect(client, "00000064");
     for (const std::string& number : {of().establishReq, of().capabilitiesReq}) {
@@ -149,7 +145,7 @@ TEST_P(BrhConnectionTest, cutFramesAreDropped)
     EXPECT_EQ(status()["cutFrames"], 16);
 }
 
-TEST_P(BrhConnectionTest, bodiesThatDoNotParseAreDropped)
+ROW_TEST(BrhConnectionTest, bodiesThatDoNotParseAreDropped)
 {
     connect(client, "00000064");
     for (const std::string& number : {of().establishReq, of().capabilitiesReq}) {
@@ -162,7 +158,7 @@ TEST_P(BrhConnectionTest, bodiesThatDoNotParseAreDropped)
     EXPECT_THAT(status()["connections"], SizeIs(1));
 }
 
-TEST_P(BrhConnectionTest, unknownFramesAreDropped)
+ROW_TEST(BrhConnectionTest, unknownFramesAreDropped)
 {
     connect(client, "00000064");
     for (const std::string& number :
@@ -174,7 +170,7 @@ TEST_P(BrhConnectionTest, unknownFramesAreDropped)
     EXPECT_EQ(status()["unknownFrames"], 7);
 }
 
-TEST_P(BrhConnectionTest, randomContentLeavesTheServerServing)
+ROW_TEST(BrhConnectionTest, randomContentLeavesTheServerServing)
 {
     connect(client, "00000064");
     std::mt19937 engine(20261121);
@@ -201,7 +197,7 @@ TEST_P(BrhConnectionTest, randomContentLeavesTheServerServing)
     EXPECT_TRUE(connect(client, "00000064").starts_with(of().establishCfm));
 }
 
-TEST_P(BrhConnectionTest, noLineIsBuiltWhenItsLevelIsOff)
+ROW_TEST(BrhConnectionTest, noLineIsBuiltWhenItsLevelIsOff)
 {
     m_outbox.logsOn = false;
     connect(client, "00000064");
@@ -210,7 +206,7 @@ TEST_P(BrhConnectionTest, noLineIsBuiltWhenItsLevelIsOff)
     EXPECT_THAT(m_outbox.logged, IsEmpty());
 }
 
-TEST_P(BrhConnectionTest, aPlannedRefusalCarriesItsCauseAndHappensOnce)
+ROW_TEST(BrhConnectionTest, aPlannedRefusalCarriesItsCauseAndHappensOnce)
 {
     EXPECT_EQ(
         plan("refuse", kind("ConnEstablishReq"), {{"cause", "MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"}}).result,
@@ -228,7 +224,7 @@ TEST_P(BrhConnectionTest, aPlannedRefusalCarriesItsCauseAndHappensOnce)
     EXPECT_EQ(status()["rejected"][kind("GetCapabilitiesReq")], 2);
 }
 
-TEST_P(BrhConnectionTest, aDroppedConfirmLeavesTheConnection)
+ROW_TEST(BrhConnectionTest, aDroppedConfirmLeavesTheConnection)
 {
     plan("drop", kind("ConnEstablishReq"));
     receive(server(), client, of().establishReq + "00000064 00000064 0801");
@@ -237,7 +233,7 @@ TEST_P(BrhConnectionTest, aDroppedConfirmLeavesTheConnection)
     EXPECT_EQ(status()["dropped"][kind("ConnEstablishReq")], 1);
 }
 
-TEST_P(BrhConnectionTest, aDelayedAnswerGoesOutLater)
+ROW_TEST(BrhConnectionTest, aDelayedAnswerGoesOutLater)
 {
     connect(client, "00000064");
     plan("delay", kind("GetCapabilitiesReq"), {{"ms", 250}});
@@ -250,7 +246,7 @@ TEST_P(BrhConnectionTest, aDelayedAnswerGoesOutLater)
     EXPECT_TRUE(sent[0].text.starts_with(of().capabilitiesCfm));
 }
 
-TEST_P(BrhConnectionTest, aMalformedRequestUsesNoPlanUp)
+ROW_TEST(BrhConnectionTest, aMalformedRequestUsesNoPlanUp)
 {
     connect(client, "00000064");
     plan("drop", kind("GetCapabilitiesReq"));
@@ -259,7 +255,7 @@ TEST_P(BrhConnectionTest, aMalformedRequestUsesNoPlanUp)
     EXPECT_THAT(m_brhd.status()["plans"], SizeIs(1));
 }
 
-TEST_P(BrhConnectionTest, losingTheServerReopensItsMailbox)
+ROW_TEST(BrhConnectionTest, losingTheServerReopensItsMailbox)
 {
     connect(client, "00000064");
     const auto answer = m_brhd.lose(of().name, std::nullopt);
@@ -271,13 +267,13 @@ TEST_P(BrhConnectionTest, losingTheServerReopensItsMailbox)
                                                        of().establishCfm + " 00000064 00000002 0801"}}));
 }
 
-TEST_P(BrhConnectionTest, aServerThatDoesNotComeBackIsRefused)
+ROW_TEST(BrhConnectionTest, aServerThatDoesNotComeBackIsRefused)
 {
     m_outbox.nextMailbox = noMailbox;
     EXPECT_EQ(m_brhd.lose(of().name, std::nullopt).result, ControlAnswer::Result::refused);
 }
 
-TEST_P(BrhConnectionTest, oneConnectionCanBeLost)
+ROW_TEST(BrhConnectionTest, oneConnectionCanBeLost)
 {
     connect(client, "00000064");
     connect(client, "00000065");
@@ -287,12 +283,10 @@ TEST_P(BrhConnectionTest, oneConnectionCanBeLost)
     EXPECT_THAT(m_outbox.reopened, IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Interfaces, BrhConnectionTest,
-                         testing::Values(Interface{"bri", briMailbox, "0170772d", "0170772e", "0170772f",
-                                                   "01707730", "01707731"},
-                                         Interface{"bmmi", bmmiMailbox, "01707570", "01707571", "01707572",
-                                                   "0170757d", "0170757e"}),
-                         [](const auto& of) { return std::string(of.param.name); });
+const Interface interfaces[] = {
+    {"bri", briMailbox, "0170772d", "0170772e", "0170772f", "01707730", "01707731"},
+    {"bmmi", bmmiMailbox, "01707570", "01707571", "01707572", "0170757d", "0170757e"}};
+TEST_ROWS(Interfaces, BrhConnectionTest, interfaces);
 
 } // namespace
 } // namespace merlow::board::test

@@ -1,6 +1,7 @@
 #include "brhdTest.h"
 #include "brhFrame.h"
 #include "briDescription.h"
+#include "rowTest.h"
 
 namespace merlow::board::test {
 namespace {
@@ -61,25 +62,25 @@ void PrintTo(const AnnouncedRow& row, std::ostream* out)
     *out << row.body;
 }
 
-class BriAnnouncementTest : public testing::TestWithParam<AnnouncedRow> {};
+class BriAnnouncementTest : public testing::Test, public WithRow<AnnouncedRow> {};
 
-TEST_P(BriAnnouncementTest, followsTheDescription)
+ROW_TEST(BriAnnouncementTest, followsTheDescription)
 {
     BoardDescription board;
-    board.bri = {GetParam().capabilities, {{-1, 2, 3}}, {}};
-    board.restart.ranks = GetParam().ranks;
+    board.bri = {row().capabilities, {{-1, 2, 3}}, {}};
+    board.restart.ranks = row().ranks;
     EXPECT_EQ(textOf(encodeFrame(0x1707731, 5, 0x64, briCapabilitiesOf(board))),
-              textOf(messageFrom("01707731 00000005 00000064" + GetParam().body)));
+              textOf(messageFrom("01707731 00000005 00000064" + row().body)));
 }
 
 const std::string theRange = "120f08ffffffffffffffffff0110021803"; // -1 to 2, 3
 
-INSTANTIATE_TEST_SUITE_P(Boards, BriAnnouncementTest,
-                         testing::Values(AnnouncedRow{{12, 0}, {1}, "080c0800" + theRange + "2001"},
-                                         AnnouncedRow{{}, {2, 3}, theRange + "2006"},
-                                         AnnouncedRow{{}, {4}, theRange + "2010"},
-                                         AnnouncedRow{{}, {5}, theRange + "2008"},
-                                         AnnouncedRow{{}, {}, theRange + "2000"}));
+const AnnouncedRow announcedRows[] = {{{12, 0}, {1}, "080c0800" + theRange + "2001"},
+                                      {{}, {2, 3}, theRange + "2006"},
+                                      {{}, {4}, theRange + "2010"},
+                                      {{}, {5}, theRange + "2008"},
+                                      {{}, {}, theRange + "2000"}};
+TEST_ROWS(Boards, BriAnnouncementTest, announcedRows);
 
 TEST(BriDescriptionTest, whatTheBoardDoesNotTellIsAbsent)
 {

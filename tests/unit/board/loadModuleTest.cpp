@@ -1,4 +1,5 @@
 #include "loadModule.h"
+#include "rowTest.h"
 
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -85,12 +86,7 @@ struct BrokenModuleRow {
     const char* error;
 };
 
-void PrintTo(const BrokenModuleRow& row, std::ostream* out)
-{
-    *out << row.what;
-}
-
-class BrokenLoadModuleTest : public testing::TestWithParam<BrokenModuleRow> {};
+class BrokenLoadModuleTest : public testing::Test, public WithRow<BrokenModuleRow> {};
 
 const BrokenModuleRow brokenModules[] = {
     {"nothing", 0, 0x4d, 0, "it ends within the header, after 0 bytes of 96"},
@@ -111,12 +107,12 @@ const BrokenModuleRow brokenModules[] = {
     {"otherContent", 98, 'd', 99, "its SHA-256 is not that of its header"},
 };
 
-TEST_P(BrokenLoadModuleTest, isFoundHoweverItIsCut)
+ROW_TEST(BrokenLoadModuleTest, isFoundHoweverItIsCut)
 {
     Pieces bytes = bytesOfHex(abcModule);
-    bytes.resize(std::max<std::size_t>(bytes.size(), GetParam().at + 1));
-    bytes[GetParam().at] = static_cast<std::byte>(GetParam().value);
-    bytes.resize(GetParam().size);
+    bytes.resize(std::max<std::size_t>(bytes.size(), row().at + 1));
+    bytes[row().at] = static_cast<std::byte>(row().value);
+    bytes.resize(row().size);
     for (const std::size_t step : {std::size_t{1}, std::size_t{7}, std::size_t{97}, std::size_t{200}}) {
         LoadModuleCheck check(abcId);
         bool good = true;
@@ -125,12 +121,11 @@ TEST_P(BrokenLoadModuleTest, isFoundHoweverItIsCut)
         }
         EXPECT_TRUE(good == check.error().empty());
         EXPECT_FALSE(check.finish());
-        EXPECT_EQ(check.error(), GetParam().error) << step;
+        EXPECT_EQ(check.error(), row().error) << step;
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, BrokenLoadModuleTest, testing::ValuesIn(brokenModules),
-                         [](const auto& row) { return row.param.what; });
+TEST_ROWS(All, BrokenLoadModuleTest, brokenModules, [](const auto& row) { return row.what; });
 
 TEST(LoadModuleTest, aWholeOneIsRightHoweverItIsCut)
 {

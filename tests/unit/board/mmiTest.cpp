@@ -1,6 +1,7 @@
 // What MMI users do: the maintenance state, the lamps, Here I Am.
 
 #include "brhdTest.h"
+#include "rowTest.h"
 #include "statusText.h"
 
 #include <cstdlib>
@@ -160,61 +161,53 @@ struct SubscriptionRow {
     const char* count;
 };
 
-void PrintTo(const SubscriptionRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MmiSubscriptionTest : public MmiTest, public WithRow<SubscriptionRow> {};
 
-class MmiSubscriptionTest : public MmiTest, public testing::WithParamInterface<SubscriptionRow> {};
-
-TEST_P(MmiSubscriptionTest, needsAUserOfItsConnection)
+ROW_TEST(MmiSubscriptionTest, needsAUserOfItsConnection)
 {
     for (const char* body : {"0802", "0800", ""}) {
-        EXPECT_EQ(ask(std::string(GetParam().request) + " 00000007 00000001" + body),
-                  std::string(GetParam().reject) + " 00000007 00000065");
+        EXPECT_EQ(ask(std::string(row().request) + " 00000007 00000001" + body),
+                  std::string(row().reject) + " 00000007 00000065");
     }
-    EXPECT_EQ(statusAt(GetParam().count), 0);
+    EXPECT_EQ(statusAt(row().count), 0);
 }
 
-TEST_P(MmiSubscriptionTest, endsWithItsUser)
+ROW_TEST(MmiSubscriptionTest, endsWithItsUser)
 {
-    subscribeBoth(GetParam().request);
-    EXPECT_EQ(statusAt(GetParam().count), 2);
+    subscribeBoth(row().request);
+    EXPECT_EQ(statusAt(row().count), 2);
     ask("01707583 00000009 00000001 0801");
-    EXPECT_EQ(statusAt(GetParam().count), 1);
+    EXPECT_EQ(statusAt(row().count), 1);
     ask("01707583 00000009 00000001 0802"); // of the other connection
-    EXPECT_EQ(statusAt(GetParam().count), 1);
+    EXPECT_EQ(statusAt(row().count), 1);
 }
 
-TEST_P(MmiSubscriptionTest, endsWithItsConnection)
+ROW_TEST(MmiSubscriptionTest, endsWithItsConnection)
 {
-    subscribeBoth(GetParam().request);
+    subscribeBoth(row().request);
     m_brhd.mailboxGone(client);
-    EXPECT_EQ(statusAt(GetParam().count), 1);
+    EXPECT_EQ(statusAt(row().count), 1);
     receive(bmmiMailbox, other, "01707570 00000066 00000066 0801"); // it establishes anew
-    EXPECT_EQ(statusAt(GetParam().count), 0);
+    EXPECT_EQ(statusAt(row().count), 0);
 }
 
-TEST_P(MmiSubscriptionTest, hasItsLimitOnEachConnection)
+ROW_TEST(MmiSubscriptionTest, hasItsLimitOnEachConnection)
 {
-    const std::string request = GetParam().request;
+    const std::string request = row().request;
     for (unsigned ref = 0; ref < 4096; ++ref) {
         const std::string digits = std::to_string(10'000 + ref); // as good as any reference
         receive(bmmiMailbox, client, request + " 000" + digits + " 00000001 0801");
     }
     m_outbox.takeSent();
-    EXPECT_EQ(statusAt(GetParam().count), 4096);
-    EXPECT_EQ(ask(request + " 00000001 00000001 0801"),
-              std::string(GetParam().reject) + " 00000001 00000065");
+    EXPECT_EQ(statusAt(row().count), 4096);
+    EXPECT_EQ(ask(request + " 00000001 00000001 0801"), std::string(row().reject) + " 00000001 00000065");
     EXPECT_EQ(sentFor(other, request + " 00000007 00000002 0802").size(), 2u);
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MmiSubscriptionTest,
-                         testing::Values(SubscriptionRow{"maintenanceState", "01707577", "01707579",
-                                                         "/bmmi/maintenance/subscribers"},
-                                         SubscriptionRow{"hereIAm", "0170758f", "01707591",
-                                                         "/bmmi/hereIAm/subscribers"}),
-                         [](const auto& row) { return row.param.name; });
+const SubscriptionRow subscriptionRows[] = {
+    {"maintenanceState", "01707577", "01707579", "/bmmi/maintenance/subscribers"},
+    {"hereIAm", "0170758f", "01707591", "/bmmi/hereIAm/subscribers"}};
+TEST_ROWS(all, MmiSubscriptionTest, subscriptionRows);
 
 /// A visual state, what is read once it is set, and its lamp in the row.
 struct VisualRow {
@@ -228,42 +221,42 @@ void PrintTo(const VisualRow& row, std::ostream* out)
     *out << row.state;
 }
 
-class MmiLampTest : public MmiTest, public testing::WithParamInterface<VisualRow> {};
+class MmiLampTest : public MmiTest, public WithRow<VisualRow> {};
 
-TEST_P(MmiLampTest, isSetAndReadBack)
+ROW_TEST(MmiLampTest, isSetAndReadBack)
 {
     std::string set = "01707586 00000002 00000001 08011000";
     const std::string digits = "0123456789abcdef";
-    set[set.size() - 2] = digits.at(GetParam().state >> 4U);
-    set[set.size() - 1] = digits.at(GetParam().state & 0xFU);
+    set[set.size() - 2] = digits.at(row().state >> 4U);
+    set[set.size() - 1] = digits.at(row().state & 0xFU);
     EXPECT_EQ(ask(set), "01707587 00000002 00000065");
     EXPECT_EQ(ask("01707589 00000003 00000001 0801"),
-              std::string("0170758a 00000003 00000065 ") + GetParam().read);
+              std::string("0170758a 00000003 00000065 ") + row().read);
     const auto lamps = serveControl(m_brhd, {{"command", "leds"}}).data;
-    EXPECT_THAT(ledsText(lamps, false), HasSubstr(GetParam().lamp));
+    EXPECT_THAT(ledsText(lamps, false), HasSubstr(row().lamp));
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MmiLampTest,
-                         testing::Values(VisualRow{1, "08021005 18022001", "group1 (*) green   "},
-                                         VisualRow{2, "08021006 18022001", "group1 (*) green flashing"},
-                                         VisualRow{3, "08021001 18022001", "group1 (*) yellow   "},
-                                         VisualRow{4, "08021002 18022001", "group1 (*) yellow flashing"},
-                                         VisualRow{5, "08021003 18022001", "group1 (*) red   "},
-                                         VisualRow{6, "08021003 18022001", "group1 (*) red flashing"},
-                                         VisualRow{7, "08021004 18022001", "group1 (*) blue   "},
-                                         VisualRow{8, "08021004 18022001", "group1 (*) blue flashing"},
-                                         VisualRow{9, "08021005 18022001", "group4 ( ) off"},
-                                         VisualRow{10, "08011005 18022001", "group4 (*) green   "},
-                                         VisualRow{11, "08021005 18022001", "group3 ( ) off"},
-                                         VisualRow{12, "08021005 18012001", "group3 (*) green   "},
-                                         VisualRow{13, "08021005 18042001", "group3 (*) yellow   "},
-                                         VisualRow{14, "08021005 18042001", "group3 (*) yellow flashing"},
-                                         VisualRow{15, "08021005 18032001", "group3 (*) red   "},
-                                         VisualRow{16, "08021005 18032001", "group3 (*) red flashing"},
-                                         VisualRow{17, "08021005 18022001", "supportUnit ( ) off\n"},
-                                         VisualRow{18, "08021005 18022002", "supportUnit (*) red\n"},
-                                         VisualRow{19, "08021005 18022001", "group0 ( ) off"},
-                                         VisualRow{20, "08021005 18022001", "group0 (*) white   "}));
+const VisualRow visualRows[] = {{1, "08021005 18022001", "group1 (*) green   "},
+                                {2, "08021006 18022001", "group1 (*) green flashing"},
+                                {3, "08021001 18022001", "group1 (*) yellow   "},
+                                {4, "08021002 18022001", "group1 (*) yellow flashing"},
+                                {5, "08021003 18022001", "group1 (*) red   "},
+                                {6, "08021003 18022001", "group1 (*) red flashing"},
+                                {7, "08021004 18022001", "group1 (*) blue   "},
+                                {8, "08021004 18022001", "group1 (*) blue flashing"},
+                                {9, "08021005 18022001", "group4 ( ) off"},
+                                {10, "08011005 18022001", "group4 (*) green   "},
+                                {11, "08021005 18022001", "group3 ( ) off"},
+                                {12, "08021005 18012001", "group3 (*) green   "},
+                                {13, "08021005 18042001", "group3 (*) yellow   "},
+                                {14, "08021005 18042001", "group3 (*) yellow flashing"},
+                                {15, "08021005 18032001", "group3 (*) red   "},
+                                {16, "08021005 18032001", "group3 (*) red flashing"},
+                                {17, "08021005 18022001", "supportUnit ( ) off\n"},
+                                {18, "08021005 18022002", "supportUnit (*) red\n"},
+                                {19, "08021005 18022001", "group0 ( ) off"},
+                                {20, "08021005 18022001", "group0 (*) white   "}};
+TEST_ROWS(all, MmiLampTest, visualRows);
 
 TEST_F(MmiTest, lampsAreForUsersAndKeepTheirStates)
 {

@@ -1,6 +1,7 @@
 // The power fails at each moment of what brhd and swmd do on their disk.
 
 #include "powerCut.h"
+#include "rowTest.h"
 
 #include "diskFiles.h"
 #include "fakeOutbox.h"
@@ -293,11 +294,11 @@ TEST_F(SwStorePowerCutTest, eachModuleIsWholeOrGoneAndWhatIsCleanedIsTold)
 
 // The restart order, which brhd hands over to swmd
 
-class RestartOrderPowerCutTest : public PowerCutTest, public testing::WithParamInterface<bool> {
+class RestartOrderPowerCutTest : public PowerCutTest, public WithRow<bool> {
 protected:
     RestartOrderPowerCutTest()
     {
-        m_isInRunFolder = GetParam();
+        m_isInRunFolder = row();
         if (m_isInRunFolder) {
             unsetenv("MERLOW_STATE_DIR");
         }
@@ -328,7 +329,7 @@ protected:
     }
 };
 
-TEST_P(RestartOrderPowerCutTest, theOldOrderOrTheNewOneIsThere)
+ROW_TEST(RestartOrderPowerCutTest, theOldOrderOrTheNewOneIsThere)
 {
     std::vector<std::string> states{"none"};
     const auto acknowledge = [&](const char* state) {
@@ -359,7 +360,7 @@ TEST_P(RestartOrderPowerCutTest, theOldOrderOrTheNewOneIsThere)
     });
 }
 
-TEST_P(RestartOrderPowerCutTest, anOrderThatCannotBeKeptIsNotThere)
+ROW_TEST(RestartOrderPowerCutTest, anOrderThatCannotBeKeptIsNotThere)
 {
     for (const bool hasOld : {true, false}) {
         int failed = 0;
@@ -382,8 +383,9 @@ TEST_P(RestartOrderPowerCutTest, anOrderThatCannotBeKeptIsNotThere)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Folders, RestartOrderPowerCutTest, testing::Bool(),
-                         [](const auto& row) { return row.param ? "inRunFolder" : "chosen"; });
+const bool inRunFolder[] = {false, true};
+TEST_ROWS(Folders, RestartOrderPowerCutTest, inRunFolder,
+          [](const auto& row) { return row ? "inRunFolder" : "chosen"; });
 
 } // namespace
 } // namespace merlow::board::test

@@ -1,4 +1,5 @@
 #include "diskFiles.h"
+#include "rowTest.h"
 #include "sqliteInventory.h"
 #include "swmdTest.h"
 
@@ -183,12 +184,7 @@ struct DamagedDiskRow {
     const char* said;
 };
 
-void PrintTo(const DamagedDiskRow& row, std::ostream* out)
-{
-    *out << row.what;
-}
-
-class DamagedSwStoreTest : public SwStoreTest, public testing::WithParamInterface<DamagedDiskRow> {};
+class DamagedSwStoreTest : public SwStoreTest, public WithRow<DamagedDiskRow> {};
 
 const DamagedDiskRow damagedDisks[] = {
     {"fileGone", [](MemoryDisk& disk) { disk.files.files.erase("QXR2_R1A.lm"); },
@@ -212,24 +208,23 @@ const DamagedDiskRow damagedDisks[] = {
      "dropped QXR3_R1A: it is in slot 2 too"},
 };
 
-TEST_P(DamagedSwStoreTest, losesTheModuleAndSaysSo)
+ROW_TEST(DamagedSwStoreTest, losesTheModuleAndSaysSo)
 {
     EXPECT_TRUE(loadInto(open(), "QXR2_R1A", "a"));
     EXPECT_TRUE(loadInto(*m_store, "QXR3_R1A", "b"));
     m_disk.files.files["notes.txt"] = std::make_shared<MemoryFiles::Content>();
     open({2, softwareOf("QXR1_R1A"), softwareOf("QXR2_R1A")});
-    GetParam().damage(m_disk);
+    row().damage(m_disk);
     EXPECT_EQ(contentOf(open()), "0 QXR1_R1A running\n2 QXR3_R1A\n");
     EXPECT_EQ(m_openError, "");
     ASSERT_THAT(m_said, testing::Not(IsEmpty()));
-    EXPECT_EQ(m_said.front(), GetParam().said);
+    EXPECT_EQ(m_said.front(), row().said);
     EXPECT_THAT(fileNames(), ElementsAre("QXR3_R1A.lm", "notes.txt"));
     open();
     EXPECT_THAT(m_said, IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(All, DamagedSwStoreTest, testing::ValuesIn(damagedDisks),
-                         [](const auto& row) { return row.param.what; });
+TEST_ROWS(All, DamagedSwStoreTest, damagedDisks, [](const auto& row) { return row.what; });
 
 TEST_F(SwStoreTest, aDamagedEntryOfThePreinstalledModuleIsMended)
 {
@@ -293,12 +288,7 @@ struct CutRow {
     bool powerLost;
 };
 
-void PrintTo(const CutRow& row, std::ostream* out)
-{
-    *out << row.what;
-}
-
-class CutSwStoreTest : public SwStoreTest, public testing::WithParamInterface<CutRow> {
+class CutSwStoreTest : public SwStoreTest, public WithRow<CutRow> {
 protected:
     /// Runs `act` on a store that holds one module, once for each operation on disk that it makes, and lets
     /// the process die there; `check` looks at the store of the next process.
@@ -310,7 +300,7 @@ protected:
             m_disk.files.files.clear();
             m_disk.inventory.entries.clear();
             EXPECT_TRUE(loadInto(open(), "QXR2_R1A", "first"));
-            m_disk.fate.arm(GetParam().kind, operation);
+            m_disk.fate.arm(row().kind, operation);
             try {
                 act(*m_store);
             } catch (const DiskFate::Cut&) {
@@ -321,7 +311,7 @@ protected:
                 return operation;
             }
             m_store.reset();
-            if (GetParam().powerLost) {
+            if (row().powerLost) {
                 m_disk.files.losePower();
             }
             open();
@@ -344,7 +334,7 @@ protected:
     }
 };
 
-TEST_P(CutSwStoreTest, aLoadThatDiesLeavesAWholeModuleOrNone)
+ROW_TEST(CutSwStoreTest, aLoadThatDiesLeavesAWholeModuleOrNone)
 {
     const int operations = cutEach([](SwStore& store) { (void)loadInto(store, "QXR3_R1A", "second"); },
                                    [this](SwStore& store) {
@@ -361,7 +351,7 @@ TEST_P(CutSwStoreTest, aLoadThatDiesLeavesAWholeModuleOrNone)
     EXPECT_EQ(operations, 8) << "entry, file, two pieces, sync, rename, folder, entry";
 }
 
-TEST_P(CutSwStoreTest, aDeletionThatDiesLeavesAWholeModuleOrNone)
+ROW_TEST(CutSwStoreTest, aDeletionThatDiesLeavesAWholeModuleOrNone)
 {
     const int operations = cutEach([](SwStore& store) { (void)store.remove(softwareOf("QXR2_R1A")); },
                                    [this](SwStore& store) {
@@ -380,8 +370,7 @@ const CutRow cuts[] = {
     {"powerLostAfter", DiskFate::Kind::cutAfter, true},
 };
 
-INSTANTIATE_TEST_SUITE_P(All, CutSwStoreTest, testing::ValuesIn(cuts),
-                         [](const auto& row) { return row.param.what; });
+TEST_ROWS(All, CutSwStoreTest, cuts, [](const auto& row) { return row.what; });
 
 TEST_F(SwStoreTest, aLoadIsValidBeforeItIsConfirmed)
 {
@@ -547,12 +536,7 @@ struct OddInventoryRow {
     const char* error;
 };
 
-void PrintTo(const OddInventoryRow& row, std::ostream* out)
-{
-    *out << row.what;
-}
-
-class OddInventoryTest : public SwStoreDiskTest, public testing::WithParamInterface<OddInventoryRow> {};
+class OddInventoryTest : public SwStoreDiskTest, public WithRow<OddInventoryRow> {};
 
 const OddInventoryRow oddInventories[] = {
     {"slotTooLarge", "UPDATE module SET slot = 4294967297",
@@ -567,7 +551,7 @@ const OddInventoryRow oddInventories[] = {
      "non-TEXT value in module.size"},
 };
 
-TEST_P(OddInventoryTest, isNotUsedAndLeftAsItIs)
+ROW_TEST(OddInventoryTest, isNotUsedAndLeftAsItIs)
 {
     const std::string path = m_folder / "inventory.db";
     {
@@ -578,7 +562,7 @@ TEST_P(OddInventoryTest, isNotUsedAndLeftAsItIs)
     }
     {
         SqliteDatabase database;
-        ASSERT_TRUE(database.open(path) && database.execute(GetParam().sql)) << database.reason();
+        ASSERT_TRUE(database.open(path) && database.execute(row().sql)) << database.reason();
     }
     for (unsigned int i = 0; i < 2; ++i) {
         SqliteInventory inventory;
@@ -587,12 +571,11 @@ TEST_P(OddInventoryTest, isNotUsedAndLeftAsItIs)
         if (error.empty()) {
             error = inventory.load(modules);
         }
-        EXPECT_EQ(error, GetParam().error);
+        EXPECT_EQ(error, row().error);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, OddInventoryTest, testing::ValuesIn(oddInventories),
-                         [](const auto& row) { return row.param.what; });
+TEST_ROWS(All, OddInventoryTest, oddInventories, [](const auto& row) { return row.what; });
 
 TEST_F(SwStoreDiskTest, aFileIsBroughtToTheDiskPieceByPiece)
 {

@@ -1,4 +1,5 @@
 #include "swmServer.h"
+#include "rowTest.h"
 
 #include "control.h"
 #include "swmd.h"
@@ -331,12 +332,7 @@ struct LoadRejectRow {
     const char* answer;
 };
 
-void PrintTo(const LoadRejectRow& row, std::ostream* out)
-{
-    *out << row.what;
-}
-
-class SwmLoadRejectTest : public SwmServerTest, public testing::WithParamInterface<LoadRejectRow> {};
+class SwmLoadRejectTest : public SwmServerTest, public WithRow<LoadRejectRow> {};
 
 // Ticket 1 is active, ticket 2 waits; one of two slots holds QXR2_R1A, and QXR3_R1A is being loaded.
 const LoadRejectRow loadRejects[] = {
@@ -367,7 +363,7 @@ const LoadRejectRow loadRejects[] = {
     {"listOfWaitingTicket", "00000023 00000009 0802", "00000025 00000009 08021001"},
 };
 
-TEST_P(SwmLoadRejectTest, hasItsReasonAndChangesNothing)
+ROW_TEST(SwmLoadRejectTest, hasItsReasonAndChangesNothing)
 {
     ASSERT_TRUE(loadInto(*m_store, "QXR2_R1A", "a"));
     acquire();
@@ -375,13 +371,12 @@ TEST_P(SwmLoadRejectTest, hasItsReasonAndChangesNothing)
     ask(client, "0000000e 00000004 08011208515852335f523141");
     const std::string before = content();
     EXPECT_EQ(before, "0 QXR1/1_R1A running\n1 QXR2_R1A\n2 QXR3_R1A not valid\n");
-    EXPECT_THAT(ask(client, GetParam().request), ElementsAre(GetParam().answer));
+    EXPECT_THAT(ask(client, row().request), ElementsAre(row().answer));
     EXPECT_EQ(content(), before);
     EXPECT_TRUE(m_store->isLoading());
 }
 
-INSTANTIATE_TEST_SUITE_P(All, SwmLoadRejectTest, testing::ValuesIn(loadRejects),
-                         [](const auto& row) { return row.param.what; });
+TEST_ROWS(All, SwmLoadRejectTest, loadRejects, [](const auto& row) { return row.what; });
 
 TEST_F(SwmServerTest, aFullStoreIsShortOfSlotsUntilOneIsDeleted)
 {

@@ -3,6 +3,7 @@
 #include "client.h"
 #include "loadModule.h"
 #include "process.h"
+#include "rowTest.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -208,17 +209,12 @@ struct SwmdDeathRow {
     End end = End::none;
 };
 
-void PrintTo(const SwmdDeathRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class SwmdDeathTest : public SwmdTest, public WithRow<SwmdDeathRow> {};
 
-class SwmdDeathTest : public SwmdTest, public testing::WithParamInterface<SwmdDeathRow> {};
-
-TEST_P(SwmdDeathTest, leavesAWholeModuleOrNone)
+ROW_TEST(SwmdDeathTest, leavesAWholeModuleOrNone)
 {
     using End = SwmdDeathRow::End;
-    const SwmdDeathRow& row = GetParam();
+    const SwmdDeathRow& row = this->row();
     start();
     {
         SwmConnection connection;
@@ -289,8 +285,7 @@ constexpr SwmdDeathRow swmdDeaths[] = {
     {"onceTheFileHasItsName", true, blockCount, SwmdDeathRow::End::named},
     {"afterTheEnd", true, blockCount, SwmdDeathRow::End::confirmed},
 };
-INSTANTIATE_TEST_SUITE_P(All, SwmdDeathTest, testing::ValuesIn(swmdDeaths),
-                         [](const auto& row) { return row.param.name; });
+TEST_ROWS(All, SwmdDeathTest, swmdDeaths);
 
 TEST_F(SwmdTest, aClientThatDiesFreesTheStoreForTheNextOne)
 {

@@ -1,6 +1,7 @@
 // bcictl loading software onto a unit with fixed answers.
 
 #include "bcictlFixture.h"
+#include "rowTest.h"
 
 #include "moduleFile.h"
 #include "progress.h"
@@ -172,15 +173,13 @@ struct LoadFailureRow {
     int status;
     const char* text;
     bool isReleased;
-
-    friend void PrintTo(const LoadFailureRow& row, std::ostream* out) { *out << row.name; }
 };
 
-class LoadFailureTest : public LoadTest, public testing::WithParamInterface<LoadFailureRow> {};
+class LoadFailureTest : public LoadTest, public WithRow<LoadFailureRow> {};
 
-TEST_P(LoadFailureTest, isToldWithItsStepAndLeavesNothingHeld)
+ROW_TEST(LoadFailureTest, isToldWithItsStepAndLeavesNothingHeld)
 {
-    const LoadFailureRow& row = GetParam();
+    const LoadFailureRow& row = this->row();
     write("hello");
     auto answers = taking("00000040");
     answers[row.request] = row.replies;
@@ -192,75 +191,74 @@ TEST_P(LoadFailureTest, isToldWithItsStepAndLeavesNothingHeld)
     EXPECT_EQ(m_unit->received(0x1659803), row.isReleased ? "000000010000012d00010000" : "");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, LoadFailureTest,
-    testing::Values(
-        LoadFailureRow{"noCapabilities",
-                       0x1658007,
-                       {},
-                       3,
-                       "reading the capabilities: no answer to TARN_BC_GET_CAPABILITIES_REQ within 0.3 s",
-                       false},
-        LoadFailureRow{"noRecords",
-                       0x1658007,
-                       {{0x1658008, references + "0000 0000"}},
-                       3,
-                       "reading the capabilities: the unit names no size of blocks for loading",
-                       false},
-        LoadFailureRow{"noLoadingBlocks",
-                       0x1658007,
-                       {{0x1658008, references + "0009 0000" + padded("0007 00dc", 220)}},
-                       3,
-                       "reading the capabilities: the unit names no size of blocks for loading",
-                       false},
-        LoadFailureRow{"blocksOfNoSize",
-                       0x1658007,
-                       {{0x1658008, capabilities("00000000")}},
-                       3,
-                       "reading the capabilities: the unit names no size of blocks for loading",
-                       false},
-        LoadFailureRow{"blocksOfTooLargeASize",
-                       0x1658007,
-                       {{0x1658008, capabilities("00800001")}},
-                       3,
-                       "reading the capabilities: the unit names no size of blocks for loading",
-                       false},
-        LoadFailureRow{"startRefused",
-                       0x1658803,
-                       {{0x1658805, loadRejection("Busy")}},
-                       1,
-                       "starting the load: rejected, errorCode 1: Busy",
-                       true},
-        LoadFailureRow{"noAcknowledgement",
-                       0x1658806,
-                       {},
-                       3,
-                       "block 0 of 2 was not acknowledged: no answer to TARN_BC_LMC_DATA within 0.3 s",
-                       true},
-        LoadFailureRow{"acknowledgementOfAnother",
-                       0x1658806,
-                       {{0x1658807, references + "0001 0000"}},
-                       3,
-                       "block 0 of 2 was not acknowledged: no answer to TARN_BC_LMC_DATA within 0.3 s",
-                       true},
-        LoadFailureRow{"endRefused",
-                       0x1658808,
-                       {{0x165880A, loadRejection("ticket in queue")}},
-                       1,
-                       "ending the load: rejected, errorCode 1: ticket in queue",
-                       true},
-        LoadFailureRow{"notTaken",
-                       0x1658808,
-                       {{0x1658809, references + "0001 0000"}},
-                       1,
-                       "ending the load: the unit did not take the load module, it gives no reason",
-                       true},
-        LoadFailureRow{"unitGone",
-                       0x1658806,
-                       {{FakeUnit::leave, ""}},
-                       4,
-                       "block 0 of 2 was not acknowledged: the unit went away",
-                       false}));
+const LoadFailureRow loadFailureRows[] = {
+    {"noCapabilities",
+     0x1658007,
+     {},
+     3,
+     "reading the capabilities: no answer to TARN_BC_GET_CAPABILITIES_REQ within 0.3 s",
+     false},
+    {"noRecords",
+     0x1658007,
+     {{0x1658008, references + "0000 0000"}},
+     3,
+     "reading the capabilities: the unit names no size of blocks for loading",
+     false},
+    {"noLoadingBlocks",
+     0x1658007,
+     {{0x1658008, references + "0009 0000" + padded("0007 00dc", 220)}},
+     3,
+     "reading the capabilities: the unit names no size of blocks for loading",
+     false},
+    {"blocksOfNoSize",
+     0x1658007,
+     {{0x1658008, capabilities("00000000")}},
+     3,
+     "reading the capabilities: the unit names no size of blocks for loading",
+     false},
+    {"blocksOfTooLargeASize",
+     0x1658007,
+     {{0x1658008, capabilities("00800001")}},
+     3,
+     "reading the capabilities: the unit names no size of blocks for loading",
+     false},
+    {"startRefused",
+     0x1658803,
+     {{0x1658805, loadRejection("Busy")}},
+     1,
+     "starting the load: rejected, errorCode 1: Busy",
+     true},
+    {"noAcknowledgement",
+     0x1658806,
+     {},
+     3,
+     "block 0 of 2 was not acknowledged: no answer to TARN_BC_LMC_DATA within 0.3 s",
+     true},
+    {"acknowledgementOfAnother",
+     0x1658806,
+     {{0x1658807, references + "0001 0000"}},
+     3,
+     "block 0 of 2 was not acknowledged: no answer to TARN_BC_LMC_DATA within 0.3 s",
+     true},
+    {"endRefused",
+     0x1658808,
+     {{0x165880A, loadRejection("ticket in queue")}},
+     1,
+     "ending the load: rejected, errorCode 1: ticket in queue",
+     true},
+    {"notTaken",
+     0x1658808,
+     {{0x1658809, references + "0001 0000"}},
+     1,
+     "ending the load: the unit did not take the load module, it gives no reason",
+     true},
+    {"unitGone",
+     0x1658806,
+     {{FakeUnit::leave, ""}},
+     4,
+     "block 0 of 2 was not acknowledged: the unit went away",
+     false}};
+TEST_ROWS(Rows, LoadFailureTest, loadFailureRows);
 
 class LoadSessionTest : public SessionTest {
 protected:

@@ -2,6 +2,7 @@
 // is told as text.
 
 #include "bcictlFixture.h"
+#include "rowTest.h"
 
 #include "mmiStates.h"
 
@@ -33,11 +34,6 @@ struct MmiRow {
     std::string text;
     std::string json; ///< what follows the references
 };
-
-void PrintTo(const MmiRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
 
 const std::string faultRecord =
     padded("537570706f727420556e6974204661756c7420496e64696361746f72 00 eeeeee", 128) + "0004 eeee";
@@ -129,45 +125,43 @@ const MmiRow mmiRows[] = {
      R"({"name":"?A","state":1,"stateName":"no-fault"}]})"},
 };
 
-class MmiCommandTest : public BcictlTest, public testing::WithParamInterface<MmiRow> {};
+class MmiCommandTest : public BcictlTest, public WithRow<MmiRow> {};
 
-TEST_P(MmiCommandTest, sendsAndTells)
+ROW_TEST(MmiCommandTest, sendsAndTells)
 {
-    startUnit({{GetParam().request, {GetParam().confirm}}});
-    EXPECT_EQ(run(GetParam().words), 0) << m_err.str();
-    EXPECT_EQ(m_out.str(), GetParam().text);
-    EXPECT_EQ(m_unit->received(GetParam().request), GetParam().sent);
-    auto words = GetParam().words;
+    startUnit({{row().request, {row().confirm}}});
+    EXPECT_EQ(run(row().words), 0) << m_err.str();
+    EXPECT_EQ(m_out.str(), row().text);
+    EXPECT_EQ(m_unit->received(row().request), row().sent);
+    auto words = row().words;
     words.push_back("--json");
     EXPECT_EQ(run(words), 0) << m_err.str();
     EXPECT_THAT(m_out.str(), HasSubstr(R"("status":"done","sent":"TARN_BC_)"));
     EXPECT_THAT(m_out.str(), HasSubstr(R"("clientRef":1,"serverRef":301,)"));
-    EXPECT_THAT(m_out.str(), testing::EndsWith(GetParam().json + "\n"));
+    EXPECT_THAT(m_out.str(), testing::EndsWith(row().json + "\n"));
 }
 
-TEST_P(MmiCommandTest, aRejectIsToldWithItsText)
+ROW_TEST(MmiCommandTest, aRejectIsToldWithItsText)
 {
-    startUnit({{GetParam().request, {{GetParam().reject, mmiRejection("0002", "no")}}}});
-    EXPECT_EQ(run(GetParam().words), 1);
-    EXPECT_EQ(m_err.str(),
-              std::string("bcictl: ") + GetParam().words.front() + ": rejected, errorCode 2: no\n");
+    startUnit({{row().request, {{row().reject, mmiRejection("0002", "no")}}}});
+    EXPECT_EQ(run(row().words), 1);
+    EXPECT_EQ(m_err.str(), std::string("bcictl: ") + row().words.front() + ": rejected, errorCode 2: no\n");
     EXPECT_EQ(m_out.str(), "");
 }
 
-TEST_P(MmiCommandTest, aShortConfirmIsNone)
+ROW_TEST(MmiCommandTest, aShortConfirmIsNone)
 {
-    auto confirm = GetParam().confirm;
+    auto confirm = row().confirm;
     confirm.hex.resize(confirm.hex.size() - 2);
-    startUnit({{GetParam().request, {confirm}}});
-    auto words = GetParam().words;
+    startUnit({{row().request, {confirm}}});
+    auto words = row().words;
     words.insert(words.end(), {"--timeout", "0.2"});
     EXPECT_EQ(run(words), 3);
     EXPECT_NE(m_err.str(), "");
     EXPECT_EQ(m_out.str(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MmiCommandTest, testing::ValuesIn(mmiRows),
-                         [](const auto& row) { return row.param.name; });
+TEST_ROWS(all, MmiCommandTest, mmiRows);
 
 class MmiStatesTest : public BcictlTest {};
 

@@ -1,6 +1,7 @@
 // bcictl's product identity against a unit with fixed answers: signals as bytes, what is told as text.
 
 #include "bcictlFixture.h"
+#include "rowTest.h"
 
 namespace merlow::bcictl {
 namespace {
@@ -15,11 +16,6 @@ struct PidCommandRow {
     const char* text;
     const char* json; ///< what follows the references
 };
-
-void PrintTo(const PidCommandRow& row, std::ostream* out)
-{
-    *out << row.what;
-}
 
 // Gaps and the bytes behind a text's end hold rubbish.
 const PidCommandRow pidRows[] = {
@@ -70,37 +66,36 @@ const PidCommandRow pidRows[] = {
      "\n"},
 };
 
-class PidCommandTest : public BcictlTest, public testing::WithParamInterface<PidCommandRow> {};
+class PidCommandTest : public BcictlTest, public WithRow<PidCommandRow> {};
 
-TEST_P(PidCommandTest, readsItAndTellsIt)
+ROW_TEST(PidCommandTest, readsItAndTellsIt)
 {
-    startUnit({{GetParam().request, {GetParam().confirm}}});
-    EXPECT_EQ(run({"pid", GetParam().what}), 0) << m_err.str();
-    EXPECT_EQ(m_out.str(), GetParam().text);
-    EXPECT_EQ(m_unit->received(GetParam().request), "000000010000012d");
-    EXPECT_EQ(run({"pid", GetParam().what, "--json"}), 0);
+    startUnit({{row().request, {row().confirm}}});
+    EXPECT_EQ(run({"pid", row().what}), 0) << m_err.str();
+    EXPECT_EQ(m_out.str(), row().text);
+    EXPECT_EQ(m_unit->received(row().request), "000000010000012d");
+    EXPECT_EQ(run({"pid", row().what, "--json"}), 0);
     EXPECT_THAT(m_out.str(), HasSubstr(R"({"command":"pid","status":"done","sent":"TARN_BC_GET_)"));
-    EXPECT_THAT(m_out.str(), HasSubstr(std::string(R"("clientRef":1,"serverRef":301,)") + GetParam().json));
+    EXPECT_THAT(m_out.str(), HasSubstr(std::string(R"("clientRef":1,"serverRef":301,)") + row().json));
 }
 
-TEST_P(PidCommandTest, aRejectIsToldWithItsText)
+ROW_TEST(PidCommandTest, aRejectIsToldWithItsText)
 {
-    startUnit({{GetParam().request, {{GetParam().reject, padded(references + "0001 0000 6e6f", 124)}}}});
-    EXPECT_EQ(run({"pid", GetParam().what}), 1);
+    startUnit({{row().request, {{row().reject, padded(references + "0001 0000 6e6f", 124)}}}});
+    EXPECT_EQ(run({"pid", row().what}), 1);
     EXPECT_EQ(m_err.str(), "bcictl: pid: rejected, errorCode 1: no\n");
 }
 
-TEST_P(PidCommandTest, aShortConfirmIsNone)
+ROW_TEST(PidCommandTest, aShortConfirmIsNone)
 {
-    auto confirm = GetParam().confirm;
+    auto confirm = row().confirm;
     confirm.hex.resize(confirm.hex.size() - 2);
-    startUnit({{GetParam().request, {confirm}}});
-    EXPECT_EQ(run({"pid", GetParam().what}), 3);
+    startUnit({{row().request, {confirm}}});
+    EXPECT_EQ(run({"pid", row().what}), 3);
     EXPECT_THAT(m_err.str(), HasSubstr("it should have"));
 }
 
-INSTANTIATE_TEST_SUITE_P(all, PidCommandTest, testing::ValuesIn(pidRows),
-                         [](const auto& row) { return row.param.what; });
+TEST_ROWS(all, PidCommandTest, pidRows, [](const auto& row) { return row.what; });
 
 } // namespace
 } // namespace merlow::bcictl

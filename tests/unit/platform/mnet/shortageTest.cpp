@@ -3,6 +3,7 @@
 /// again.
 #include "shortage.h"
 #include "mnetFixture.h"
+#include "rowTest.h"
 
 #include <cstring>
 #include <memory>
@@ -242,12 +243,7 @@ struct MnetShortageRow {
     bool hasPeer;
 };
 
-void PrintTo(const MnetShortageRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class MnetShortageTest : public MnetTest, public ::testing::WithParamInterface<MnetShortageRow> {
+class MnetShortageTest : public MnetTest, public WithRow<MnetShortageRow> {
 protected:
     /// But for what is kept for a while.
     std::size_t files() const
@@ -273,10 +269,10 @@ protected:
     }
 };
 
-TEST_P(MnetShortageTest, eachThatFailsIsToldOfOrMadeUpFor)
+ROW_TEST(MnetShortageTest, eachThatFailsIsToldOfOrMadeUpFor)
 {
     std::optional<Child> peer;
-    if (GetParam().hasPeer) {
+    if (row().hasPeer) {
         peer.emplace([] { serve("peer"); });
         // It is there when its name is.
         const mnet_mbox_id_t mine = start("before");
@@ -285,14 +281,14 @@ TEST_P(MnetShortageTest, eachThatFailsIsToldOfOrMadeUpFor)
         mnet_exit();
     }
     shortage::begin(0);
-    GetParam().run();
+    row().run();
     const std::size_t before = files();
     const std::size_t descriptors = openDescriptors();
     long blocks = shortage::liveBlocks();
     std::size_t failures = 0;
     for (std::size_t failing = 1;; failing += shortage::stride) {
         shortage::begin(failing);
-        GetParam().run();
+        row().run();
         const bool failed = shortage::hasFailed();
         shortage::begin(0);
         removeKept();
@@ -308,7 +304,7 @@ TEST_P(MnetShortageTest, eachThatFailsIsToldOfOrMadeUpFor)
             blocks = left;
             ++growths;
             shortage::begin(failing);
-            GetParam().run();
+            row().run();
             shortage::begin(0);
         }
         ASSERT_LT(growths, 3) << "the " << failing << "th leaks";
@@ -326,11 +322,9 @@ TEST_P(MnetShortageTest, eachThatFailsIsToldOfOrMadeUpFor)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, MnetShortageTest,
-                         ::testing::Values(MnetShortageRow{"alone", alone, false},
-                                           MnetShortageRow{"withPeer", withPeer, true},
-                                           MnetShortageRow{"withOneThatDies", withOneThatDies, false}),
-                         [](const auto& row) { return std::string(row.param.name); });
+const MnetShortageRow mnetShortageRows[] = {
+    {"alone", alone, false}, {"withPeer", withPeer, true}, {"withOneThatDies", withOneThatDies, false}};
+TEST_ROWS(Each, MnetShortageTest, mnetShortageRows);
 
 } // namespace
 } // namespace mnet::test

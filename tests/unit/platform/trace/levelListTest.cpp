@@ -1,4 +1,5 @@
 #include "levelList.h"
+#include "rowTest.h"
 
 #include "recordFile.h"
 
@@ -19,24 +20,32 @@ void PrintTo(const Row& row, std::ostream* out)
     *out << '"' << row.text << '"';
 }
 
-class LevelListTest : public ::testing::TestWithParam<Row> {};
+class LevelListTest : public ::testing::Test, public WithRow<Row> {};
 
-TEST_P(LevelListTest, partsThatAreNoLevelAreNamedAndLeftOut)
+ROW_TEST(LevelListTest, partsThatAreNoLevelAreNamedAndLeftOut)
 {
-    const LevelList list = parseLevels(GetParam().text);
-    EXPECT_EQ(list.mask, GetParam().mask);
-    EXPECT_EQ(list.malformed, GetParam().malformed);
+    const LevelList list = parseLevels(row().text);
+    EXPECT_EQ(list.mask, row().mask);
+    EXPECT_EQ(list.malformed, row().malformed);
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, LevelListTest,
-                         ::testing::Values(Row{"1,4", 0x12, ""}, Row{"", 0, ""}, Row{"none", 0, ""},
-                                           Row{" 1 , 4 ", 0x12, ""}, Row{"0,31", 0x80000001, ""},
-                                           Row{"all", 0xFFDFFFFF, ""}, Row{"all,21", 0xFFFFFFFF, ""},
-                                           Row{"1,1", 2, ""}, Row{"32", 0, "\"32\""},
-                                           Row{"1,x,4", 0x12, "\"x\""}, Row{"-1,1", 2, "\"-1\""},
-                                           Row{"1,,4,", 0x12, "\"\", \"\""}, Row{"+1", 0, "\"+1\""},
-                                           Row{"1 4", 0, "\"1 4\""}, Row{"0x1", 0, "\"0x1\""},
-                                           Row{"99999999999999999999", 0, "\"99999999999999999999\""}));
+const Row levelListRows[] = {{"1,4", 0x12, ""},
+                             {"", 0, ""},
+                             {"none", 0, ""},
+                             {" 1 , 4 ", 0x12, ""},
+                             {"0,31", 0x80000001, ""},
+                             {"all", 0xFFDFFFFF, ""},
+                             {"all,21", 0xFFFFFFFF, ""},
+                             {"1,1", 2, ""},
+                             {"32", 0, "\"32\""},
+                             {"1,x,4", 0x12, "\"x\""},
+                             {"-1,1", 2, "\"-1\""},
+                             {"1,,4,", 0x12, "\"\", \"\""},
+                             {"+1", 0, "\"+1\""},
+                             {"1 4", 0, "\"1 4\""},
+                             {"0x1", 0, "\"0x1\""},
+                             {"99999999999999999999", 0, "\"99999999999999999999\""}};
+TEST_ROWS(Texts, LevelListTest, levelListRows);
 
 TEST(FormatLevels, isReadBackAsTheSame)
 {

@@ -1,4 +1,5 @@
 #include "recordFile.h"
+#include "rowTest.h"
 
 #include "subject.h"
 
@@ -92,33 +93,29 @@ void PrintTo(const EnvironmentRow& row, std::ostream* out)
     }
 }
 
-class TraceEnvironmentTest : public RecordFileTest, public ::testing::WithParamInterface<EnvironmentRow> {};
+class TraceEnvironmentTest : public RecordFileTest, public WithRow<EnvironmentRow> {};
 
-TEST_P(TraceEnvironmentTest, setsTheMasksAtStart)
+ROW_TEST(TraceEnvironmentTest, setsTheMasksAtStart)
 {
-    Subject traced({TRACE_SUBJECT}, environment(GetParam().environment));
-    EXPECT_EQ(traced.ask("masks"), GetParam().masks);
+    Subject traced({TRACE_SUBJECT}, environment(row().environment));
+    EXPECT_EQ(traced.ask("masks"), row().masks);
     const auto lines = linesOf(m_log);
-    ASSERT_EQ(lines.size(), GetParam().report.empty() ? 0u : 1u);
+    ASSERT_EQ(lines.size(), row().report.empty() ? 0u : 1u);
     if (!lines.empty()) {
-        EXPECT_TRUE(lines[0].ends_with("RadioPlatform,Trace: " + GetParam().report)) << lines[0];
+        EXPECT_TRUE(lines[0].ends_with("RadioPlatform,Trace: " + row().report)) << lines[0];
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Variables, TraceEnvironmentTest,
-    ::testing::Values(
-        EnvironmentRow{{{"SCRY_LEVELS", "1,4,6"}, {"SCRY_OBJ_LEVELS", "5,17"}}, "200052 20020", ""},
-        EnvironmentRow{{{"SCRY_OBJ", "0"}}, "12 0", ""}, EnvironmentRow{{{"SCRY_OBJ", "1"}}, "200012 0", ""},
-        EnvironmentRow{{{"SCRY_OBJ", "0"}, {"SCRY_LEVELS", "1,21"}}, "2 0", ""},
-        EnvironmentRow{{{"SCRY_LEVELS", "none"}}, "200000 0", ""},
-        EnvironmentRow{{{"SCRY_LEVELS", "1,x,99"}},
-                       "200002 0",
-                       "SCRY_LEVELS: ignoring \"x\", \"99\", levels are 0 to 31"},
-        EnvironmentRow{{{"SCRY_OBJ_LEVELS", "5;6"}},
-                       "200012 0",
-                       "SCRY_OBJ_LEVELS: ignoring \"5;6\", levels are 0 to 31"},
-        EnvironmentRow{{{"SCRY_OBJ", "no"}}, "200012 0", "SCRY_OBJ: ignoring \"no\", it is 0 or 1"}));
+const EnvironmentRow environmentRows[] = {
+    {{{"SCRY_LEVELS", "1,4,6"}, {"SCRY_OBJ_LEVELS", "5,17"}}, "200052 20020", ""},
+    {{{"SCRY_OBJ", "0"}}, "12 0", ""},
+    {{{"SCRY_OBJ", "1"}}, "200012 0", ""},
+    {{{"SCRY_OBJ", "0"}, {"SCRY_LEVELS", "1,21"}}, "2 0", ""},
+    {{{"SCRY_LEVELS", "none"}}, "200000 0", ""},
+    {{{"SCRY_LEVELS", "1,x,99"}}, "200002 0", "SCRY_LEVELS: ignoring \"x\", \"99\", levels are 0 to 31"},
+    {{{"SCRY_OBJ_LEVELS", "5;6"}}, "200012 0", "SCRY_OBJ_LEVELS: ignoring \"5;6\", levels are 0 to 31"},
+    {{{"SCRY_OBJ", "no"}}, "200012 0", "SCRY_OBJ: ignoring \"no\", it is 0 or 1"}};
+TEST_ROWS(Variables, TraceEnvironmentTest, environmentRows);
 
 TEST_F(RecordFileTest, levelsChangeWhileTheProcessRuns)
 {

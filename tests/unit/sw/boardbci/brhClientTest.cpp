@@ -1,4 +1,5 @@
 #include "brhClient.h"
+#include "rowTest.h"
 
 #include "bmmi.pb.h"
 #include "board.h"
@@ -263,14 +264,9 @@ struct BadConfirm {
     const char* trace;
 };
 
-void PrintTo(const BadConfirm& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class BrhClientBadConfirmTest : public BrhClientTest, public WithRow<BadConfirm> {};
 
-class BrhClientBadConfirmTest : public BrhClientTest, public testing::WithParamInterface<BadConfirm> {};
-
-TEST_P(BrhClientBadConfirmTest, takesTheConnectionAway)
+ROW_TEST(BrhClientBadConfirmTest, takesTheConnectionAway)
 {
     for (const bool connected : {false, true}) {
         SCOPED_TRACE(connected);
@@ -282,31 +278,29 @@ TEST_P(BrhClientBadConfirmTest, takesTheConnectionAway)
         }
         EXPECT_EQ(m_bri.isConnected(), connected);
         m_board.traces().clear();
-        m_board.bri().sendHex(GetParam().hex);
+        m_board.bri().sendHex(row().hex);
         EXPECT_FALSE(m_bri.isConnected());
         EXPECT_EQ(m_bri.getSelectedProtocolRevision(), 0U);
         EXPECT_TRUE(m_bri.isServerFound());
-        EXPECT_TRUE(m_board.traced(GetParam().level, GetParam().trace));
+        EXPECT_TRUE(m_board.traced(row().level, row().trace));
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, BrhClientBadConfirmTest,
-    testing::Values(
-        BadConfirm{"empty", "0170772e 00000064 00c0ffee", 4,
-                   "ABN: ConnEstablishCfm message invalid: selected protocol revision field is missing"},
-        BadConfirm{"otherField", "0170772e 00000064 00c0ffee 1001", 4,
-                   "ABN: ConnEstablishCfm message invalid: selected protocol revision field is missing"},
-        BadConfirm{"zero", "0170772e 00000064 00c0ffee 0800", 4,
-                   "ABN: ConnEstablishCfm message invalid: selected protocol revision is zero"},
-        // Its reference is whole, so it is for this client, though shorter than its header.
-        BadConfirm{"referenceAlone", "0170772e 00000064", 1,
-                   "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 8 bytes"},
-        BadConfirm{"shortHeader", "0170772e 00000064 00c0ff", 1,
-                   "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 11 bytes"},
-        BadConfirm{"cut", "0170772e 00000064 00c0ffee 08", 1,
-                   "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 13 bytes"}),
-    [](const auto& row) { return row.param.name; });
+const BadConfirm badConfirms[] = {
+    {"empty", "0170772e 00000064 00c0ffee", 4,
+     "ABN: ConnEstablishCfm message invalid: selected protocol revision field is missing"},
+    {"otherField", "0170772e 00000064 00c0ffee 1001", 4,
+     "ABN: ConnEstablishCfm message invalid: selected protocol revision field is missing"},
+    {"zero", "0170772e 00000064 00c0ffee 0800", 4,
+     "ABN: ConnEstablishCfm message invalid: selected protocol revision is zero"},
+    // Its reference is whole, so it is for this client, though shorter than its header.
+    {"referenceAlone", "0170772e 00000064", 1,
+     "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 8 bytes"},
+    {"shortHeader", "0170772e 00000064 00c0ff", 1,
+     "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 11 bytes"},
+    {"cut", "0170772e 00000064 00c0ffee 08", 1,
+     "Unable to parse GPB message boardresourcehandler.bri.ConnEstablishCfm of size 13 bytes"}};
+TEST_ROWS(all, BrhClientBadConfirmTest, badConfirms);
 
 TEST_F(BrhClientTest, confirmWithConnectionReferenceZeroConnectsNobody)
 {

@@ -1,4 +1,5 @@
 #include "briFaultHandler.h"
+#include "rowTest.h"
 
 #include "board.h"
 #include "bri.pb.h"
@@ -84,17 +85,11 @@ struct DefinitionRow {
     const char* description;
 };
 
-void PrintTo(const DefinitionRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class BriFaultDefinitionTest : public BriFaultHandlerTest, public WithRow<DefinitionRow> {};
 
-class BriFaultDefinitionTest : public BriFaultHandlerTest,
-                               public testing::WithParamInterface<DefinitionRow> {};
-
-TEST_P(BriFaultDefinitionTest, reachesTheFaultManagerInTheClientsNumbering)
+ROW_TEST(BriFaultDefinitionTest, reachesTheFaultManagerInTheClientsNumbering)
 {
-    const DefinitionRow& row = GetParam();
+    const DefinitionRow& row = this->row();
     raise(row.briFaultId, 0x12345);
     EXPECT_THAT(calls(), ElementsAre(raiseOf(row.iwdFaultId, 0x2345, row.description)));
     EXPECT_EQ(m_faultManager.lastRaise.source, Merlow::FaultSource::BRI);
@@ -116,21 +111,20 @@ TEST_P(BriFaultDefinitionTest, reachesTheFaultManagerInTheClientsNumbering)
     EXPECT_THAT(errors(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, BriFaultDefinitionTest,
-    testing::Values(DefinitionRow{0, "HW_FAULT", 0x0101, "HW_FAULT"},
-                    DefinitionRow{1, "HW_FAULT_FOR_EVALUATION_LTU_FAULT", 0x0300, "LTU Fault"},
-                    DefinitionRow{2, "HW_FAULT_FOR_EVALUATION_INIT_FAULT", 0x0300, "Initialization failure"},
-                    DefinitionRow{3, "HW_FAULT_FOR_EVALUATION", 0x0300, "Internal DC fault"},
-                    DefinitionRow{4, "EXCEPTIONAL_TEMPERATURE_TOO_LOW", 0x0104, "Temperature is too low."},
-                    DefinitionRow{5, "EXCEPTIONAL_TEMPERATURE_TOO_HIGH", 0x0103, "Temperature is too high."},
-                    DefinitionRow{6, "EXTERNAL_FAN_DEGRADED", 0x0704, "RU External Fan Degraded"},
-                    DefinitionRow{7, "EXTERNAL_FAN_FAILED", 0x0705, "RU External Fan Failed"},
-                    DefinitionRow{8, "EXTERNAL_FAN_DISCONNECTED", 0x0706, "RU External Fan Disconnected"},
-                    DefinitionRow{9, "POE_DEVICE_0_TEMP_EXC_HIGH", 0x0103, "Temperature is too high."},
-                    DefinitionRow{10, "POE_DEVICE_1_TEMP_EXC_HIGH", 0x0103, "Temperature is too high."},
-                    DefinitionRow{11, "EXTERNAL_POWER_SUPPLY_FAULT", 0x0108, "External power supply fault"}),
-    [](const auto& row) { return std::string(row.param.name); });
+const DefinitionRow definitionRows[] = {
+    {0, "HW_FAULT", 0x0101, "HW_FAULT"},
+    {1, "HW_FAULT_FOR_EVALUATION_LTU_FAULT", 0x0300, "LTU Fault"},
+    {2, "HW_FAULT_FOR_EVALUATION_INIT_FAULT", 0x0300, "Initialization failure"},
+    {3, "HW_FAULT_FOR_EVALUATION", 0x0300, "Internal DC fault"},
+    {4, "EXCEPTIONAL_TEMPERATURE_TOO_LOW", 0x0104, "Temperature is too low."},
+    {5, "EXCEPTIONAL_TEMPERATURE_TOO_HIGH", 0x0103, "Temperature is too high."},
+    {6, "EXTERNAL_FAN_DEGRADED", 0x0704, "RU External Fan Degraded"},
+    {7, "EXTERNAL_FAN_FAILED", 0x0705, "RU External Fan Failed"},
+    {8, "EXTERNAL_FAN_DISCONNECTED", 0x0706, "RU External Fan Disconnected"},
+    {9, "POE_DEVICE_0_TEMP_EXC_HIGH", 0x0103, "Temperature is too high."},
+    {10, "POE_DEVICE_1_TEMP_EXC_HIGH", 0x0103, "Temperature is too high."},
+    {11, "EXTERNAL_POWER_SUPPLY_FAULT", 0x0108, "External power supply fault"}};
+TEST_ROWS(Rows, BriFaultDefinitionTest, definitionRows);
 
 TEST_F(BriFaultHandlerTest, anIndicationIsTheseBytes)
 {

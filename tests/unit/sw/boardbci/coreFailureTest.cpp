@@ -16,6 +16,7 @@
 #include "merlowSwmi.h"
 #include "merlowTemperature.h"
 #include "merlowVisual.h"
+#include "rowTest.h"
 #include "virtualSwmServer.h"
 
 #include <random>
@@ -56,7 +57,7 @@ std::vector<Case> allCases()
     return cases;
 }
 
-class CoreFailureTest : public CoreTest, public ::testing::WithParamInterface<Case> {
+class CoreFailureTest : public CoreTest, public WithRow<Case> {
 protected:
     enum class Fill { zeros, ones, random };
 
@@ -64,13 +65,13 @@ protected:
     void sendAtEachLength(const Peer& peer, mnet_mbox_id_t to, Fill fill)
     {
         // A reject takes the clone that it was sent to away.
-        for (std::size_t length = 4; length <= GetParam().size + 4 && mnet().exists(to); ++length) {
+        for (std::size_t length = 4; length <= row().size + 4 && mnet().exists(to); ++length) {
             support::Bytes bytes(length, fill == Fill::ones ? 0xFF : 0);
             if (fill == Fill::random) {
                 std::generate(bytes.begin(), bytes.end(),
                               [this] { return static_cast<std::uint8_t>(m_random()); });
             }
-            std::memcpy(bytes.data(), &GetParam().number, 4);
+            std::memcpy(bytes.data(), &row().number, 4);
             peer.sendBytes(bytes, to);
         }
     }
@@ -87,10 +88,10 @@ protected:
         }
     }
 
-    std::mt19937 m_random{GetParam().number};
+    std::mt19937 m_random{row().number};
 };
 
-TEST_P(CoreFailureTest, leavesTheServerWhole)
+ROW_TEST(CoreFailureTest, leavesTheServerWhole)
 {
     MerlowState state(data());
     MerlowFaultHandling faults(data());
@@ -115,7 +116,7 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     const Peer client = confirmedClient();
     const Peer stranger;
     for (const Fill fill : {Fill::zeros, Fill::ones, Fill::random}) {
-        switch (GetParam().sender) {
+        switch (row().sender) {
         case Sender::client:
             sendAtEachLength(client, publicMbox(), fill);
             sendAtEachLength(client, m_lastClone, fill);
@@ -149,7 +150,7 @@ TEST_P(CoreFailureTest, leavesTheServerWhole)
     EXPECT_EQ(letter.from, cloneOfWitness);
 }
 
-TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
+ROW_TEST(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
 {
     MerlowState state(data());
     MerlowFaultHandling faults(data());
@@ -177,7 +178,8 @@ TEST_P(CoreFailureTest, beforePublicationNothingIsAnsweredNorKept)
     EXPECT_FALSE(loop().stopped());
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, CoreFailureTest, ::testing::ValuesIn(allCases()));
+const auto coreFailureRows = allCases();
+TEST_ROWS(Signals, CoreFailureTest, coreFailureRows);
 
 TEST_F(CoreTest, aRequestIsForwardedAtEachLengthAndWhatItLacksReadsAsZero)
 {

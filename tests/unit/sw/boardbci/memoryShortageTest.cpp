@@ -10,6 +10,7 @@
 #include "merlowImpl.h"
 #include "mnetMessageSubscriptionCustom.h"
 #include "otherPeers.h"
+#include "rowTest.h"
 #include "shortage.h"
 #include "unit.h"
 
@@ -153,11 +154,6 @@ struct ShortageRow {
     void (*run)(ShortUnit&);
 };
 
-void PrintTo(const ShortageRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
 void nothing(ShortUnit& /*unused*/) {}
 
 void comeUp(ShortUnit& all)
@@ -238,15 +234,15 @@ constexpr ShortageRow rows[] = {
      }},
 };
 
-class MemoryShortageTest : public ::testing::TestWithParam<ShortageRow> {
+class MemoryShortageTest : public ::testing::Test, public WithRow<ShortageRow> {
 protected:
     /// The row's scenario, with this allocation failing. False when there is none of that number.
     static bool runOnce(std::size_t failing)
     {
         ShortUnit all;
-        GetParam().prepare(all);
+        row().prepare(all);
         shortage::begin(failing);
-        GetParam().run(all);
+        row().run(all);
         const bool failed = shortage::hasFailed();
         s_wasForeign = shortage::wasForeign();
         shortage::begin(0);
@@ -282,7 +278,7 @@ protected:
 };
 bool MemoryShortageTest::s_wasForeign = false;
 
-TEST_P(MemoryShortageTest, eachAllocationFailsOnce)
+ROW_TEST(MemoryShortageTest, eachAllocationFailsOnce)
 {
     runOnce(0); // what is made once for the process is there now
     std::size_t failures = 0;
@@ -300,7 +296,6 @@ TEST_P(MemoryShortageTest, eachAllocationFailsOnce)
     EXPECT_GT(failures, 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Server, MemoryShortageTest, ::testing::ValuesIn(rows),
-                         [](const auto& row) { return std::string(row.param.name); });
+TEST_ROWS(Server, MemoryShortageTest, rows);
 
 } // namespace

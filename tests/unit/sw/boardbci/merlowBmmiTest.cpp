@@ -1,4 +1,5 @@
 #include "merlowBmmi.h"
+#include "rowTest.h"
 
 #include "bmmi.pb.h"
 #include "board.h"
@@ -122,31 +123,24 @@ struct BmmiRejectRow {
     const char* reason;
 };
 
-void PrintTo(const BmmiRejectRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowBmmiRejectTest : public MerlowBmmiTest, public WithRow<BmmiRejectRow> {};
 
-class MerlowBmmiRejectTest : public MerlowBmmiTest, public testing::WithParamInterface<BmmiRejectRow> {};
-
-TEST_P(MerlowBmmiRejectTest, rejectIsTracedAndNotRetried)
+ROW_TEST(MerlowBmmiRejectTest, rejectIsTracedAndNotRetried)
 {
     m_board.bmmi().start();
     m_board.bmmi().expect<bmmi::ConnEstablishReq>();
-    m_board.bmmi().sendHex(std::string("01707572 00000065 00000065") + GetParam().body);
+    m_board.bmmi().sendHex(std::string("01707572 00000065 00000065") + row().body);
     EXPECT_TRUE(m_board.traced(
-        4, std::string("ABN: Merlow connection to the BMMI Server has been rejected: ") + GetParam().reason));
+        4, std::string("ABN: Merlow connection to the BMMI Server has been rejected: ") + row().reason));
     EXPECT_TRUE(m_board.bmmi().nothingReceived());
     EXPECT_FALSE(m_client.isConnected());
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowBmmiRejectTest,
-                         testing::Values(BmmiRejectRow{"revision", "0801", "NO_SUPPORTED_PROTOCOL_REVISION"},
-                                         BmmiRejectRow{"connections", "0802",
-                                                       "MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"},
-                                         BmmiRejectRow{"none", "", "reason not set by server"},
-                                         BmmiRejectRow{"unknown", "0809", "reason not set by server"}),
-                         [](const auto& row) { return row.param.name; });
+const BmmiRejectRow bmmiRejectRows[] = {{"revision", "0801", "NO_SUPPORTED_PROTOCOL_REVISION"},
+                                        {"connections", "0802", "MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"},
+                                        {"none", "", "reason not set by server"},
+                                        {"unknown", "0809", "reason not set by server"}};
+TEST_ROWS(all, MerlowBmmiRejectTest, bmmiRejectRows);
 
 // Capabilities
 

@@ -1,4 +1,5 @@
 #include "merlowBri.h"
+#include "rowTest.h"
 
 #include "board.h"
 #include "brhCapabilities.h"
@@ -131,36 +132,27 @@ struct BriRejectRow {
     const char* trace;
 };
 
-void PrintTo(const BriRejectRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowBriRejectTest : public MerlowBriTest, public WithRow<BriRejectRow> {};
 
-class MerlowBriRejectTest : public MerlowBriTest, public testing::WithParamInterface<BriRejectRow> {};
-
-TEST_P(MerlowBriRejectTest, rejectIsTracedAndNotRetried)
+ROW_TEST(MerlowBriRejectTest, rejectIsTracedAndNotRetried)
 {
     m_board.bri().start();
     m_board.bri().expect<bri::ConnEstablishReq>();
-    m_board.bri().sendHex(std::string("0170772f 00000064 00000064") + GetParam().body);
-    EXPECT_TRUE(m_board.traced(4, GetParam().trace));
+    m_board.bri().sendHex(std::string("0170772f 00000064 00000064") + row().body);
+    EXPECT_TRUE(m_board.traced(4, row().trace));
     EXPECT_TRUE(m_board.bri().nothingReceived());
     EXPECT_TRUE(m_client.isServerFound());
     EXPECT_FALSE(m_client.isConnected());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowBriRejectTest,
-    testing::Values(
-        BriRejectRow{
-            "revision", "0801",
-            "ABN: Merlow connection to the BRI Server has been rejected: NO_SUPPORTED_PROTOCOL_REVISION"},
-        BriRejectRow{
-            "connections", "0802",
-            "ABN: Merlow connection to the BRI Server has been rejected: MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"},
-        BriRejectRow{"none", "", "ABN: bri::ConnEstablishRej provided no reason"},
-        BriRejectRow{"unknown", "0809", "ABN: bri::ConnEstablishRej provided no reason"}),
-    [](const auto& row) { return row.param.name; });
+const BriRejectRow briRejectRows[] = {
+    {"revision", "0801",
+     "ABN: Merlow connection to the BRI Server has been rejected: NO_SUPPORTED_PROTOCOL_REVISION"},
+    {"connections", "0802",
+     "ABN: Merlow connection to the BRI Server has been rejected: MAX_NUMBER_OF_CONNECTIONS_EXCEEDED"},
+    {"none", "", "ABN: bri::ConnEstablishRej provided no reason"},
+    {"unknown", "0809", "ABN: bri::ConnEstablishRej provided no reason"}};
+TEST_ROWS(all, MerlowBriRejectTest, briRejectRows);
 
 TEST_F(MerlowBriTest, unreadableRejectIsTraced)
 {
@@ -179,46 +171,40 @@ struct CapabilityRow {
     unsigned int id;
 };
 
-void PrintTo(const CapabilityRow& row, std::ostream* out)
-{
-    *out << row.type;
-}
+class MerlowBriCapabilityTest : public MerlowBriTest, public WithRow<CapabilityRow> {};
 
-class MerlowBriCapabilityTest : public MerlowBriTest, public testing::WithParamInterface<CapabilityRow> {};
-
-TEST_P(MerlowBriCapabilityTest, eachValueGivesItsRecord)
+ROW_TEST(MerlowBriCapabilityTest, eachValueGivesItsRecord)
 {
     connect();
     m_board.traces().clear();
     m_board.bri().sendBody(bri::GetCapabilitiesCfm::MESSAGE_NUMBER, 3,
-                           {'\x08', static_cast<char>(GetParam().type)});
+                           {'\x08', static_cast<char>(row().type)});
     ASSERT_EQ(capabilities().size(), 1U);
-    EXPECT_EQ(capabilities()[0]->id, GetParam().id);
+    EXPECT_EQ(capabilities()[0]->id, row().id);
     EXPECT_TRUE(m_client.areCapabilitiesReceived());
     EXPECT_TRUE(m_board.traced(17, "handleBriGetCapabilitiesCfm"));
-    if (GetParam().trace != nullptr) {
-        EXPECT_TRUE(m_board.traced(5, GetParam().trace));
+    if (row().trace != nullptr) {
+        EXPECT_TRUE(m_board.traced(5, row().trace));
     } else {
         EXPECT_FALSE(m_board.traces().contains(5, "adding"));
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowBriCapabilityTest,
-                         testing::Values(CapabilityRow{0, "adding 'Utc Time' Capability", 37},
-                                         CapabilityRow{1, "adding 'Hw Log' Capability", 38},
-                                         CapabilityRow{2, "adding 'Product Inventory' Capability", 39},
-                                         CapabilityRow{3, "adding 'ContainerPid' Capability", 40},
-                                         CapabilityRow{4, "adding 'IntegratedHwCategory_1' Capability", 41},
-                                         CapabilityRow{5, "adding 'MarketPid' Capability", 42},
-                                         CapabilityRow{6, "adding 'ExtendedMarketPid' Capability", 43},
-                                         CapabilityRow{7, "adding 'NotifyRestart' Capability", 44},
-                                         CapabilityRow{8, "adding 'TemperatureLevelMeasurement' Capability",
-                                                       46},
-                                         CapabilityRow{9, "adding 'ClimateControl' Capability", 47},
-                                         CapabilityRow{10, "adding 'RestartNotification' Capability", 48},
-                                         CapabilityRow{11, "adding 'RestartRankLabel' Capability", 49},
-                                         CapabilityRow{12, nullptr, 50}),
-                         [](const auto& row) { return std::to_string(row.param.type); });
+const CapabilityRow capabilityRows[] = {{0, "adding 'Utc Time' Capability", 37},
+                                        {1, "adding 'Hw Log' Capability", 38},
+                                        {2, "adding 'Product Inventory' Capability", 39},
+                                        {3, "adding 'ContainerPid' Capability", 40},
+                                        {4, "adding 'IntegratedHwCategory_1' Capability", 41},
+                                        {5, "adding 'MarketPid' Capability", 42},
+                                        {6, "adding 'ExtendedMarketPid' Capability", 43},
+                                        {7, "adding 'NotifyRestart' Capability", 44},
+                                        {8, "adding 'TemperatureLevelMeasurement' Capability", 46},
+                                        {9, "adding 'ClimateControl' Capability", 47},
+                                        {10, "adding 'RestartNotification' Capability", 48},
+                                        {11, "adding 'RestartRankLabel' Capability", 49},
+                                        {12, nullptr, 50}};
+TEST_ROWS(all, MerlowBriCapabilityTest, capabilityRows,
+          [](const auto& row) { return std::to_string(row.type); });
 
 TEST_F(MerlowBriTest, unknownValuesDoNotStopTheLoop)
 {

@@ -1,4 +1,5 @@
 #include "merlowCapabilities.h"
+#include "rowTest.h"
 
 #include "board.h"
 #include "brhCapabilities.h"
@@ -165,14 +166,13 @@ const std::map<unsigned int, std::string> reportedIds = {
     {48, "002b 00dc"}, {49, "002d 00dc"}, {50, "002c 00dc"},
 };
 
-class MerlowCapabilitiesIdTest : public MerlowCapabilitiesTest,
-                                 public testing::WithParamInterface<unsigned int> {};
+class MerlowCapabilitiesIdTest : public MerlowCapabilitiesTest, public WithRow<unsigned int> {};
 
-TEST_P(MerlowCapabilitiesIdTest, isTranslatedOrLeftOut)
+ROW_TEST(MerlowCapabilitiesIdTest, isTranslatedOrLeftOut)
 {
-    announce(std::make_shared<Capability>(static_cast<CapSupport_en>(GetParam())));
+    announce(std::make_shared<Capability>(static_cast<CapSupport_en>(row())));
     const auto confirm = ask();
-    const auto reported = reportedIds.find(GetParam());
+    const auto reported = reportedIds.find(row());
     EXPECT_EQ(confirm.size, 236U) << "There is room for what was gathered, whether it is reported or not";
     if (reported == reportedIds.end()) {
         EXPECT_EQ(confirm.header, "01658008 00000007 0000012c 00000000");
@@ -185,7 +185,12 @@ TEST_P(MerlowCapabilitiesIdTest, isTranslatedOrLeftOut)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowCapabilitiesIdTest, testing::Range(0U, 64U));
+const auto idsAndBeyond = [] {
+    std::array<unsigned int, 64> ids{};
+    std::iota(ids.begin(), ids.end(), 0U);
+    return ids;
+}();
+TEST_ROWS(all, MerlowCapabilitiesIdTest, idsAndBeyond);
 
 // The sources
 
@@ -229,20 +234,14 @@ struct SwayCapabilityRow {
     std::size_t size;
 };
 
-void PrintTo(const SwayCapabilityRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowCapabilitiesSwayTest : public MerlowCapabilitiesTest, public WithRow<SwayCapabilityRow> {};
 
-class MerlowCapabilitiesSwayTest : public MerlowCapabilitiesTest,
-                                   public testing::WithParamInterface<SwayCapabilityRow> {};
-
-TEST_P(MerlowCapabilitiesSwayTest, becomesItsRecords)
+ROW_TEST(MerlowCapabilitiesSwayTest, becomesItsRecords)
 {
-    announceSway(GetParam().body);
+    announceSway(row().body);
     const auto confirm = ask();
-    EXPECT_EQ(confirm.records, GetParam().records);
-    EXPECT_EQ(confirm.size, GetParam().size);
+    EXPECT_EQ(confirm.records, row().records);
+    EXPECT_EQ(confirm.size, row().size);
 }
 
 const SwayCapabilityRow swayRows[] = {
@@ -265,37 +264,28 @@ const SwayCapabilityRow swayRows[] = {
      896},
 };
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowCapabilitiesSwayTest, testing::ValuesIn(swayRows),
-                         [](const auto& row) { return row.param.name; });
+TEST_ROWS(all, MerlowCapabilitiesSwayTest, swayRows);
 
 struct LockableStoreRow {
     std::uint16_t revision; ///< 0: no session
     bool isReported;
 };
 
-void PrintTo(const LockableStoreRow& row, std::ostream* out)
-{
-    *out << "revision " << row.revision;
-}
+class MerlowCapabilitiesLockableTest : public MerlowCapabilitiesTest, public WithRow<LockableStoreRow> {};
 
-class MerlowCapabilitiesLockableTest : public MerlowCapabilitiesTest,
-                                       public testing::WithParamInterface<LockableStoreRow> {};
-
-TEST_P(MerlowCapabilitiesLockableTest, goesByTheSessionsRevision)
+ROW_TEST(MerlowCapabilitiesLockableTest, goesByTheSessionsRevision)
 {
     announceSway({0x1a, 0x00});
-    const auto client = GetParam().revision == 0
-                            ? m_board.newClient()
-                            : m_board.connectClient({.protocolRev = GetParam().revision});
+    const auto client =
+        row().revision == 0 ? m_board.newClient() : m_board.connectClient({.protocolRev = row().revision});
     const auto confirm = ask(client);
-    EXPECT_EQ(confirm.records, GetParam().isReported ? Texts({"000b 00dc", "000c 00dc"}) : Texts());
-    EXPECT_EQ(confirm.size, GetParam().isReported ? 456U : 236U);
+    EXPECT_EQ(confirm.records, row().isReported ? Texts({"000b 00dc", "000c 00dc"}) : Texts());
+    EXPECT_EQ(confirm.size, row().isReported ? 456U : 236U);
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowCapabilitiesLockableTest,
-                         testing::Values(LockableStoreRow{0, true}, LockableStoreRow{1, false},
-                                         LockableStoreRow{2, true}, LockableStoreRow{3, true}),
-                         [](const auto& row) { return std::to_string(row.param.revision); });
+const LockableStoreRow lockableStoreRows[] = {{0, true}, {1, false}, {2, true}, {3, true}};
+TEST_ROWS(all, MerlowCapabilitiesLockableTest, lockableStoreRows,
+          [](const auto& row) { return "revision" + std::to_string(row.revision); });
 
 // The market name, which clients of one kind are not to ask one kind of unit for
 
@@ -307,39 +297,31 @@ struct MarketPidRow {
     bool isReported;
 };
 
-void PrintTo(const MarketPidRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowCapabilitiesMarketPidTest : public MerlowCapabilitiesTest, public WithRow<MarketPidRow> {};
 
-class MerlowCapabilitiesMarketPidTest : public MerlowCapabilitiesTest,
-                                        public testing::WithParamInterface<MarketPidRow> {};
-
-TEST_P(MerlowCapabilitiesMarketPidTest, goesByProductAndReference)
+ROW_TEST(MerlowCapabilitiesMarketPidTest, goesByProductAndReference)
 {
     announce(std::make_shared<MarketPid>());
     announce(std::make_shared<ContainerPid>());
     m_board.commonData().setProductInfoCache(
-        {.productName = GetParam().productName, .isComplete = GetParam().isComplete});
-    const auto confirm = ask(m_board.connectClient(), std::string("00000007 ") + GetParam().serverRef);
-    EXPECT_EQ(confirm.records,
-              GetParam().isReported ? Texts({"0019 00dc", "000d 00dc"}) : Texts({"000d 00dc"}));
+        {.productName = row().productName, .isComplete = row().isComplete});
+    const auto confirm = ask(m_board.connectClient(), std::string("00000007 ") + row().serverRef);
+    EXPECT_EQ(confirm.records, row().isReported ? Texts({"0019 00dc", "000d 00dc"}) : Texts({"000d 00dc"}));
     EXPECT_EQ(confirm.size, 456U);
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowCapabilitiesMarketPidTest,
-                         testing::Values(MarketPidRow{"gsm", true, "KPX 40", "00000096", false},
-                                         MarketPidRow{"nameAlone", true, "KPX", "00000096", false},
-                                         MarketPidRow{"firstReference", true, "KPX 40", "00000064", false},
-                                         MarketPidRow{"lastReference", true, "KPX 40", "000000c7", false},
-                                         MarketPidRow{"below", true, "KPX 40", "00000063", true},
-                                         MarketPidRow{"above", true, "KPX 40", "000000c8", true},
-                                         MarketPidRow{"negative", true, "KPX 40", "ffffff96", true},
-                                         MarketPidRow{"otherUnit", true, "MLU KPX", "00000096", true},
-                                         MarketPidRow{"shortName", true, "KP", "00000096", true},
-                                         MarketPidRow{"incomplete", false, "KPX 40", "00000096", true},
-                                         MarketPidRow{"nothingKnown", false, "", "00000096", true}),
-                         [](const auto& row) { return row.param.name; });
+const MarketPidRow marketPidRows[] = {{"gsm", true, "KPX 40", "00000096", false},
+                                      {"nameAlone", true, "KPX", "00000096", false},
+                                      {"firstReference", true, "KPX 40", "00000064", false},
+                                      {"lastReference", true, "KPX 40", "000000c7", false},
+                                      {"below", true, "KPX 40", "00000063", true},
+                                      {"above", true, "KPX 40", "000000c8", true},
+                                      {"negative", true, "KPX 40", "ffffff96", true},
+                                      {"otherUnit", true, "MLU KPX", "00000096", true},
+                                      {"shortName", true, "KP", "00000096", true},
+                                      {"incomplete", false, "KPX 40", "00000096", true},
+                                      {"nothingKnown", false, "", "00000096", true}};
+TEST_ROWS(all, MerlowCapabilitiesMarketPidTest, marketPidRows);
 
 // What records say
 

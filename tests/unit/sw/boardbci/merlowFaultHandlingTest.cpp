@@ -1,4 +1,5 @@
 #include "merlowFaultHandling.h"
+#include "rowTest.h"
 
 #include "board.h"
 #include "merlowUtil.h"
@@ -28,11 +29,6 @@ struct Kind {
 const Kind byDefault{"0165800a", "0165800b", "TARN_BC_SUBSCRIBE_FAULTS_REQ"};
 const Kind withLabel{"0165a107", "0165a104", "TARN_BC_SUBSCRIBE_FAULTS_WITH_HW_FAULT_LABEL_REQ"};
 const Kind withRecoveryTime{"0165a004", "0165a002", "TARN_BC_SUBSCRIBE_FAULTS_WITH_RECOVERY_TIME_REQ"};
-
-void PrintTo(const Kind& kind, std::ostream* out)
-{
-    *out << kind.name;
-}
 
 constexpr const char* refs = " 00000007 0000012c";
 
@@ -84,54 +80,54 @@ protected:
     MerlowFaultHandling& m_handling = m_board.add<MerlowFaultHandling>();
 };
 
-class FaultKindTest : public MerlowFaultHandlingTest, public testing::WithParamInterface<Kind> {};
+class FaultKindTest : public MerlowFaultHandlingTest, public WithRow<Kind> {};
 
 } // namespace
 
 // Subscribing
 
-TEST_P(FaultKindTest, isConfirmedWithTheReferencesOfTheRequest)
+ROW_TEST(FaultKindTest, isConfirmedWithTheReferencesOfTheRequest)
 {
     const auto client = m_board.connectClient();
-    client.sendHex(std::string(GetParam().req) + " 80000001 fffffffe");
-    EXPECT_EQ(client.receivedHex(), std::string(GetParam().cfm) + " 80000001 fffffffe");
+    client.sendHex(std::string(row().req) + " 80000001 fffffffe");
+    EXPECT_EQ(client.receivedHex(), std::string(row().cfm) + " 80000001 fffffffe");
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_EQ(m_handling.getNumSubscribers(), 1U);
 }
 
-TEST_P(FaultKindTest, aRepetitionIsConfirmedAgainAndStandsOnce)
+ROW_TEST(FaultKindTest, aRepetitionIsConfirmedAgainAndStandsOnce)
 {
     const auto client = m_board.connectClient();
-    subscribe(client, GetParam());
-    subscribe(client, GetParam());
+    subscribe(client, row());
+    subscribe(client, row());
     EXPECT_EQ(m_handling.getNumSubscribers(), 1U);
 }
 
-TEST_P(FaultKindTest, otherReferencesAreAnotherSubscription)
+ROW_TEST(FaultKindTest, otherReferencesAreAnotherSubscription)
 {
     const auto client = m_board.connectClient();
-    subscribe(client, GetParam());
-    subscribe(client, GetParam(), " 00000008 0000012c");
-    subscribe(client, GetParam(), " 00000007 0000012d");
+    subscribe(client, row());
+    subscribe(client, row(), " 00000008 0000012c");
+    subscribe(client, row(), " 00000007 0000012d");
     const auto other = m_board.connectClient();
-    subscribe(other, GetParam());
+    subscribe(other, row());
     EXPECT_EQ(m_handling.getNumSubscribers(), 4U);
 }
 
-TEST_P(FaultKindTest, aStrangerGetsNoAnswer)
+ROW_TEST(FaultKindTest, aStrangerGetsNoAnswer)
 {
     const auto stranger = m_board.newClient();
-    stranger.sendHex(std::string(GetParam().req) + " 00000007 fffffffe");
-    EXPECT_TRUE(m_board.traced(4, std::string("ABN: ") + GetParam().name +
+    stranger.sendHex(std::string(row().req) + " 00000007 fffffffe");
+    EXPECT_TRUE(m_board.traced(4, std::string("ABN: ") + row().name +
                                       " ignored, serverRef 4294967294 is not connected"));
     EXPECT_TRUE(stranger.nothingReceived());
     EXPECT_EQ(m_handling.getNumSubscribers(), 0U);
 }
 
-TEST_P(FaultKindTest, theRequestIsReadAtEveryLength)
+ROW_TEST(FaultKindTest, theRequestIsReadAtEveryLength)
 {
     const auto client = m_board.connectClient();
-    const auto whole = support::messageFromHex(GetParam().req + std::string(refs) + " deadbeef");
+    const auto whole = support::messageFromHex(row().req + std::string(refs) + " deadbeef");
     for (std::size_t size = 4; size <= whole.size(); ++size) {
         SCOPED_TRACE(size);
         m_board.traces().clear();
@@ -142,23 +138,23 @@ TEST_P(FaultKindTest, theRequestIsReadAtEveryLength)
             EXPECT_TRUE(m_board.traces().contains(4, "too short: " + std::to_string(size) + " of 12 bytes"));
             EXPECT_TRUE(m_board.traces().contains(4, "ABN: "));
         } else {
-            EXPECT_EQ(client.receivedHex(), GetParam().cfm + std::string(refs));
+            EXPECT_EQ(client.receivedHex(), row().cfm + std::string(refs));
         }
     }
 }
 
-TEST_P(FaultKindTest, onlyTheDefaultKindCarriesTraffic)
+ROW_TEST(FaultKindTest, onlyTheDefaultKindCarriesTraffic)
 {
     const auto client = m_board.connectClient();
     raise(0x0704);
-    subscribe(client, GetParam());
+    subscribe(client, row());
     raise(0x0705);
     cease(0x0705);
-    EXPECT_EQ(drain(client), GetParam().req == byDefault.req ? 3U : 0U);
+    EXPECT_EQ(drain(client), row().req == byDefault.req ? 3U : 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, FaultKindTest, testing::Values(byDefault, withLabel, withRecoveryTime),
-                         [](const auto& row) { return std::string(row.param.name); });
+const Kind kinds[] = {byDefault, withLabel, withRecoveryTime};
+TEST_ROWS(Kinds, FaultKindTest, kinds);
 
 TEST_F(MerlowFaultHandlingTest, theConfirmComesFirstAndWhatIsShownAfterIt)
 {

@@ -1,4 +1,5 @@
 #include "merlowHereIAm.h"
+#include "rowTest.h"
 
 #include "mmiFixture.h"
 
@@ -102,33 +103,23 @@ struct HereIAmIndRow {
     const char* state;
 };
 
-void PrintTo(const HereIAmIndRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowHereIAmIndTest : public MerlowHereIAmTest, public WithRow<HereIAmIndRow> {};
 
-class MerlowHereIAmIndTest : public MerlowHereIAmTest, public testing::WithParamInterface<HereIAmIndRow> {};
-
-TEST_P(MerlowHereIAmIndTest, theStateGoesOutAsItCame)
+ROW_TEST(MerlowHereIAmIndTest, theStateGoesOutAsItCame)
 {
     const auto client = subscriber();
     for (int i = 0; i < 2; ++i) {
-        m_board.bmmi().sendHex(std::string("01707595 00000001 00000065 ") + GetParam().body);
-        EXPECT_EQ(client.receivedHex(),
-                  std::string("0165a407 00000007 fffffffe ") + GetParam().state + "0000");
+        m_board.bmmi().sendHex(std::string("01707595 00000001 00000065 ") + row().body);
+        EXPECT_EQ(client.receivedHex(), std::string("0165a407 00000007 fffffffe ") + row().state + "0000");
         EXPECT_TRUE(client.nothingReceived());
     }
     EXPECT_EQ(openTransactions(), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowHereIAmIndTest,
-                         testing::Values(HereIAmIndRow{"zero", "0800", "0000"},
-                                         HereIAmIndRow{"one", "0801", "0001"},
-                                         HereIAmIndRow{"two", "0802", "0002"},
-                                         HereIAmIndRow{"ninetynine", "0863", "0063"},
-                                         HereIAmIndRow{"largest", "08ffff03", "ffff"},
-                                         HereIAmIndRow{"cutTo16Bits", "08818004", "0001"}),
-                         [](const auto& row) { return row.param.name; });
+const HereIAmIndRow hereIAmIndRows[] = {{"zero", "0800", "0000"},        {"one", "0801", "0001"},
+                                        {"two", "0802", "0002"},         {"ninetynine", "0863", "0063"},
+                                        {"largest", "08ffff03", "ffff"}, {"cutTo16Bits", "08818004", "0001"}};
+TEST_ROWS(all, MerlowHereIAmIndTest, hereIAmIndRows);
 
 TEST_F(MerlowHereIAmTest, anIndicationWithoutAStateIsDroppedBeforeItsClientIsSought)
 {
@@ -151,38 +142,31 @@ struct HereIAmOrderRow {
     const char* decimal;
 };
 
-void PrintTo(const HereIAmOrderRow& row, std::ostream* out)
-{
-    *out << row.state;
-}
+class MerlowHereIAmOrderTest : public MerlowHereIAmTest, public WithRow<HereIAmOrderRow> {};
 
-class MerlowHereIAmOrderTest : public MerlowHereIAmTest,
-                               public testing::WithParamInterface<HereIAmOrderRow> {};
-
-TEST_P(MerlowHereIAmOrderTest, goesOutUnderTheSubscriptionOrIsRejected)
+ROW_TEST(MerlowHereIAmOrderTest, goesOutUnderTheSubscriptionOrIsRejected)
 {
     const auto client = subscriber();
-    client.sendHex(std::string("0165a401 00000011 00000022 ") + GetParam().state);
-    if (GetParam().order != nullptr) {
+    client.sendHex(std::string("0165a401 00000011 00000022 ") + row().state);
+    if (row().order != nullptr) {
         EXPECT_EQ(m_board.bmmi().receivedHex(),
-                  std::string("0170758c 00000001 00c0ffee 083710") + GetParam().order);
+                  std::string("0170758c 00000001 00c0ffee 083710") + row().order);
         EXPECT_TRUE(client.nothingReceived());
     } else {
         EXPECT_EQ(client.receivedHex(), "0165a403 00000011 00000022 " +
                                             rejectTail("TARN_BC_ORDE_HERE_I_AM_REQ has an invalid state."));
         EXPECT_TRUE(m_board.bmmi().nothingReceived());
         EXPECT_TRUE(m_board.traced(4, std::string("ABN: TARN_BC_ORDE_HERE_I_AM_REQ has an invalid state: ") +
-                                          GetParam().decimal));
+                                          row().decimal));
     }
     EXPECT_EQ(openTransactions(), 1U) << "an order has no transaction of its own";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowHereIAmOrderTest,
-    testing::Values(HereIAmOrderRow{"0000", nullptr, "0"}, HereIAmOrderRow{"0001", "01", "1"},
-                    HereIAmOrderRow{"0002", "02", "2"}, HereIAmOrderRow{"0003", nullptr, "3"},
-                    HereIAmOrderRow{"0100", nullptr, "256"}, HereIAmOrderRow{"ffff", nullptr, "65535"}),
-    [](const auto& row) { return "state" + std::string(row.param.decimal); });
+const HereIAmOrderRow hereIAmOrderRows[] = {{"0000", nullptr, "0"},   {"0001", "01", "1"},
+                                            {"0002", "02", "2"},      {"0003", nullptr, "3"},
+                                            {"0100", nullptr, "256"}, {"ffff", nullptr, "65535"}};
+TEST_ROWS(all, MerlowHereIAmOrderTest, hereIAmOrderRows,
+          [](const auto& row) { return "state" + std::string(row.decimal); });
 
 TEST_F(MerlowHereIAmTest, refusalsComeInOrder)
 {
@@ -233,36 +217,29 @@ struct HereIAmCfmRow {
     std::string text;
 };
 
-void PrintTo(const HereIAmCfmRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowHereIAmCfmTest : public MerlowHereIAmTest, public WithRow<HereIAmCfmRow> {};
 
-class MerlowHereIAmCfmTest : public MerlowHereIAmTest, public testing::WithParamInterface<HereIAmCfmRow> {};
-
-TEST_P(MerlowHereIAmCfmTest, carriesTheReferencesOfTheSubscription)
+ROW_TEST(MerlowHereIAmCfmTest, carriesTheReferencesOfTheSubscription)
 {
     const auto client = subscriber();
     client.sendHex("0165a401 00000011 00000022 0001");
-    m_board.bmmi().sendBody(0x170758D, 1, GetParam().body);
+    m_board.bmmi().sendBody(0x170758D, 1, row().body);
     support::Bytes text(4 + 128); // behind a number, which is cut off again
-    std::copy(GetParam().text.begin(), GetParam().text.end(), text.begin() + 4);
-    EXPECT_EQ(client.receivedHex(), std::string("0165a402 00000007 fffffffe ") + GetParam().status + "0000 " +
+    std::copy(row().text.begin(), row().text.end(), text.begin() + 4);
+    EXPECT_EQ(client.receivedHex(), std::string("0165a402 00000007 fffffffe ") + row().status + "0000 " +
                                         support::messageToHex(text).substr(9));
     EXPECT_EQ(openTransactions(), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowHereIAmCfmTest,
-                         testing::Values(HereIAmCfmRow{"empty", "", "0000", ""},
-                                         HereIAmCfmRow{"statusAlone", "\x10\x07", "0007", ""},
-                                         HereIAmCfmRow{"textAlone", "\x0a\x02ok", "0000", "ok"},
-                                         HereIAmCfmRow{"both", "\x0a\x02ok\x10\xff\xff\x03", "ffff", "ok"},
-                                         HereIAmCfmRow{"statusCutTo16Bits", "\x10\x81\x80\x04", "0001", ""},
-                                         HereIAmCfmRow{"longestText", "\x0a\x7f" + std::string(127, 'x'),
-                                                       "0000", std::string(127, 'x')},
-                                         HereIAmCfmRow{"cutText", "\x0a\x80\x01" + std::string(128, 'x'),
-                                                       "0000", std::string(127, 'x')}),
-                         [](const auto& row) { return row.param.name; });
+const HereIAmCfmRow hereIAmCfmRows[] = {
+    {"empty", "", "0000", ""},
+    {"statusAlone", "\x10\x07", "0007", ""},
+    {"textAlone", "\x0a\x02ok", "0000", "ok"},
+    {"both", "\x0a\x02ok\x10\xff\xff\x03", "ffff", "ok"},
+    {"statusCutTo16Bits", "\x10\x81\x80\x04", "0001", ""},
+    {"longestText", "\x0a\x7f" + std::string(127, 'x'), "0000", std::string(127, 'x')},
+    {"cutText", "\x0a\x80\x01" + std::string(128, 'x'), "0000", std::string(127, 'x')}};
+TEST_ROWS(all, MerlowHereIAmCfmTest, hereIAmCfmRows);
 
 TEST_F(MerlowHereIAmTest, aRefusedOrderLeavesTheSubscription)
 {
@@ -340,41 +317,34 @@ struct HereIAmAnswer {
     bool endsTheTransaction;
 };
 
-void PrintTo(const HereIAmAnswer& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowHereIAmAnswerTest : public MerlowHereIAmTest, public WithRow<HereIAmAnswer> {};
 
-class MerlowHereIAmAnswerTest : public MerlowHereIAmTest,
-                                public testing::WithParamInterface<HereIAmAnswer> {};
-
-TEST_P(MerlowHereIAmAnswerTest, afterTheSessionFindsNobody)
+ROW_TEST(MerlowHereIAmAnswerTest, afterTheSessionFindsNobody)
 {
     const auto client = mmiUser();
     client.sendHex("0165a404 00000007 fffffffe");
     m_board.endSession(client); // while it subscribes: its transaction stays
     EXPECT_FALSE(m_board.traces().contains(5, "remove procedureRef"));
     EXPECT_EQ(openTransactions(), 1U);
-    m_board.bmmi().sendBody(GetParam().number, 1, GetParam().body);
+    m_board.bmmi().sendBody(row().number, 1, row().body);
     EXPECT_TRUE(m_board.traced(4, "ABN: No BC session found for mailbox ID: " + hexOf(client.mbox()) +
-                                      ". Ignoring " + GetParam().name + "."));
+                                      ". Ignoring " + row().name + "."));
     EXPECT_TRUE(client.nothingReceived());
-    EXPECT_EQ(openTransactions(), GetParam().endsTheTransaction ? 0U : 1U);
+    EXPECT_EQ(openTransactions(), row().endsTheTransaction ? 0U : 1U);
 }
 
-TEST_P(MerlowHereIAmAnswerTest, isReadAtEveryLength)
+ROW_TEST(MerlowHereIAmAnswerTest, isReadAtEveryLength)
 {
     const auto client = subscriber();
-    expectDroppedAtEveryLength(GetParam().number, GetParam().name, 1);
+    expectDroppedAtEveryLength(row().number, row().name, 1);
     EXPECT_TRUE(client.nothingReceived());
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowHereIAmAnswerTest,
-                         testing::Values(HereIAmAnswer{"OrderHereIAmCfm", 0x170758D, "", false},
-                                         HereIAmAnswer{"OrderHereIAmRej", 0x170758E, "", false},
-                                         HereIAmAnswer{"SubscribeHereIAmStateCfm", 0x1707590, "", false},
-                                         HereIAmAnswer{"SubscribeHereIAmStateRej", 0x1707591, "", true},
-                                         HereIAmAnswer{"HereIAmStateInd", 0x1707595, "\x08\x01", false}),
-                         [](const auto& row) { return row.param.name; });
+const HereIAmAnswer hereIAmAnswers[] = {{"OrderHereIAmCfm", 0x170758D, "", false},
+                                        {"OrderHereIAmRej", 0x170758E, "", false},
+                                        {"SubscribeHereIAmStateCfm", 0x1707590, "", false},
+                                        {"SubscribeHereIAmStateRej", 0x1707591, "", true},
+                                        {"HereIAmStateInd", 0x1707595, "\x08\x01", false}};
+TEST_ROWS(all, MerlowHereIAmAnswerTest, hereIAmAnswers);
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "merlowHwLog.h"
+#include "rowTest.h"
 
 #include "board.h"
 #include "bri.pb.h"
@@ -123,19 +124,14 @@ struct HwLogFitRow {
     std::string packed; ///< up to the zeros
 };
 
-void PrintTo(const HwLogFitRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowHwLogFitTest : public MerlowHwLogTest, public WithRow<HwLogFitRow> {};
 
-class MerlowHwLogFitTest : public MerlowHwLogTest, public testing::WithParamInterface<HwLogFitRow> {};
-
-TEST_P(MerlowHwLogFitTest, theAnswerEndsWithTheLastEntryThatFits)
+ROW_TEST(MerlowHwLogFitTest, theAnswerEndsWithTheLastEntryThatFits)
 {
     const auto client = m_board.connectClient();
     client.sendHex("0165920d 00000007 0000012c 00000005");
     bri::HwLogGetCfm cfm;
-    for (const std::string& entry : GetParam().entries) {
+    for (const std::string& entry : row().entries) {
         cfm.add_entries(entry);
     }
     m_board.bri().answer(m_board.bri().expect<bri::HwLogGetReq>(), cfm);
@@ -143,32 +139,30 @@ TEST_P(MerlowHwLogFitTest, theAnswerEndsWithTheLastEntryThatFits)
     ASSERT_TRUE(received);
     ASSERT_EQ(received->bytes.size(), 440U);
     EXPECT_EQ(received->msgNo, 0x165920EU);
-    EXPECT_EQ(support::wordAt(received->bytes, 12), GetParam().length);
+    EXPECT_EQ(support::wordAt(received->bytes, 12), row().length);
     EXPECT_EQ(std::string(received->bytes.begin() + 16, received->bytes.end()),
-              zeroPadded(GetParam().packed, 424));
-    EXPECT_EQ(m_board.traces().count(4, "ABN: HwLogGetCfm: only " + std::to_string(GetParam().length) +
-                                            " of " + std::to_string(GetParam().entries.size()) +
+              zeroPadded(row().packed, 424));
+    EXPECT_EQ(m_board.traces().count(4, "ABN: HwLogGetCfm: only " + std::to_string(row().length) + " of " +
+                                            std::to_string(row().entries.size()) +
                                             " entries fit into TARN_BC_HWLOG_GET_CFM"),
-              GetParam().length < GetParam().entries.size() ? 1U : 0U);
+              row().length < row().entries.size() ? 1U : 0U);
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowHwLogFitTest,
-    testing::Values(
-        HwLogFitRow{"none", {}, 0, ""},
-        HwLogFitRow{"emptyOnes", {"", "", "a", ""}, 4, std::string("\0\0a", 3)},
-        HwLogFitRow{"justFits", {std::string(423, 'x')}, 1, std::string(423, 'x')},
-        HwLogFitRow{"oneTooLong", {std::string(424, 'x')}, 0, ""},
-        HwLogFitRow{"muchTooLong", {std::string(100000, 'x')}, 0, ""},
-        HwLogFitRow{"nothingBehindOneThatDoesNotFit", {"a", std::string(424, 'x'), "b"}, 1, "a"},
-        HwLogFitRow{"twoFillItAndAnEmptyOneIsTooMuch",
-                    {std::string(200, 'x'), std::string(222, 'y'), ""},
-                    2,
-                    std::string(200, 'x') + '\0' + std::string(222, 'y')},
-        HwLogFitRow{"asManyAsThereAreBytes", std::vector<std::string>(425, ""), 424, ""},
-        HwLogFitRow{"anEntryEndsWithItsFirstNul", {std::string("a\0b", 3), "c"}, 2, std::string("a\0c", 3)}),
-    [](const auto& row) { return row.param.name; });
+const HwLogFitRow hwLogFitRows[] = {
+    {"none", {}, 0, ""},
+    {"emptyOnes", {"", "", "a", ""}, 4, std::string("\0\0a", 3)},
+    {"justFits", {std::string(423, 'x')}, 1, std::string(423, 'x')},
+    {"oneTooLong", {std::string(424, 'x')}, 0, ""},
+    {"muchTooLong", {std::string(100000, 'x')}, 0, ""},
+    {"nothingBehindOneThatDoesNotFit", {"a", std::string(424, 'x'), "b"}, 1, "a"},
+    {"twoFillItAndAnEmptyOneIsTooMuch",
+     {std::string(200, 'x'), std::string(222, 'y'), ""},
+     2,
+     std::string(200, 'x') + '\0' + std::string(222, 'y')},
+    {"asManyAsThereAreBytes", std::vector<std::string>(425, ""), 424, ""},
+    {"anEntryEndsWithItsFirstNul", {std::string("a\0b", 3), "c"}, 2, std::string("a\0c", 3)}};
+TEST_ROWS(all, MerlowHwLogFitTest, hwLogFitRows);
 
 struct HwLogGetRejectRow {
     bri::HwLogGetRej::ErrorType errorType;
@@ -176,23 +170,17 @@ struct HwLogGetRejectRow {
     const char* text;
 };
 
-void PrintTo(const HwLogGetRejectRow& row, std::ostream* out)
-{
-    *out << row.text;
-}
+class MerlowHwLogGetRejectTest : public MerlowHwLogTest, public WithRow<HwLogGetRejectRow> {};
 
-class MerlowHwLogGetRejectTest : public MerlowHwLogTest,
-                                 public testing::WithParamInterface<HwLogGetRejectRow> {};
-
-TEST_P(MerlowHwLogGetRejectTest, isTranslated)
+ROW_TEST(MerlowHwLogGetRejectTest, isTranslated)
 {
     const auto client = m_board.connectClient();
     client.sendHex("0165920d 00000007 0000012c 00000005");
     const auto briReq = m_board.bri().expect<bri::HwLogGetReq>();
     bri::HwLogGetRej rej;
-    rej.set_errortype(GetParam().errorType);
+    rej.set_errortype(row().errorType);
     m_board.bri().answer(briReq, rej);
-    EXPECT_EQ(client.receivedHex(), hwLogReject("0165920f", GetParam().errorCode, GetParam().text));
+    EXPECT_EQ(client.receivedHex(), hwLogReject("0165920f", row().errorCode, row().text));
     EXPECT_EQ(openTransactions(), 0U);
 
     m_board.traces().clear();
@@ -202,13 +190,12 @@ TEST_P(MerlowHwLogGetRejectTest, isTranslated)
         << m_board.traces().dump();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowHwLogGetRejectTest,
-    testing::Values(HwLogGetRejectRow{bri::HwLogGetRej::LOG_ID_OUT_OF_RANGE, "0002", "logId out of range"},
-                    HwLogGetRejectRow{bri::HwLogGetRej::READ_FAILED, "0001",
-                                      "Reading from HW log has failed"},
-                    HwLogGetRejectRow{bri::HwLogGetRej::UNKNOWN, "0001", "ABN: Unknown ErrorCode!"}),
-    [](const auto& row) { return bri::HwLogGetRej::ErrorType_Name(row.param.errorType); });
+const HwLogGetRejectRow hwLogGetRejectRows[] = {
+    {bri::HwLogGetRej::LOG_ID_OUT_OF_RANGE, "0002", "logId out of range"},
+    {bri::HwLogGetRej::READ_FAILED, "0001", "Reading from HW log has failed"},
+    {bri::HwLogGetRej::UNKNOWN, "0001", "ABN: Unknown ErrorCode!"}};
+TEST_ROWS(all, MerlowHwLogGetRejectTest, hwLogGetRejectRows,
+          [](const auto& row) { return bri::HwLogGetRej::ErrorType_Name(row.errorType); });
 
 TEST_F(MerlowHwLogTest, aRejectWithoutItsReasonIsIgnoredAndTheRequestStaysOpen)
 {
@@ -363,44 +350,34 @@ struct HwLogSetRejectRow {
     const char* text;
 };
 
-void PrintTo(const HwLogSetRejectRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowHwLogSetRejectTest : public MerlowHwLogTest, public WithRow<HwLogSetRejectRow> {};
 
-class MerlowHwLogSetRejectTest : public MerlowHwLogTest,
-                                 public testing::WithParamInterface<HwLogSetRejectRow> {};
-
-TEST_P(MerlowHwLogSetRejectTest, comesAtOnce)
+ROW_TEST(MerlowHwLogSetRejectTest, comesAtOnce)
 {
     const auto client = m_board.connectClient();
-    auto req = setReq(GetParam().logId, GetParam().length, GetParam().entries);
-    req.resize(GetParam().size);
+    auto req = setReq(row().logId, row().length, row().entries);
+    req.resize(row().size);
     client.sendToServer(req);
-    EXPECT_EQ(client.receivedHex(), hwLogReject("0165920c", GetParam().errorCode, GetParam().text));
+    EXPECT_EQ(client.receivedHex(), hwLogReject("0165920c", row().errorCode, row().text));
     EXPECT_TRUE(m_board.bri().nothingReceived());
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowHwLogSetRejectTest,
-    testing::Values(
-        HwLogSetRejectRow{"logId", 1000, 1, "a", 460, "0002", "logId out of range,logId:1000"},
-        HwLogSetRejectRow{"largestLogId", 0xFFFFFFFF, 1, "a", 460, "0002",
-                          "logId out of range,logId:4294967295"},
-        HwLogSetRejectRow{"logIdBeforeSize", 1000, 1, "a", 32, "0002", "logId out of range,logId:1000"},
-        HwLogSetRejectRow{"logIdBeforeCount", 1000, 9, "a", 460, "0002", "logId out of range,logId:1000"},
-        HwLogSetRejectRow{"aCutLogIdIsZero", 0xFFFFFFFF, 1, "a", 31, "0001",
-                          "input signal (size=31) is too small to be a TarnBcHwLogSetReqS (size=460)"},
-        HwLogSetRejectRow{"size", 999, 1, "a", 459, "0001",
-                          "input signal (size=459) is too small to be a TarnBcHwLogSetReqS (size=460)"},
-        HwLogSetRejectRow{"sizeBeforeCount", 999, 9, "a", 459, "0001",
-                          "input signal (size=459) is too small to be a TarnBcHwLogSetReqS (size=460)"},
-        HwLogSetRejectRow{"count", 999, 2, "a", 460, "0001",
-                          "length field of 2 is different from the number of entries 0"},
-        HwLogSetRejectRow{"largestCount", 2, 0xFFFFFFFF, "a", 460, "0001",
-                          "length field of 4294967295 is different from the number of entries 0"}),
-    [](const auto& row) { return row.param.name; });
+const HwLogSetRejectRow hwLogSetRejectRows[] = {
+    {"logId", 1000, 1, "a", 460, "0002", "logId out of range,logId:1000"},
+    {"largestLogId", 0xFFFFFFFF, 1, "a", 460, "0002", "logId out of range,logId:4294967295"},
+    {"logIdBeforeSize", 1000, 1, "a", 32, "0002", "logId out of range,logId:1000"},
+    {"logIdBeforeCount", 1000, 9, "a", 460, "0002", "logId out of range,logId:1000"},
+    {"aCutLogIdIsZero", 0xFFFFFFFF, 1, "a", 31, "0001",
+     "input signal (size=31) is too small to be a TarnBcHwLogSetReqS (size=460)"},
+    {"size", 999, 1, "a", 459, "0001",
+     "input signal (size=459) is too small to be a TarnBcHwLogSetReqS (size=460)"},
+    {"sizeBeforeCount", 999, 9, "a", 459, "0001",
+     "input signal (size=459) is too small to be a TarnBcHwLogSetReqS (size=460)"},
+    {"count", 999, 2, "a", 460, "0001", "length field of 2 is different from the number of entries 0"},
+    {"largestCount", 2, 0xFFFFFFFF, "a", 460, "0001",
+     "length field of 4294967295 is different from the number of entries 0"}};
+TEST_ROWS(all, MerlowHwLogSetRejectTest, hwLogSetRejectRows);
 
 TEST_F(MerlowHwLogTest, aRequestToWriteIsAnsweredFromItsReferencesOn)
 {
@@ -456,54 +433,46 @@ struct HwLogSetAnswerRow {
     bool isConfirm;
 };
 
-void PrintTo(const HwLogSetAnswerRow& row, std::ostream* out)
-{
-    *out << row.briName << (row.isConfirm ? " confirmed" : " rejected");
-}
+class MerlowHwLogSetAnswerTest : public MerlowHwLogTest, public WithRow<HwLogSetAnswerRow> {};
 
-class MerlowHwLogSetAnswerTest : public MerlowHwLogTest,
-                                 public testing::WithParamInterface<HwLogSetAnswerRow> {};
-
-TEST_P(MerlowHwLogSetAnswerTest, reachesTheClientAndEndsTheRequest)
+ROW_TEST(MerlowHwLogSetAnswerTest, reachesTheClientAndEndsTheRequest)
 {
     const auto client = m_board.connectClient();
-    client.sendToServer(setReq(GetParam().logId, 1, "a"));
-    m_board.bri().sendBody(GetParam().number, 1, "\x08"); // unreadable
+    client.sendToServer(setReq(row().logId, 1, "a"));
+    m_board.bri().sendBody(row().number, 1, "\x08"); // unreadable
     EXPECT_TRUE(m_board.traced(1, std::string("Unable to parse GPB message boardresourcehandler.bri.") +
-                                      GetParam().briName + " of size 13 bytes"));
+                                      row().briName + " of size 13 bytes"));
     EXPECT_EQ(openTransactions(), 1U);
     EXPECT_TRUE(client.nothingReceived());
-    m_board.bri().sendBody(GetParam().number, 1, "");
+    m_board.bri().sendBody(row().number, 1, "");
     EXPECT_EQ(client.receivedHex(),
-              GetParam().isConfirm ? "0165920b 00000007 0000012c" : hwLogReject("0165920c", "0001", ""));
+              row().isConfirm ? "0165920b 00000007 0000012c" : hwLogReject("0165920c", "0001", ""));
     EXPECT_EQ(openTransactions(), 0U);
 
-    m_board.bri().sendBody(GetParam().number, 1, ""); // late
+    m_board.bri().sendBody(row().number, 1, ""); // late
     EXPECT_TRUE(
         m_board.traced(4, std::string("ABN: No BRI transaction was found for procedureRef: 1. Ignoring ") +
-                              GetParam().briName + "."));
+                              row().briName + "."));
     EXPECT_TRUE(client.nothingReceived());
 }
 
-TEST_P(MerlowHwLogSetAnswerTest, afterTheSessionEndsTheRequestToo)
+ROW_TEST(MerlowHwLogSetAnswerTest, afterTheSessionEndsTheRequestToo)
 {
     const auto client = m_board.connectClient();
-    client.sendToServer(setReq(GetParam().logId, 1, "a"));
+    client.sendToServer(setReq(row().logId, 1, "a"));
     m_board.endSession(client);
-    m_board.bri().sendBody(GetParam().number, 1, "");
-    EXPECT_TRUE(m_board.traced(4, traceOfNoSession(client, GetParam().answerName)));
+    m_board.bri().sendBody(row().number, 1, "");
+    EXPECT_TRUE(m_board.traced(4, traceOfNoSession(client, row().answerName)));
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowHwLogSetAnswerTest,
-    testing::Values(HwLogSetAnswerRow{"HwLogSetCfm", 5, 0x170774E, "TARN_BC_HWLOG_SET_CFM", true},
-                    HwLogSetAnswerRow{"HwLogSetRej", 5, 0x170774F, "TARN_BC_HWLOG_SET_REJ", false},
-                    HwLogSetAnswerRow{"StoreNodeConfigEntryCfm", 2, 0x1707765, "TARN_BC_HWLOG_SET_CFM", true},
-                    HwLogSetAnswerRow{"StoreNodeConfigEntryRej", 2, 0x1707766, "TARN_BC_HWLOG_SET_REJ",
-                                      false}),
-    [](const auto& row) { return row.param.briName; });
+const HwLogSetAnswerRow hwLogSetAnswerRows[] = {
+    {"HwLogSetCfm", 5, 0x170774E, "TARN_BC_HWLOG_SET_CFM", true},
+    {"HwLogSetRej", 5, 0x170774F, "TARN_BC_HWLOG_SET_REJ", false},
+    {"StoreNodeConfigEntryCfm", 2, 0x1707765, "TARN_BC_HWLOG_SET_CFM", true},
+    {"StoreNodeConfigEntryRej", 2, 0x1707766, "TARN_BC_HWLOG_SET_REJ", false}};
+TEST_ROWS(all, MerlowHwLogSetAnswerTest, hwLogSetAnswerRows, [](const auto& row) { return row.briName; });
 
 TEST_F(MerlowHwLogTest, unreadableAnswersToReadLeaveTheRequestOpen)
 {
@@ -547,21 +516,16 @@ struct HwLogDataRow {
     bool isMalformed = false;
 };
 
-void PrintTo(const HwLogDataRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class HwLogDataTest : public MerlowHwLogTest, public WithRow<HwLogDataRow> {};
 
-class HwLogDataTest : public MerlowHwLogTest, public testing::WithParamInterface<HwLogDataRow> {};
-
-TEST_P(HwLogDataTest, isUnpacked)
+ROW_TEST(HwLogDataTest, isUnpacked)
 {
-    const std::string whole = zeroPadded(GetParam().area, std::max<std::size_t>(GetParam().area.size(), 424));
+    const std::string whole = zeroPadded(row().area, std::max<std::size_t>(row().area.size(), 424));
     const std::vector<char> area(whole.begin(), whole.end()); // with nothing behind its end
-    EXPECT_EQ(getHwLogData(GetParam().length, {area.data(), area.size()}), GetParam().entries);
+    EXPECT_EQ(getHwLogData(row().length, {area.data(), area.size()}), row().entries);
     EXPECT_EQ(m_board.traces().contains(4, "ABN: Malformed HwLog data can't find all " +
-                                               std::to_string(GetParam().length) + " entries: \""),
-              GetParam().isMalformed);
+                                               std::to_string(row().length) + " entries: \""),
+              row().isMalformed);
 }
 
 std::string repeatedText(const std::string& text, int times)
@@ -573,27 +537,24 @@ std::string repeatedText(const std::string& text, int times)
     return all;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, HwLogDataTest,
-    testing::Values(
-        HwLogDataRow{"noneWanted", 0, "abc", {}}, HwLogDataRow{"one", 1, "abc", {"abc"}},
-        HwLogDataRow{"threeOfFour", 3, std::string("a\0b\0c\0d", 7), {"a", "b", "c"}},
-        HwLogDataRow{"twoOfThree", 3, std::string("a\0b\0\0d", 6), {}, true},
-        HwLogDataRow{"firstIsEmpty", 1, std::string("\0abc", 4), {}, true},
-        HwLogDataRow{"nothing", 1, "", {}, true}, HwLogDataRow{"farTooMany", 0xFFFFFFFF, "abc", {}, true},
-        HwLogDataRow{"asManyAsCanBe", 212, repeatedText(std::string("a\0", 2), 212),
-                     std::vector<std::string>(212, "a")},
-        HwLogDataRow{"oneMoreThanCanBe", 213, repeatedText(std::string("a\0", 2), 212), {}, true},
-        HwLogDataRow{
-            "oneMoreThanCanBeInALongerSignal", 213, repeatedText(std::string("a\0", 2), 213), {}, true},
-        HwLogDataRow{"fullWithoutNul", 1, std::string(424, 'x'), {std::string(424, 'x')}},
-        HwLogDataRow{"fullWithoutNulWantsMore", 2, std::string(424, 'x'), {}, true},
-        HwLogDataRow{"runsOnToTheNul", 1, std::string(426, 'x') + '\0' + "y", {std::string(426, 'x')}},
-        HwLogDataRow{"runsOnToTheEnd", 1, std::string(430, 'x'), {std::string(430, 'x')}},
-        HwLogDataRow{
-            "beginsAtTheLastByte", 2, std::string(422, 'x') + '\0' + 'y', {std::string(422, 'x'), "y"}},
-        HwLogDataRow{"beginsBehindTheLastByte", 2, std::string(423, 'x') + '\0' + "yy", {}, true}),
-    [](const auto& row) { return row.param.name; });
+const HwLogDataRow hwLogDataRows[] = {
+    {"noneWanted", 0, "abc", {}},
+    {"one", 1, "abc", {"abc"}},
+    {"threeOfFour", 3, std::string("a\0b\0c\0d", 7), {"a", "b", "c"}},
+    {"twoOfThree", 3, std::string("a\0b\0\0d", 6), {}, true},
+    {"firstIsEmpty", 1, std::string("\0abc", 4), {}, true},
+    {"nothing", 1, "", {}, true},
+    {"farTooMany", 0xFFFFFFFF, "abc", {}, true},
+    {"asManyAsCanBe", 212, repeatedText(std::string("a\0", 2), 212), std::vector<std::string>(212, "a")},
+    {"oneMoreThanCanBe", 213, repeatedText(std::string("a\0", 2), 212), {}, true},
+    {"oneMoreThanCanBeInALongerSignal", 213, repeatedText(std::string("a\0", 2), 213), {}, true},
+    {"fullWithoutNul", 1, std::string(424, 'x'), {std::string(424, 'x')}},
+    {"fullWithoutNulWantsMore", 2, std::string(424, 'x'), {}, true},
+    {"runsOnToTheNul", 1, std::string(426, 'x') + '\0' + "y", {std::string(426, 'x')}},
+    {"runsOnToTheEnd", 1, std::string(430, 'x'), {std::string(430, 'x')}},
+    {"beginsAtTheLastByte", 2, std::string(422, 'x') + '\0' + 'y', {std::string(422, 'x'), "y"}},
+    {"beginsBehindTheLastByte", 2, std::string(423, 'x') + '\0' + "yy", {}, true}};
+TEST_ROWS(all, HwLogDataTest, hwLogDataRows);
 
 TEST_F(MerlowHwLogTest, malformedEntriesAreTracedWithControlCharactersAsNumbers)
 {

@@ -1,4 +1,5 @@
 #include "merlowLinkSupervision.h"
+#include "rowTest.h"
 
 #include "board.h"
 #include "bri.pb.h"
@@ -60,46 +61,40 @@ struct LinkSupervisionFrameRow {
     std::uint32_t number;
 };
 
-void PrintTo(const LinkSupervisionFrameRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
 class MerlowLinkSupervisionFrameTest : public MerlowLinkSupervisionTest,
-                                       public testing::WithParamInterface<LinkSupervisionFrameRow> {};
+                                       public WithRow<LinkSupervisionFrameRow> {};
 
-TEST_P(MerlowLinkSupervisionFrameTest, isParsedAndTracedAndNothingElse)
+ROW_TEST(MerlowLinkSupervisionFrameTest, isParsedAndTracedAndNothingElse)
 {
     const auto client = m_board.connectClient();
-    const std::string type = std::string("boardresourcehandler.bri.") + GetParam().name;
+    const std::string type = std::string("boardresourcehandler.bri.") + row().name;
     m_board.traces().clear();
-    m_board.bri().sendBody(GetParam().number, 1, "");
-    EXPECT_EQ(m_board.traces().count(17, "msgNo:" + std::to_string(GetParam().number) +
+    m_board.bri().sendBody(row().number, 1, "");
+    EXPECT_EQ(m_board.traces().count(17, "msgNo:" + std::to_string(row().number) +
                                              " procedureRef:1 connectionRef:100 " + type + ":{}"),
               1U)
         << m_board.traces().dump();
     EXPECT_FALSE(m_board.traces().contains(1, "") || m_board.traces().contains(4, ""));
 
-    m_board.bri().sendBody(GetParam().number, 1, "\x08");
+    m_board.bri().sendBody(row().number, 1, "\x08");
     EXPECT_TRUE(m_board.traced(1, "Unable to parse GPB message " + type + " of size 13 bytes"));
     EXPECT_TRUE(m_board.bri().nothingReceived());
     EXPECT_TRUE(client.nothingReceived());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowLinkSupervisionFrameTest,
-    testing::Values(LinkSupervisionFrameRow{"SetLinkSupervisionTimeoutCfm", 0x170775C},
-                    LinkSupervisionFrameRow{"SetLinkSupervisionTimeoutRej", 0x170775D},
-                    LinkSupervisionFrameRow{"StartLinkTimeoutSupervisionCfm", 0x170775F},
-                    LinkSupervisionFrameRow{"StartLinkTimeoutSupervisionRej", 0x1707760},
-                    LinkSupervisionFrameRow{"StopLinkTimeoutSupervisionCfm", 0x1707762},
-                    LinkSupervisionFrameRow{"StopLinkTimeoutSupervisionRej", 0x1707763},
-                    LinkSupervisionFrameRow{"ConnectivitySetSupervisionTimeoutCfm", 0x170776E},
-                    LinkSupervisionFrameRow{"ConnectivitySetSupervisionTimeoutRej", 0x170776F},
-                    LinkSupervisionFrameRow{"ConnectivityConnectedCfm", 0x1707771},
-                    LinkSupervisionFrameRow{"ConnectivityConnectedRej", 0x1707772},
-                    LinkSupervisionFrameRow{"ConnectivityNotConnectedCfm", 0x1707774},
-                    LinkSupervisionFrameRow{"ConnectivityNotConnectedRej", 0x1707775}),
-    [](const auto& row) { return row.param.name; });
+const LinkSupervisionFrameRow linkSupervisionFrameRows[] = {
+    {"SetLinkSupervisionTimeoutCfm", 0x170775C},
+    {"SetLinkSupervisionTimeoutRej", 0x170775D},
+    {"StartLinkTimeoutSupervisionCfm", 0x170775F},
+    {"StartLinkTimeoutSupervisionRej", 0x1707760},
+    {"StopLinkTimeoutSupervisionCfm", 0x1707762},
+    {"StopLinkTimeoutSupervisionRej", 0x1707763},
+    {"ConnectivitySetSupervisionTimeoutCfm", 0x170776E},
+    {"ConnectivitySetSupervisionTimeoutRej", 0x170776F},
+    {"ConnectivityConnectedCfm", 0x1707771},
+    {"ConnectivityConnectedRej", 0x1707772},
+    {"ConnectivityNotConnectedCfm", 0x1707774},
+    {"ConnectivityNotConnectedRej", 0x1707775}};
+TEST_ROWS(all, MerlowLinkSupervisionFrameTest, linkSupervisionFrameRows);
 
 } // namespace

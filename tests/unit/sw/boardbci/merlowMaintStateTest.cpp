@@ -1,4 +1,5 @@
 #include "merlowMaintState.h"
+#include "rowTest.h"
 
 #include "mmiFixture.h"
 
@@ -33,19 +34,13 @@ struct MaintStateSetRow {
     const char* decimal;
 };
 
-void PrintTo(const MaintStateSetRow& row, std::ostream* out)
-{
-    *out << row.bci;
-}
+class MerlowMaintStateSetTest : public MerlowMaintStateTest, public WithRow<MaintStateSetRow> {};
 
-class MerlowMaintStateSetTest : public MerlowMaintStateTest,
-                                public testing::WithParamInterface<MaintStateSetRow> {};
-
-TEST_P(MerlowMaintStateSetTest, theStateIsTranslatedOrRejected)
+ROW_TEST(MerlowMaintStateSetTest, theStateIsTranslatedOrRejected)
 {
     const auto client = mmiUser();
-    client.sendHex(std::string("01658019 00000007 fffffffe ") + GetParam().bci);
-    if (GetParam().bmmi == nullptr) {
+    client.sendHex(std::string("01658019 00000007 fffffffe ") + row().bci);
+    if (row().bmmi == nullptr) {
         // A reject without a text.
         EXPECT_EQ(client.receivedHex(), "0165801b 00000007 fffffffe " + rejectTail(""));
         EXPECT_TRUE(m_board.bmmi().nothingReceived());
@@ -53,11 +48,10 @@ TEST_P(MerlowMaintStateSetTest, theStateIsTranslatedOrRejected)
         EXPECT_TRUE(
             m_board.traced(4, std::string("ABN: TARN_BC_SET_MAINT_STATE_REQ contains an invalid maintState "
                                           "field: ") +
-                                  GetParam().decimal));
+                                  row().decimal));
         return;
     }
-    EXPECT_EQ(m_board.bmmi().receivedHex(),
-              std::string("01707573 00000001 00c0ffee 083710") + GetParam().bmmi);
+    EXPECT_EQ(m_board.bmmi().receivedHex(), std::string("01707573 00000001 00c0ffee 083710") + row().bmmi);
     const auto* transaction = bmmiClient().searchTransactionProcedure(1);
     ASSERT_NE(transaction, nullptr);
     EXPECT_EQ(*transaction, (BrhClient::ProcedureTransaction{.procedureRef = 1,
@@ -68,14 +62,13 @@ TEST_P(MerlowMaintStateSetTest, theStateIsTranslatedOrRejected)
     EXPECT_TRUE(client.nothingReceived());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowMaintStateSetTest,
-    testing::Values(MaintStateSetRow{"00000000", "00", "0"}, MaintStateSetRow{"00000001", nullptr, "1"},
-                    MaintStateSetRow{"00000002", "01", "2"}, MaintStateSetRow{"00000003", "02", "3"},
-                    MaintStateSetRow{"00000004", "03", "4"}, MaintStateSetRow{"00000005", nullptr, "5"},
-                    MaintStateSetRow{"02000000", nullptr, "33554432"},
-                    MaintStateSetRow{"ffffffff", nullptr, "4294967295"}),
-    [](const auto& row) { return "state" + std::string(row.param.decimal); });
+const MaintStateSetRow maintStateSetRows[] = {
+    {"00000000", "00", "0"},           {"00000001", nullptr, "1"},
+    {"00000002", "01", "2"},           {"00000003", "02", "3"},
+    {"00000004", "03", "4"},           {"00000005", nullptr, "5"},
+    {"02000000", nullptr, "33554432"}, {"ffffffff", nullptr, "4294967295"}};
+TEST_ROWS(all, MerlowMaintStateSetTest, maintStateSetRows,
+          [](const auto& row) { return "state" + std::string(row.decimal); });
 
 TEST_F(MerlowMaintStateTest, theConfirmGoesToTheClientOnce)
 {
@@ -98,48 +91,40 @@ struct MaintStateRejRow {
     const char* trace; ///< null for none
 };
 
-void PrintTo(const MaintStateRejRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
 constexpr const char* unknownMaintStateCode = "ABN: Unknown errorCode or errorDescription!";
 constexpr const char* missingMaintStateCode = "ABN: SetMaintStateRej missing errorCode! sending default "
                                               "errorCode and errorDescription to client.";
 
-class MerlowMaintStateRejTest : public MerlowMaintStateTest,
-                                public testing::WithParamInterface<MaintStateRejRow> {};
+class MerlowMaintStateRejTest : public MerlowMaintStateTest, public WithRow<MaintStateRejRow> {};
 
-TEST_P(MerlowMaintStateRejTest, theCauseIsTranslated)
+ROW_TEST(MerlowMaintStateRejTest, theCauseIsTranslated)
 {
     const auto client = mmiUser();
     client.sendHex("01658019 00000007 fffffffe 00000002");
-    m_board.bmmi().sendHex(std::string("01707575 00000001 00000065 ") + GetParam().body);
-    auto expected = rejectTail(GetParam().text);
-    expected.replace(0, 4, GetParam().errorCode);
+    m_board.bmmi().sendHex(std::string("01707575 00000001 00000065 ") + row().body);
+    auto expected = rejectTail(row().text);
+    expected.replace(0, 4, row().errorCode);
     EXPECT_EQ(client.receivedHex(), "0165801b 00000007 fffffffe " + expected);
     for (const char* trace : {unknownMaintStateCode, missingMaintStateCode}) {
-        EXPECT_EQ(m_board.traces().count(4, trace), trace == GetParam().trace ? 1U : 0U) << trace;
+        EXPECT_EQ(m_board.traces().count(4, trace), trace == row().trace ? 1U : 0U) << trace;
     }
     EXPECT_EQ(openTransactions(), 0U);
-    m_board.bmmi().sendHex(std::string("01707575 00000001 00000065 ") + GetParam().body); // late
+    m_board.bmmi().sendHex(std::string("01707575 00000001 00000065 ") + row().body); // late
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_TRUE(m_board.traced(
         4, "ABN: No BMMI transaction was found for procedureRef: 1. Ignoring SetMaintStateRej."));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowMaintStateRejTest,
-    testing::Values(
-        MaintStateRejRow{"unspecified", "0800", "0001", " ", nullptr},
-        MaintStateRejRow{"notActivated", "0801", "0001", "Maintenance State handling not activated", nullptr},
-        MaintStateRejRow{"illegalTransition", "0802", "0002", "Illegal state transition requested", nullptr},
-        MaintStateRejRow{"serviceMan", "0803", "0002", "Prohibited due to service man present", nullptr},
-        MaintStateRejRow{"unassigned", "0804", "0001", "", unknownMaintStateCode},
-        MaintStateRejRow{"missing", "", "0001", " ", missingMaintStateCode},
-        // What the schema does not name is as good as missing.
-        MaintStateRejRow{"beyondTheSchema", "0863", "0001", " ", missingMaintStateCode}),
-    [](const auto& row) { return row.param.name; });
+const MaintStateRejRow maintStateRejRows[] = {
+    {"unspecified", "0800", "0001", " ", nullptr},
+    {"notActivated", "0801", "0001", "Maintenance State handling not activated", nullptr},
+    {"illegalTransition", "0802", "0002", "Illegal state transition requested", nullptr},
+    {"serviceMan", "0803", "0002", "Prohibited due to service man present", nullptr},
+    {"unassigned", "0804", "0001", "", unknownMaintStateCode},
+    {"missing", "", "0001", " ", missingMaintStateCode},
+    // What the schema does not name is as good as missing.
+    {"beyondTheSchema", "0863", "0001", " ", missingMaintStateCode}};
+TEST_ROWS(all, MerlowMaintStateRejTest, maintStateRejRows);
 
 // The subscription
 
@@ -188,45 +173,37 @@ struct MaintStateIndRow {
     const char* trace; ///< null for none
 };
 
-void PrintTo(const MaintStateIndRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
 constexpr const char* unknownMaintState = "ABN: Merlow:: Unknown Maintenance state!";
 constexpr const char* missingMaintState = "ABN: missing maintState in the MaintStateInd! Ignoring signal!";
 
-class MerlowMaintStateIndTest : public MerlowMaintStateTest,
-                                public testing::WithParamInterface<MaintStateIndRow> {};
+class MerlowMaintStateIndTest : public MerlowMaintStateTest, public WithRow<MaintStateIndRow> {};
 
-TEST_P(MerlowMaintStateIndTest, theStateIsTranslatedOrNotTold)
+ROW_TEST(MerlowMaintStateIndTest, theStateIsTranslatedOrNotTold)
 {
     const auto client = subscriber();
     for (int i = 0; i < 2; ++i) {
         m_board.traces().clear();
-        m_board.bmmi().sendHex(std::string("01707576 00000001 00000065 ") + GetParam().body);
-        if (GetParam().bci != nullptr) {
-            EXPECT_EQ(client.receivedHex(), std::string("01658018 00000007 0000012c ") + GetParam().bci);
+        m_board.bmmi().sendHex(std::string("01707576 00000001 00000065 ") + row().body);
+        if (row().bci != nullptr) {
+            EXPECT_EQ(client.receivedHex(), std::string("01658018 00000007 0000012c ") + row().bci);
         }
         EXPECT_TRUE(client.nothingReceived());
         for (const char* trace : {unknownMaintState, missingMaintState}) {
-            EXPECT_EQ(m_board.traces().count(4, trace), trace == GetParam().trace ? 1U : 0U) << trace;
+            EXPECT_EQ(m_board.traces().count(4, trace), trace == row().trace ? 1U : 0U) << trace;
         }
     }
     EXPECT_EQ(openTransactions(), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowMaintStateIndTest,
-                         testing::Values(MaintStateIndRow{"state0", "0800", "00000000", nullptr},
-                                         MaintStateIndRow{"state1", "0801", "00000002", nullptr},
-                                         MaintStateIndRow{"state2", "0802", "00000003", nullptr},
-                                         MaintStateIndRow{"state3", "0803", "00000004", nullptr},
-                                         MaintStateIndRow{"state4", "0804", "00000001", nullptr},
-                                         MaintStateIndRow{"state5", "0805", nullptr, unknownMaintState},
-                                         MaintStateIndRow{"beyondTheSchema", "0806", nullptr,
-                                                          missingMaintState},
-                                         MaintStateIndRow{"missing", "", nullptr, missingMaintState}),
-                         [](const auto& row) { return row.param.name; });
+const MaintStateIndRow maintStateIndRows[] = {{"state0", "0800", "00000000", nullptr},
+                                              {"state1", "0801", "00000002", nullptr},
+                                              {"state2", "0802", "00000003", nullptr},
+                                              {"state3", "0803", "00000004", nullptr},
+                                              {"state4", "0804", "00000001", nullptr},
+                                              {"state5", "0805", nullptr, unknownMaintState},
+                                              {"beyondTheSchema", "0806", nullptr, missingMaintState},
+                                              {"missing", "", nullptr, missingMaintState}};
+TEST_ROWS(all, MerlowMaintStateIndTest, maintStateIndRows);
 
 TEST_F(MerlowMaintStateTest, indicationsOfNobodyAreTraced)
 {
@@ -307,102 +284,83 @@ struct MaintStateAnswer {
     const char* ignored;
 };
 
-void PrintTo(const MaintStateAnswer& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowMaintStateAnswerTest : public MerlowMaintStateTest, public WithRow<MaintStateAnswer> {};
 
-class MerlowMaintStateAnswerTest : public MerlowMaintStateTest,
-                                   public testing::WithParamInterface<MaintStateAnswer> {};
-
-TEST_P(MerlowMaintStateAnswerTest, afterTheSessionFindsTheTransactionAndNobody)
+ROW_TEST(MerlowMaintStateAnswerTest, afterTheSessionFindsTheTransactionAndNobody)
 {
     const auto client = mmiUser();
-    client.sendHex(GetParam().request);
+    client.sendHex(row().request);
     m_board.endSession(client);
     EXPECT_EQ(openTransactions(), 1U);
-    m_board.bmmi().sendBody(GetParam().number, 1, "");
+    m_board.bmmi().sendBody(row().number, 1, "");
     EXPECT_TRUE(m_board.traced(4, "ABN: Merlow has no session for mailbox " + hexOf(client.mbox()) +
-                                      ". Ignoring " + GetParam().ignored + "."));
+                                      ". Ignoring " + row().ignored + "."));
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowMaintStateAnswerTest, isReadAtEveryLength)
+ROW_TEST(MerlowMaintStateAnswerTest, isReadAtEveryLength)
 {
     const auto client = mmiUser();
-    client.sendHex(GetParam().request);
-    expectDroppedAtEveryLength(GetParam().number, GetParam().name, 1);
+    client.sendHex(row().request);
+    expectDroppedAtEveryLength(row().number, row().name, 1);
     EXPECT_TRUE(client.nothingReceived());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowMaintStateAnswerTest,
-    testing::Values(MaintStateAnswer{"SetMaintStateCfm", "01658019 00000007 0000012c 00000002", 0x1707574,
-                                     "TARN_BC_SET_MAINT_STATE_CFM"},
-                    MaintStateAnswer{"SetMaintStateRej", "01658019 00000007 0000012c 00000002", 0x1707575,
-                                     "TARN_BC_SET_MAINT_STATE_REJ"},
-                    MaintStateAnswer{"MaintStateInd", "01658015 00000007 0000012c", 0x1707576,
-                                     "TARN_BC_SET_MAINT_STATE_IND"},
-                    MaintStateAnswer{"SubscribeMaintStateCfm", "01658015 00000007 0000012c", 0x1707578,
-                                     "TARN_BC_SUBSCRIBE_MAINT_STATE_CFM"},
-                    MaintStateAnswer{"SubscribeMaintStateRej", "01658015 00000007 0000012c", 0x1707579,
-                                     "TARN_BC_SUBSCRIBE_MAINT_STATE_REJ"}),
-    [](const auto& row) { return row.param.name; });
+const MaintStateAnswer maintStateAnswers[] = {
+    {"SetMaintStateCfm", "01658019 00000007 0000012c 00000002", 0x1707574, "TARN_BC_SET_MAINT_STATE_CFM"},
+    {"SetMaintStateRej", "01658019 00000007 0000012c 00000002", 0x1707575, "TARN_BC_SET_MAINT_STATE_REJ"},
+    {"MaintStateInd", "01658015 00000007 0000012c", 0x1707576, "TARN_BC_SET_MAINT_STATE_IND"},
+    {"SubscribeMaintStateCfm", "01658015 00000007 0000012c", 0x1707578, "TARN_BC_SUBSCRIBE_MAINT_STATE_CFM"},
+    {"SubscribeMaintStateRej", "01658015 00000007 0000012c", 0x1707579, "TARN_BC_SUBSCRIBE_MAINT_STATE_REJ"}};
+TEST_ROWS(all, MerlowMaintStateAnswerTest, maintStateAnswers);
 
 struct MaintStateRequest {
     const char* name;
     const char* request;
 };
 
-void PrintTo(const MaintStateRequest& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowMaintStateRequestTest : public MerlowMaintStateTest, public WithRow<MaintStateRequest> {};
 
-class MerlowMaintStateRequestTest : public MerlowMaintStateTest,
-                                    public testing::WithParamInterface<MaintStateRequest> {};
-
-TEST_P(MerlowMaintStateRequestTest, aStrangerGetsNoAnswer)
+ROW_TEST(MerlowMaintStateRequestTest, aStrangerGetsNoAnswer)
 {
     const auto stranger = m_board.newClient();
-    stranger.sendHex(GetParam().request);
+    stranger.sendHex(row().request);
     EXPECT_TRUE(m_board.traced(4, "ABN: Merlow has no session for mailbox " + hexOf(stranger.mbox()) +
-                                      ". Ignoring " + GetParam().name + "."));
+                                      ". Ignoring " + row().name + "."));
     EXPECT_TRUE(stranger.nothingReceived());
     EXPECT_TRUE(m_board.bmmi().nothingReceived());
 }
 
-TEST_P(MerlowMaintStateRequestTest, whoIsNoMmiUserGetsNoAnswer)
+ROW_TEST(MerlowMaintStateRequestTest, whoIsNoMmiUserGetsNoAnswer)
 {
     const auto client = m_board.connectClient();
-    client.sendHex(GetParam().request);
+    client.sendHex(row().request);
     EXPECT_TRUE(m_board.traced(4, "ABN: The session has not subscribed as an MMI User: ID=0"));
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_TRUE(m_board.bmmi().nothingReceived());
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowMaintStateRequestTest, withoutABackendThereIsNoAnswer)
+ROW_TEST(MerlowMaintStateRequestTest, withoutABackendThereIsNoAnswer)
 {
     const auto client = mmiUser();
     m_board.bmmi().stop();
-    client.sendHex(GetParam().request);
+    client.sendHex(row().request);
     EXPECT_TRUE(m_board.traced(4, "ABN: Failed to send message -- not connected to BRH server"));
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowMaintStateRequestTest, isReadAtEveryLength)
+ROW_TEST(MerlowMaintStateRequestTest, isReadAtEveryLength)
 {
-    expectReadAtEveryLength(mmiUser(), GetParam().request);
+    expectReadAtEveryLength(mmiUser(), row().request);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowMaintStateRequestTest,
-    testing::Values(MaintStateRequest{"TARN_BC_SET_MAINT_STATE_REQ", "01658019 00000007 0000012c 00000002"},
-                    MaintStateRequest{"TARN_BC_SUBSCRIBE_MAINT_STATE_REQ", "01658015 00000007 0000012c"}),
-    [](const auto& row) { return row.param.name; });
+const MaintStateRequest maintStateRequests[] = {
+    {"TARN_BC_SET_MAINT_STATE_REQ", "01658019 00000007 0000012c 00000002"},
+    {"TARN_BC_SUBSCRIBE_MAINT_STATE_REQ", "01658015 00000007 0000012c"}};
+TEST_ROWS(all, MerlowMaintStateRequestTest, maintStateRequests);
 
 TEST_F(MerlowMaintStateTest, aBadStateOfWhoIsNoMmiUserIsNotRejected)
 {

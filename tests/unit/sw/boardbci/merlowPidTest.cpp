@@ -1,4 +1,5 @@
 #include "merlowPid.h"
+#include "rowTest.h"
 
 #include "board.h"
 #include "bri.pb.h"
@@ -28,11 +29,6 @@ struct PidService {
     const char* strangerTrace; ///< with its mailbox in between
     const char* strangerTraceEnd;
 };
-
-void PrintTo(const PidService& row, std::ostream* out)
-{
-    *out << row.name;
-}
 
 const PidService pidServices[] = {
     {"hwPid", "01658200", 0x1658200, "0170773c", 0x170773D, 0x170773E, "GetProductInfo",
@@ -131,31 +127,28 @@ protected:
 
 // All four alike
 
-class MerlowPidServiceTest : public MerlowPidTest, public testing::WithParamInterface<PidService> {
+class MerlowPidServiceTest : public MerlowPidTest, public WithRow<PidService> {
 protected:
-    [[nodiscard]] std::string request() const { return GetParam().request + pidReferences; }
+    [[nodiscard]] std::string request() const { return row().request + pidReferences; }
     [[nodiscard]] std::string briRequest(unsigned int ref) const
     {
-        return std::string(GetParam().briRequest) + " 0000000" + std::to_string(ref) + " 00c0ffee";
+        return std::string(row().briRequest) + " 0000000" + std::to_string(ref) + " 00c0ffee";
     }
     [[nodiscard]] std::string reject() const
     {
-        return GetParam().reject + pidReferences + " " + rejectTail("Failed to retrieve all PID data");
+        return row().reject + pidReferences + " " + rejectTail("Failed to retrieve all PID data");
     }
-    [[nodiscard]] bool isOfContainer() const { return GetParam().number == 0x1658203; }
+    [[nodiscard]] bool isOfContainer() const { return row().number == 0x1658203; }
     void confirm(std::uint32_t procedureRef)
     {
-        m_board.bri().sendBody(GetParam().briConfirm, procedureRef,
+        m_board.bri().sendBody(row().briConfirm, procedureRef,
                                isOfContainer() ? wholeContainer().SerializeAsString()
                                                : wholeProduct().SerializeAsString());
     }
-    void refuse(std::uint32_t procedureRef)
-    {
-        m_board.bri().sendBody(GetParam().briReject, procedureRef, "");
-    }
+    void refuse(std::uint32_t procedureRef) { m_board.bri().sendBody(row().briReject, procedureRef, ""); }
 };
 
-TEST_P(MerlowPidServiceTest, theFirstRequestAsksBriAndTheNextIsServedAtOnce)
+ROW_TEST(MerlowPidServiceTest, theFirstRequestAsksBriAndTheNextIsServedAtOnce)
 {
     const auto client = m_board.connectClient();
     client.sendHex(request());
@@ -167,18 +160,18 @@ TEST_P(MerlowPidServiceTest, theFirstRequestAsksBriAndTheNextIsServedAtOnce)
                                                              .clientMbox = client.mbox(),
                                                              .serverRef = 300,
                                                              .clientRef = 7,
-                                                             .data = GetParam().number}));
+                                                             .data = row().number}));
     confirm(1);
-    EXPECT_EQ(client.receivedHex(), GetParam().confirm);
+    EXPECT_EQ(client.receivedHex(), row().confirm);
     EXPECT_EQ(openTransactions(), 0U);
 
     m_board.bri().stop();
     client.sendHex(request());
-    EXPECT_EQ(client.receivedHex(), GetParam().confirm) << "from the cache, which outlives the connection";
+    EXPECT_EQ(client.receivedHex(), row().confirm) << "from the cache, which outlives the connection";
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowPidServiceTest, anAnswerToNobodyFillsTheCacheAllTheSame)
+ROW_TEST(MerlowPidServiceTest, anAnswerToNobodyFillsTheCacheAllTheSame)
 {
     confirm(9);
     EXPECT_TRUE(m_board.traced(
@@ -187,11 +180,11 @@ TEST_P(MerlowPidServiceTest, anAnswerToNobodyFillsTheCacheAllTheSame)
     EXPECT_EQ(container(), isOfContainer() ? wholeContainerInfo : ContainerInfo());
     const auto client = m_board.connectClient();
     client.sendHex(request());
-    EXPECT_EQ(client.receivedHex(), GetParam().confirm);
+    EXPECT_EQ(client.receivedHex(), row().confirm);
     EXPECT_TRUE(m_board.bri().nothingReceived());
 }
 
-TEST_P(MerlowPidServiceTest, aRejectIsTheFixedTextAndLeavesTheCacheAlone)
+ROW_TEST(MerlowPidServiceTest, aRejectIsTheFixedTextAndLeavesTheCacheAlone)
 {
     const auto client = m_board.connectClient();
     client.sendHex(request());
@@ -210,26 +203,26 @@ TEST_P(MerlowPidServiceTest, aRejectIsTheFixedTextAndLeavesTheCacheAlone)
     EXPECT_EQ(m_board.bri().receivedHex(), briRequest(2)) << "and the next request asks again";
 }
 
-TEST_P(MerlowPidServiceTest, anAnswerWithNothingInItIsARejectForTheClient)
+ROW_TEST(MerlowPidServiceTest, anAnswerWithNothingInItIsARejectForTheClient)
 {
     const auto client = m_board.connectClient();
     client.sendHex(request());
-    m_board.bri().sendBody(GetParam().briConfirm, 1, "");
+    m_board.bri().sendBody(row().briConfirm, 1, "");
     EXPECT_EQ(client.receivedHex(), reject());
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowPidServiceTest, requestsBeforeTheFirstAnswerEachHaveTheirOwn)
+ROW_TEST(MerlowPidServiceTest, requestsBeforeTheFirstAnswerEachHaveTheirOwn)
 {
     const auto first = m_board.connectClient();
     const auto second = m_board.connectClient({.clientRef = 8});
     first.sendHex(request());
-    second.sendHex(std::string(GetParam().request) + " 00000008 0000012c");
+    second.sendHex(std::string(row().request) + " 00000008 0000012c");
     EXPECT_EQ(m_board.bri().receivedHex(), briRequest(1));
     EXPECT_EQ(m_board.bri().receivedHex(), briRequest(2));
     confirm(2);
     EXPECT_TRUE(first.nothingReceived());
-    std::string expected = GetParam().confirm;
+    std::string expected = row().confirm;
     expected[16] = '8';
     EXPECT_EQ(second.receivedHex(), expected);
     refuse(1);
@@ -238,18 +231,18 @@ TEST_P(MerlowPidServiceTest, requestsBeforeTheFirstAnswerEachHaveTheirOwn)
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowPidServiceTest, aStrangerGetsNoAnswer)
+ROW_TEST(MerlowPidServiceTest, aStrangerGetsNoAnswer)
 {
     confirm(9);
     const auto stranger = m_board.newClient();
     stranger.sendHex(request());
-    EXPECT_TRUE(m_board.traced(4, GetParam().strangerTrace + hexMailbox(stranger.mbox()) +
-                                      GetParam().strangerTraceEnd));
+    EXPECT_TRUE(
+        m_board.traced(4, row().strangerTrace + hexMailbox(stranger.mbox()) + row().strangerTraceEnd));
     EXPECT_TRUE(m_board.bri().nothingReceived());
     EXPECT_TRUE(stranger.nothingReceived());
 }
 
-TEST_P(MerlowPidServiceTest, withoutBriAndCacheThereIsNoAnswer)
+ROW_TEST(MerlowPidServiceTest, withoutBriAndCacheThereIsNoAnswer)
 {
     const auto client = m_board.connectClient();
     m_board.bri().stop();
@@ -259,7 +252,7 @@ TEST_P(MerlowPidServiceTest, withoutBriAndCacheThereIsNoAnswer)
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowPidServiceTest, answersAfterTheSessionFindNobody)
+ROW_TEST(MerlowPidServiceTest, answersAfterTheSessionFindNobody)
 {
     for (const bool isConfirmed : {false, true}) {
         SCOPED_TRACE(isConfirmed);
@@ -274,7 +267,7 @@ TEST_P(MerlowPidServiceTest, answersAfterTheSessionFindNobody)
             refuse(1);
         }
         EXPECT_TRUE(m_board.traced(4, "ABN: No BC session found for mailbox ID: 0x" +
-                                          hexMailbox(client.mbox()) + ". Ignoring " + GetParam().briName +
+                                          hexMailbox(client.mbox()) + ". Ignoring " + row().briName +
                                           (isConfirmed ? "Cfm." : "Rej.")));
         EXPECT_TRUE(client.nothingReceived());
         EXPECT_EQ(openTransactions(), 0U);
@@ -283,7 +276,7 @@ TEST_P(MerlowPidServiceTest, answersAfterTheSessionFindNobody)
         << "the cache is filled for others";
 }
 
-TEST_P(MerlowPidServiceTest, theRequestIsReadAtEveryLength)
+ROW_TEST(MerlowPidServiceTest, theRequestIsReadAtEveryLength)
 {
     const auto client = m_board.connectClient();
     const auto whole = support::messageFromHex(request() + " deadbeef");
@@ -299,16 +292,15 @@ TEST_P(MerlowPidServiceTest, theRequestIsReadAtEveryLength)
     }
 }
 
-TEST_P(MerlowPidServiceTest, framesAreReadAtEveryLengthAndBadBodiesLeaveTheTransaction)
+ROW_TEST(MerlowPidServiceTest, framesAreReadAtEveryLengthAndBadBodiesLeaveTheTransaction)
 {
     const auto client = m_board.connectClient();
     client.sendHex(request());
-    for (const auto& [number, suffix] :
-         {std::pair{GetParam().briConfirm, "Cfm"}, {GetParam().briReject, "Rej"}}) {
+    for (const auto& [number, suffix] : {std::pair{row().briConfirm, "Cfm"}, {row().briReject, "Rej"}}) {
         m_board.traces().clear();
         m_board.bri().sendBody(number, 1, "\x0a");
         EXPECT_TRUE(m_board.traced(1, std::string("Unable to parse GPB message boardresourcehandler.bri.") +
-                                          GetParam().briName + suffix + " of size 13 bytes"));
+                                          row().briName + suffix + " of size 13 bytes"));
         const auto frame = support::makeFrame(number, 1, 100, "");
         for (std::size_t size = 4; size < 12; ++size) {
             m_board.bri().sendBytes({frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(size)});
@@ -319,20 +311,19 @@ TEST_P(MerlowPidServiceTest, framesAreReadAtEveryLengthAndBadBodiesLeaveTheTrans
     EXPECT_EQ(product(), ProductInfo());
     EXPECT_EQ(container(), ContainerInfo());
     confirm(1);
-    EXPECT_EQ(client.receivedHex(), GetParam().confirm);
+    EXPECT_EQ(client.receivedHex(), row().confirm);
 }
 
-TEST_P(MerlowPidServiceTest, aFrameForAnotherConnectionIsNone)
+ROW_TEST(MerlowPidServiceTest, aFrameForAnotherConnectionIsNone)
 {
-    m_board.bri().sendBytes(support::makeFrame(GetParam().briConfirm, 1, 999,
+    m_board.bri().sendBytes(support::makeFrame(row().briConfirm, 1, 999,
                                                isOfContainer() ? wholeContainer().SerializeAsString()
                                                                : wholeProduct().SerializeAsString()));
     EXPECT_EQ(product(), ProductInfo());
     EXPECT_EQ(container(), ContainerInfo());
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowPidServiceTest, testing::ValuesIn(pidServices),
-                         [](const auto& row) { return row.param.name; });
+TEST_ROWS(all, MerlowPidServiceTest, pidServices);
 
 // What the answers hold
 
@@ -350,20 +341,14 @@ struct PidMissingField {
     void (bri::GetContainerPidCfm::*clearContainer)();
 };
 
-void PrintTo(const PidMissingField& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowPidMissingFieldTest : public MerlowPidTest, public WithRow<PidMissingField> {};
 
-class MerlowPidMissingFieldTest : public MerlowPidTest,
-                                  public testing::WithParamInterface<PidMissingField> {};
-
-TEST_P(MerlowPidMissingFieldTest, makesTheAnswerIncompleteAndKeepsTheOlderText)
+ROW_TEST(MerlowPidMissingFieldTest, makesTheAnswerIncompleteAndKeepsTheOlderText)
 {
     auto cfm = wholeProduct();
-    (cfm.*GetParam().clearProduct)();
+    (cfm.*row().clearProduct)();
     auto containerCfm = wholeContainer();
-    (containerCfm.*GetParam().clearContainer)();
+    (containerCfm.*row().clearContainer)();
 
     tell(wholeProduct());
     tell(wholeContainer());
@@ -391,19 +376,15 @@ TEST_P(MerlowPidMissingFieldTest, makesTheAnswerIncompleteAndKeepsTheOlderText)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowPidMissingFieldTest,
-    testing::Values(PidMissingField{"first", &bri::GetProductInfoCfm::clear_production_date,
-                                    &bri::GetContainerPidCfm::clear_production_date},
-                    PidMissingField{"second", &bri::GetProductInfoCfm::clear_product_name,
-                                    &bri::GetContainerPidCfm::clear_container_name},
-                    PidMissingField{"third", &bri::GetProductInfoCfm::clear_product_number,
-                                    &bri::GetContainerPidCfm::clear_product_number},
-                    PidMissingField{"fourth", &bri::GetProductInfoCfm::clear_product_revision,
-                                    &bri::GetContainerPidCfm::clear_product_revision},
-                    PidMissingField{"sixth", &bri::GetProductInfoCfm::clear_serial_number,
-                                    &bri::GetContainerPidCfm::clear_serial_number}),
-    [](const auto& row) { return row.param.name; });
+const PidMissingField pidMissingFields[] = {
+    {"first", &bri::GetProductInfoCfm::clear_production_date,
+     &bri::GetContainerPidCfm::clear_production_date},
+    {"second", &bri::GetProductInfoCfm::clear_product_name, &bri::GetContainerPidCfm::clear_container_name},
+    {"third", &bri::GetProductInfoCfm::clear_product_number, &bri::GetContainerPidCfm::clear_product_number},
+    {"fourth", &bri::GetProductInfoCfm::clear_product_revision,
+     &bri::GetContainerPidCfm::clear_product_revision},
+    {"sixth", &bri::GetProductInfoCfm::clear_serial_number, &bri::GetContainerPidCfm::clear_serial_number}};
+TEST_ROWS(all, MerlowPidMissingFieldTest, pidMissingFields);
 
 TEST_F(MerlowPidTest, theFifthFieldIsNotNeeded)
 {
@@ -501,20 +482,15 @@ struct PidNameRow {
     const char* told; ///< what the client reads in both signals
 };
 
-void PrintTo(const PidNameRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowPidNameTest : public MerlowPidTest, public WithRow<PidNameRow> {};
 
-class MerlowPidNameTest : public MerlowPidTest, public testing::WithParamInterface<PidNameRow> {};
-
-TEST_P(MerlowPidNameTest, theNameDependsOnTheClientAndTheFamily)
+ROW_TEST(MerlowPidNameTest, theNameDependsOnTheClientAndTheFamily)
 {
     auto cfm = wholeProduct();
-    cfm.set_product_name(GetParam().productName);
+    cfm.set_product_name(row().productName);
     tell(cfm);
     const auto client = m_board.connectClient({.serverRef = 300}); // the request's reference decides
-    const support::Bytes refs{0, 0, 0, 7, 0, 0, 0, static_cast<std::uint8_t>(GetParam().serverRef)};
+    const support::Bytes refs{0, 0, 0, 7, 0, 0, 0, static_cast<std::uint8_t>(row().serverRef)};
     for (const std::uint8_t request : {std::uint8_t{0x00}, std::uint8_t{0x06}}) {
         support::Bytes bytes{request, 0x82, 0x65, 0x01};
         bytes.insert(bytes.end(), refs.begin(), refs.end());
@@ -523,23 +499,22 @@ TEST_P(MerlowPidNameTest, theNameDependsOnTheClientAndTheFamily)
         ASSERT_TRUE(answer);
         ASSERT_GE(answer->bytes.size(), 92U);
         const auto* text = reinterpret_cast<const char*>(answer->bytes.data() + 24);
-        EXPECT_EQ(std::string(text, strnlen(text, request == 0 ? 13 : 33)), GetParam().told);
+        EXPECT_EQ(std::string(text, strnlen(text, request == 0 ? 13 : 33)), row().told);
     }
-    EXPECT_EQ(product().productName, GetParam().productName) << "the cache is not touched";
+    EXPECT_EQ(product().productName, row().productName) << "the cache is not touched";
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowPidNameTest,
-                         testing::Values(PidNameRow{"below", "KPX 2203", 99, "KPX 2203"},
-                                         PidNameRow{"first", "KPX 2203", 100, "UNIT 40 K7"},
-                                         PidNameRow{"last", "KPX 2203", 199, "UNIT 40 K7"},
-                                         PidNameRow{"above", "KPX 2203", 200, "KPX 2203"},
-                                         PidNameRow{"lettersAlone", "KPX", 150, "UNIT 40 K7"},
-                                         PidNameRow{"lettersGoOn", "KPXY", 150, "UNIT 40 K7"},
-                                         PidNameRow{"tooShort", "KP", 150, "KP"},
-                                         PidNameRow{"none", "", 150, ""},
-                                         PidNameRow{"furtherIn", "A KPX", 150, "A KPX"},
-                                         PidNameRow{"otherCase", "kpx", 150, "kpx"}),
-                         [](const auto& row) { return row.param.name; });
+const PidNameRow pidNameRows[] = {{"below", "KPX 2203", 99, "KPX 2203"},
+                                  {"first", "KPX 2203", 100, "UNIT 40 K7"},
+                                  {"last", "KPX 2203", 199, "UNIT 40 K7"},
+                                  {"above", "KPX 2203", 200, "KPX 2203"},
+                                  {"lettersAlone", "KPX", 150, "UNIT 40 K7"},
+                                  {"lettersGoOn", "KPXY", 150, "UNIT 40 K7"},
+                                  {"tooShort", "KP", 150, "KP"},
+                                  {"none", "", 150, ""},
+                                  {"furtherIn", "A KPX", 150, "A KPX"},
+                                  {"otherCase", "kpx", 150, "kpx"}};
+TEST_ROWS(all, MerlowPidNameTest, pidNameRows);
 
 struct PidCutRow {
     const char* name;
@@ -550,68 +525,61 @@ struct PidCutRow {
     std::string ContainerInfo::*containerText;
 };
 
-void PrintTo(const PidCutRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class MerlowPidCutTest : public MerlowPidTest, public testing::WithParamInterface<PidCutRow> {
+class MerlowPidCutTest : public MerlowPidTest, public WithRow<PidCutRow> {
 protected:
     void fill(std::size_t length)
     {
         ProductInfo info{.isComplete = true, .hasExtendedMarketName = true};
         ContainerInfo containerInfo{.isComplete = true};
         const std::string text(length, 'x');
-        if (GetParam().productText != nullptr) {
-            info.*GetParam().productText = text;
+        if (row().productText != nullptr) {
+            info.*row().productText = text;
         } else {
-            containerInfo.*GetParam().containerText = text;
+            containerInfo.*row().containerText = text;
         }
         m_board.commonData().setProductInfoCache(info);
         m_board.commonData().setContainerInfoCache(containerInfo);
     }
 };
 
-TEST_P(MerlowPidCutTest, aTextIsCutToItsArrayAndTheLossTraced)
+ROW_TEST(MerlowPidCutTest, aTextIsCutToItsArrayAndTheLossTraced)
 {
     const auto client = m_board.connectClient();
-    for (const std::size_t length : {GetParam().width - 1, GetParam().width, std::size_t{300}}) {
+    for (const std::size_t length : {row().width - 1, row().width, std::size_t{300}}) {
         SCOPED_TRACE(length);
         m_board.traces().clear();
         fill(length);
-        client.sendHex(GetParam().request + pidReferences);
+        client.sendHex(row().request + pidReferences);
         const auto answer = client.receive();
         ASSERT_TRUE(answer);
         support::Bytes expected(answer->bytes.size());
         std::copy_n(answer->bytes.begin(), 12, expected.begin());
-        std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(GetParam().offset), GetParam().width - 1,
+        std::fill_n(expected.begin() + static_cast<std::ptrdiff_t>(row().offset), row().width - 1,
                     std::uint8_t{'x'});
         EXPECT_EQ(support::messageToHex(answer->bytes), support::messageToHex(expected));
         EXPECT_EQ(m_board.traces().contains(4, "ABN: copyErrorDescription: data lost."),
-                  length >= GetParam().width);
+                  length >= row().width);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowPidCutTest,
-    testing::Values(PidCutRow{"hwField1", "01658200", 12, 9, &ProductInfo::pidField1, nullptr},
-                    PidCutRow{"hwName", "01658200", 24, 13, &ProductInfo::productName, nullptr},
-                    PidCutRow{"hwField3", "01658200", 40, 25, &ProductInfo::pidField3, nullptr},
-                    PidCutRow{"hwField4", "01658200", 68, 8, &ProductInfo::pidField4, nullptr},
-                    PidCutRow{"hwField5", "01658200", 76, 14, &ProductInfo::pidField5, nullptr},
-                    PidCutRow{"marketField1", "01658206", 12, 9, &ProductInfo::pidField1, nullptr},
-                    PidCutRow{"marketName", "01658206", 24, 33, &ProductInfo::productName, nullptr},
-                    PidCutRow{"marketExtended", "01658206", 60, 33, &ProductInfo::extendedMarketName,
-                              nullptr},
-                    PidCutRow{"marketField3", "01658206", 96, 25, &ProductInfo::pidField3, nullptr},
-                    PidCutRow{"marketField4", "01658206", 124, 8, &ProductInfo::pidField4, nullptr},
-                    PidCutRow{"marketField5", "01658206", 132, 14, &ProductInfo::pidField5, nullptr},
-                    PidCutRow{"extended", "01658209", 12, 65, &ProductInfo::extendedMarketName, nullptr},
-                    PidCutRow{"containerField1", "01658203", 12, 9, nullptr, &ContainerInfo::pidField1},
-                    PidCutRow{"containerName", "01658203", 24, 21, nullptr, &ContainerInfo::containerName},
-                    PidCutRow{"containerField3", "01658203", 48, 25, nullptr, &ContainerInfo::pidField3},
-                    PidCutRow{"containerField4", "01658203", 76, 8, nullptr, &ContainerInfo::pidField4},
-                    PidCutRow{"containerField5", "01658203", 84, 14, nullptr, &ContainerInfo::pidField5}),
-    [](const auto& row) { return row.param.name; });
+const PidCutRow pidCutRows[] = {
+    {"hwField1", "01658200", 12, 9, &ProductInfo::pidField1, nullptr},
+    {"hwName", "01658200", 24, 13, &ProductInfo::productName, nullptr},
+    {"hwField3", "01658200", 40, 25, &ProductInfo::pidField3, nullptr},
+    {"hwField4", "01658200", 68, 8, &ProductInfo::pidField4, nullptr},
+    {"hwField5", "01658200", 76, 14, &ProductInfo::pidField5, nullptr},
+    {"marketField1", "01658206", 12, 9, &ProductInfo::pidField1, nullptr},
+    {"marketName", "01658206", 24, 33, &ProductInfo::productName, nullptr},
+    {"marketExtended", "01658206", 60, 33, &ProductInfo::extendedMarketName, nullptr},
+    {"marketField3", "01658206", 96, 25, &ProductInfo::pidField3, nullptr},
+    {"marketField4", "01658206", 124, 8, &ProductInfo::pidField4, nullptr},
+    {"marketField5", "01658206", 132, 14, &ProductInfo::pidField5, nullptr},
+    {"extended", "01658209", 12, 65, &ProductInfo::extendedMarketName, nullptr},
+    {"containerField1", "01658203", 12, 9, nullptr, &ContainerInfo::pidField1},
+    {"containerName", "01658203", 24, 21, nullptr, &ContainerInfo::containerName},
+    {"containerField3", "01658203", 48, 25, nullptr, &ContainerInfo::pidField3},
+    {"containerField4", "01658203", 76, 8, nullptr, &ContainerInfo::pidField4},
+    {"containerField5", "01658203", 84, 14, nullptr, &ContainerInfo::pidField5}};
+TEST_ROWS(all, MerlowPidCutTest, pidCutRows);
 
 } // namespace

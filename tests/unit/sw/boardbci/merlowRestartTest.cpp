@@ -1,4 +1,5 @@
 #include "merlowRestart.h"
+#include "rowTest.h"
 
 #include "board.h"
 #include "brhCapabilities.h"
@@ -138,27 +139,21 @@ struct RestartShortRow {
     std::size_t needed;
 };
 
-void PrintTo(const RestartShortRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowRestartShortTest : public MerlowRestartTest, public WithRow<RestartShortRow> {};
 
-class MerlowRestartShortTest : public MerlowRestartTest,
-                               public testing::WithParamInterface<RestartShortRow> {};
-
-TEST_P(MerlowRestartShortTest, isDroppedAtEachLength)
+ROW_TEST(MerlowRestartShortTest, isDroppedAtEachLength)
 {
     announceRanks(0xFF);
     const auto client = clientWithClone();
-    for (std::size_t size = 4; size < GetParam().needed; ++size) {
+    for (std::size_t size = 4; size < row().needed; ++size) {
         SCOPED_TRACE(size);
         m_board.traces().clear();
         Bytes bytes(size, 'x');
-        std::memcpy(bytes.data(), &GetParam().number, 4);
+        std::memcpy(bytes.data(), &row().number, 4);
         client.sendToServer(bytes);
         m_legacy.sendBytes(bytes, cloneOf(client));
         const std::string sizes =
-            "too short: " + std::to_string(size) + " of " + std::to_string(GetParam().needed) + " bytes";
+            "too short: " + std::to_string(size) + " of " + std::to_string(row().needed) + " bytes";
         EXPECT_TRUE(m_board.traces().contains(4, sizes)) << m_board.traces().dump();
         ASSERT_TRUE(client.nothingReceived() && m_board.bri().nothingReceived());
     }
@@ -166,12 +161,11 @@ TEST_P(MerlowRestartShortTest, isDroppedAtEachLength)
     EXPECT_TRUE(m_board.traces().rushlog().empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowRestartShortTest,
-                         testing::Values(RestartShortRow{"notifyReq", 0x1658816, 16},
-                                         RestartShortRow{"order", 0x1658003, 12},
-                                         RestartShortRow{"rankOrder", 0x1659B04, 156},
-                                         RestartShortRow{"notification", 0x1659B03, 180}),
-                         [](const auto& row) { return row.param.name; });
+const RestartShortRow restartShortRows[] = {{"notifyReq", 0x1658816, 16},
+                                            {"order", 0x1658003, 12},
+                                            {"rankOrder", 0x1659B04, 156},
+                                            {"notification", 0x1659B03, 180}};
+TEST_ROWS(all, MerlowRestartShortTest, restartShortRows);
 
 // Ordering a restart
 
@@ -244,51 +238,53 @@ struct RestartRankRow {
     bool isSupported;
 };
 
-void PrintTo(const RestartRankRow& row, std::ostream* out)
-{
-    *out << "rank " << row.rank << " of mask " << row.mask;
-}
+class MerlowRestartRankTest : public MerlowRestartTest, public WithRow<RestartRankRow> {};
 
-class MerlowRestartRankTest : public MerlowRestartTest, public testing::WithParamInterface<RestartRankRow> {};
-
-TEST_P(MerlowRestartRankTest, isOrderedWhenItsBitIsSet)
+ROW_TEST(MerlowRestartRankTest, isOrderedWhenItsBitIsSet)
 {
-    announceRanks(GetParam().mask);
+    announceRanks(row().mask);
     const auto client = clientWithClone();
-    client.sendToServer(rankOrder(5, GetParam().rank));
+    client.sendToServer(rankOrder(5, row().rank));
     EXPECT_EQ(m_board.traces().rushlog().size(), 1U);
     const std::string refusal =
-        "ABN: Requested restart rank " + std::to_string(static_cast<std::int16_t>(GetParam().rank)) +
+        "ABN: Requested restart rank " + std::to_string(static_cast<std::int16_t>(row().rank)) +
         " in restart signal TARN_BC_RESTART_BOARD_WITH_RANK_AND_LABEL_FWD is not supported!";
-    if (GetParam().isSupported) {
+    if (row().isSupported) {
         const auto briFwd = m_board.bri().expect<bri::RestartBoardFwd>();
-        EXPECT_EQ(static_cast<int>(briFwd.message.restart_rank_v2()), static_cast<int>(GetParam().rank));
+        EXPECT_EQ(static_cast<int>(briFwd.message.restart_rank_v2()), static_cast<int>(row().rank));
         EXPECT_FALSE(m_board.traces().has(4, refusal));
     } else {
         EXPECT_TRUE(m_board.bri().nothingReceived());
         EXPECT_TRUE(m_board.traced(4, refusal));
     }
     EXPECT_TRUE(client.nothingReceived());
-    EXPECT_EQ(flagFor(client, notification(5, 1)), GetParam().isSupported ? 0U : 1U)
+    EXPECT_EQ(flagFor(client, notification(5, 1)), row().isSupported ? 0U : 1U)
         << "an order that did not go out has no initiator";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowRestartRankTest,
-    testing::Values(RestartRankRow{0x01, 1, true}, RestartRankRow{0xFFFFFFFE, 1, false},
-                    RestartRankRow{0x02, 2, true}, RestartRankRow{0xFFFFFFFD, 2, false},
-                    RestartRankRow{0x04, 3, true}, RestartRankRow{0xFFFFFFFB, 3, false},
-                    RestartRankRow{0x10, 4, true}, RestartRankRow{0xFFFFFFEF, 4, false},
-                    RestartRankRow{0x08, 5, true}, RestartRankRow{0xFFFFFFF7, 5, false},
-                    RestartRankRow{0x08, 4, false}, RestartRankRow{0x08, 3, false},
-                    RestartRankRow{0xFFFFFFFF, 0, false}, RestartRankRow{0xFFFFFFFF, 6, false},
-                    RestartRankRow{0xFFFFFFFF, 0x7FFF, false}, RestartRankRow{0xFFFFFFFF, 0xFFFF, false},
-                    RestartRankRow{0xFFFFFFFF, 0x8000, false}, RestartRankRow{0, 1, false}),
-    [](const auto& row) {
-        std::ostringstream name;
-        name << "rank" << row.param.rank << "mask" << std::hex << row.param.mask;
-        return name.str();
-    });
+const RestartRankRow restartRankRows[] = {{0x01, 1, true},
+                                          {0xFFFFFFFE, 1, false},
+                                          {0x02, 2, true},
+                                          {0xFFFFFFFD, 2, false},
+                                          {0x04, 3, true},
+                                          {0xFFFFFFFB, 3, false},
+                                          {0x10, 4, true},
+                                          {0xFFFFFFEF, 4, false},
+                                          {0x08, 5, true},
+                                          {0xFFFFFFF7, 5, false},
+                                          {0x08, 4, false},
+                                          {0x08, 3, false},
+                                          {0xFFFFFFFF, 0, false},
+                                          {0xFFFFFFFF, 6, false},
+                                          {0xFFFFFFFF, 0x7FFF, false},
+                                          {0xFFFFFFFF, 0xFFFF, false},
+                                          {0xFFFFFFFF, 0x8000, false},
+                                          {0, 1, false}};
+TEST_ROWS(all, MerlowRestartRankTest, restartRankRows, [](const auto& row) {
+    std::ostringstream name;
+    name << "rank" << row.rank << "mask" << std::hex << row.mask;
+    return name.str();
+});
 
 TEST_F(MerlowRestartTest, theFirstAnnouncementOfTheRanksCounts)
 {

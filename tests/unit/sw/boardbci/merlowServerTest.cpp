@@ -3,6 +3,7 @@
 #include "bmmi.pb.h"
 #include "bri.pb.h"
 #include "coreFixture.h"
+#include "rowTest.h"
 #include "virtualSwmServer.h"
 
 #include <array>
@@ -204,7 +205,7 @@ void PrintTo(Sender sender, std::ostream* out)
 }
 
 /// A server with everything up, and a client that must not notice what others send.
-class GarbageTest : public MerlowServerTest, public ::testing::WithParamInterface<Sender> {
+class GarbageTest : public MerlowServerTest, public WithRow<Sender> {
 protected:
     GarbageTest()
     {
@@ -261,7 +262,7 @@ protected:
     }
     [[nodiscard]] const Peer& sender() const
     {
-        switch (GetParam()) {
+        switch (row()) {
         case Sender::client:
             return m_client;
         case Sender::stranger:
@@ -309,7 +310,7 @@ protected:
     std::mt19937 m_random{1}; // NOLINT(bugprone-random-generator-seed): the same bytes in every run
 };
 
-TEST_P(GarbageTest, leavesTheServerWhole)
+ROW_TEST(GarbageTest, leavesTheServerWhole)
 {
     const auto numbers = knownNumbers();
     ASSERT_GT(numbers.size(), BCI_SIGNALS.size() + 20);
@@ -334,9 +335,7 @@ TEST_P(GarbageTest, leavesTheServerWhole)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(From, GarbageTest,
-                         ::testing::Values(Sender::client, Sender::stranger, Sender::bri, Sender::bmmi,
-                                           Sender::legacy),
-                         ::testing::PrintToStringParamName());
+const Sender senders[] = {Sender::client, Sender::stranger, Sender::bri, Sender::bmmi, Sender::legacy};
+TEST_ROWS(From, GarbageTest, senders, [](const auto& row) { return ::testing::PrintToString(row); });
 
 } // namespace

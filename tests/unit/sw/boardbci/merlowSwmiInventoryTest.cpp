@@ -1,5 +1,6 @@
 // Selection, the running module, and the list of software components.
 
+#include "rowTest.h"
 #include "swCompList.h"
 #include "swmiFixture.h"
 
@@ -56,36 +57,30 @@ struct SelectRow {
     bool isFound;
 };
 
-void PrintTo(const SelectRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class SwmiSelectMatchTest : public SwmiSelectTest, public WithRow<SelectRow> {};
 
-class SwmiSelectMatchTest : public SwmiSelectTest, public ::testing::WithParamInterface<SelectRow> {};
-
-TEST_P(SwmiSelectMatchTest, comparesTheWholeName)
+ROW_TEST(SwmiSelectMatchTest, comparesTheWholeName)
 {
-    askFor(GetParam().software);
-    fromServer("00000021 00000002 0809" + std::string(GetParam().inventory));
-    EXPECT_EQ(m_client.receivedHex(), GetParam().isFound ? "0165880c 00000007 0000012c" : rejected());
-    EXPECT_EQ(selected(), GetParam().isFound ? GetParam().software : "");
+    askFor(row().software);
+    fromServer("00000021 00000002 0809" + std::string(row().inventory));
+    EXPECT_EQ(m_client.receivedHex(), row().isFound ? "0165880c 00000007 0000012c" : rejected());
+    EXPECT_EQ(selected(), row().isFound ? row().software : "");
     EXPECT_TRUE(nothingSent());
 }
 
-INSTANTIATE_TEST_SUITE_P(all, SwmiSelectMatchTest,
-                         ::testing::Values(SelectRow{"emptyInventory", "A_R1", "", false},
-                                           SelectRow{"running", "A_R1", "12090a014112025231 1801", true},
-                                           SelectRow{"erasing", "A_R1", "12090a014112025231 3002", true},
-                                           SelectRow{"empty", "A_R1", "12090a014112025231 3001", true},
-                                           SelectRow{"longer", "A_R1A", "12070a014112025231", false},
-                                           SelectRow{"shorter", "A_R", "12070a014112025231", false},
-                                           SelectRow{"otherCase", "a_R1", "12070a014112025231", false},
-                                           SelectRow{"withoutRevision", "A", "12030a0141", true},
-                                           SelectRow{"withoutRevisionButWithLine", "A_", "12030a0141", false},
-                                           SelectRow{"emptyRevision", "A", "12050a01411200", true},
-                                           SelectRow{"withoutNumber", "R1", "120412025231", true},
-                                           SelectRow{"nothingAtAll", "", "1200", true}),
-                         [](const auto& row) { return row.param.name; });
+const SelectRow selectRows[] = {{"emptyInventory", "A_R1", "", false},
+                                {"running", "A_R1", "12090a014112025231 1801", true},
+                                {"erasing", "A_R1", "12090a014112025231 3002", true},
+                                {"empty", "A_R1", "12090a014112025231 3001", true},
+                                {"longer", "A_R1A", "12070a014112025231", false},
+                                {"shorter", "A_R", "12070a014112025231", false},
+                                {"otherCase", "a_R1", "12070a014112025231", false},
+                                {"withoutRevision", "A", "12030a0141", true},
+                                {"withoutRevisionButWithLine", "A_", "12030a0141", false},
+                                {"emptyRevision", "A", "12050a01411200", true},
+                                {"withoutNumber", "R1", "120412025231", true},
+                                {"nothingAtAll", "", "1200", true}};
+TEST_ROWS(all, SwmiSelectMatchTest, selectRows);
 
 TEST_F(SwmiSelectTest, aNameThatIsNotThereLeavesTheSelection)
 {

@@ -1,5 +1,6 @@
 // Loading a module, and the deletion of an old one that makes room for it.
 
+#include "rowTest.h"
 #include "swmiFixture.h"
 
 #include <algorithm>
@@ -72,35 +73,28 @@ struct LoadInitRejRow {
     const char* text;
 };
 
-void PrintTo(const LoadInitRejRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class SwmiLoadInitRejTest : public SwmiLoadTest, public WithRow<LoadInitRejRow> {};
 
-class SwmiLoadInitRejTest : public SwmiLoadTest, public ::testing::WithParamInterface<LoadInitRejRow> {};
-
-TEST_P(SwmiLoadInitRejTest, isToldByItsReasonAndEndsTheLoad)
+ROW_TEST(SwmiLoadInitRejTest, isToldByItsReasonAndEndsTheLoad)
 {
     askForLoad();
-    fromServer("00000010 00000002 0809 10" + std::string(GetParam().reason));
-    EXPECT_EQ(m_client.receivedHex(),
-              GetParam().loadStatus != nullptr
-                  ? "01658804 00000007 0000012c " + std::string(GetParam().loadStatus) + "0000"
-                  : rejected(GetParam().text));
+    fromServer("00000010 00000002 0809 10" + std::string(row().reason));
+    EXPECT_EQ(m_client.receivedHex(), row().loadStatus != nullptr ? "01658804 00000007 0000012c " +
+                                                                        std::string(row().loadStatus) + "0000"
+                                                                  : rejected(row().text));
     m_client.sendHex("01658806 00000007 0000012c 00010000 00000000");
     m_client.sendHex("01658808 00000007 0000012c");
     EXPECT_TRUE(nothingSent());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, SwmiLoadInitRejTest,
-    ::testing::Values(LoadInitRejRow{"invalidTicket", "01", nullptr, "Invalid ticket number"},
-                      LoadInitRejRow{"alreadyLoaded", "02", "0001", nullptr},
-                      LoadInitRejRow{"busy", "03", nullptr, "Busy"},
-                      LoadInitRejRow{"running", "04", "0002", nullptr},
-                      LoadInitRejRow{"inQueue", "05", nullptr, "ABN: Resource not acquired"},
-                      LoadInitRejRow{"internalError", "06", nullptr, "LMC encountered unknown failure"}),
-    [](const auto& row) { return row.param.name; });
+const LoadInitRejRow loadInitRejRows[] = {
+    {"invalidTicket", "01", nullptr, "Invalid ticket number"},
+    {"alreadyLoaded", "02", "0001", nullptr},
+    {"busy", "03", nullptr, "Busy"},
+    {"running", "04", "0002", nullptr},
+    {"inQueue", "05", nullptr, "ABN: Resource not acquired"},
+    {"internalError", "06", nullptr, "LMC encountered unknown failure"}};
+TEST_ROWS(all, SwmiLoadInitRejTest, loadInitRejRows);
 
 TEST_F(SwmiLoadTest, answersOfAnotherTicketOrProcedureAreDropped)
 {
@@ -221,32 +215,26 @@ struct LoadEndRejRow {
     const char* text;
 };
 
-void PrintTo(const LoadEndRejRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class SwmiLoadEndRejTest : public SwmiLoadTest, public WithRow<LoadEndRejRow> {};
 
-class SwmiLoadEndRejTest : public SwmiLoadTest, public ::testing::WithParamInterface<LoadEndRejRow> {};
-
-TEST_P(SwmiLoadEndRejTest, leavesTheLoadOpen)
+ROW_TEST(SwmiLoadEndRejTest, leavesTheLoadOpen)
 {
     startLoad();
     m_client.sendHex("01658808 00000007 0000012c");
     (void)sent();
-    fromServer("00000015 00000002 0809 10" + std::string(GetParam().reason));
-    EXPECT_EQ(m_client.receivedHex(), "0165880a 00000007 0000012c " + rejectTail(GetParam().text));
+    fromServer("00000015 00000002 0809 10" + std::string(row().reason));
+    EXPECT_EQ(m_client.receivedHex(), "0165880a 00000007 0000012c " + rejectTail(row().text));
     m_client.sendHex("01658806 00000007 0000012c 00010000 00000000");
     m_client.sendHex("01658808 00000007 0000012c");
     EXPECT_THAT(sent(), ElementsAre("00000011 00000003 080912001801", "00000013 00000002 0809"));
 }
 
-INSTANTIATE_TEST_SUITE_P(all, SwmiLoadEndRejTest,
-                         ::testing::Values(LoadEndRejRow{"invalidTicket", "00", "Invalid ticket number"},
-                                           LoadEndRejRow{"inQueue", "01", "ticket in queue"},
-                                           LoadEndRejRow{"internalError", "02", "ticket in queue"},
-                                           LoadEndRejRow{"unknownResponse", "03", "ticket in queue"},
-                                           LoadEndRejRow{"invalidState", "04", "ticket in queue"}),
-                         [](const auto& row) { return row.param.name; });
+const LoadEndRejRow loadEndRejRows[] = {{"invalidTicket", "00", "Invalid ticket number"},
+                                        {"inQueue", "01", "ticket in queue"},
+                                        {"internalError", "02", "ticket in queue"},
+                                        {"unknownResponse", "03", "ticket in queue"},
+                                        {"invalidState", "04", "ticket in queue"}};
+TEST_ROWS(all, SwmiLoadEndRejTest, loadEndRejRows);
 
 // Room for a load
 
@@ -273,53 +261,45 @@ struct EvictionRow {
     std::string deleted;
 };
 
-void PrintTo(const EvictionRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class SwmiEvictionTest : public SwmiLoadTest, public WithRow<EvictionRow> {};
 
-class SwmiEvictionTest : public SwmiLoadTest, public ::testing::WithParamInterface<EvictionRow> {};
-
-TEST_P(SwmiEvictionTest, theLowestRevisionThatMayGoIsDeleted)
+ROW_TEST(SwmiEvictionTest, theLowestRevisionThatMayGoIsDeleted)
 {
     askForLoad();
     fromServer("00000010 00000002 0809 1000");
     EXPECT_THAT(sent(), ElementsAre("00000020 00000002 0809"));
     std::string inventory = "00000021 00000002 0809";
-    for (const auto& entry : GetParam().modules) {
+    for (const auto& entry : row().modules) {
         inventory += entry;
     }
     fromServer(inventory);
-    EXPECT_THAT(sent(), ElementsAre(withText("0000001d 00000002 0809", 2, GetParam().deleted)));
+    EXPECT_THAT(sent(), ElementsAre(withText("0000001d 00000002 0809", 2, row().deleted)));
     EXPECT_TRUE(nothingSent());
 }
 
 constexpr const char* RUNNING = "180130003801";
 constexpr const char* ERASING = "30023801";
 
-INSTANTIATE_TEST_SUITE_P(
-    all, SwmiEvictionTest,
-    ::testing::Values(
-        EvictionRow{"lowest", {module("A", "R2A"), module("B", "R1A"), module("C", "R3A")}, "B_R1A"},
-        EvictionRow{"runningIsPassedOver", {module("A", "R2A"), module("B", "R1A", RUNNING)}, "A_R2A"},
-        EvictionRow{"firstOfEquals", {module("A", "R1A"), module("B", "R1A")}, "A_R1A"},
-        EvictionRow{"preliminaryBeforeReleased", {module("A", "R1A"), module("B", "P9Z")}, "B_P9Z"},
-        EvictionRow{
-            "unreadableBeforeAll", {module("A", "P1A"), module("B", "R11"), module("C", "?")}, "B_R11"},
-        EvictionRow{"noneThere", {}, ""},
-        EvictionRow{"erasingFirst", {module("A", "R1A", ERASING), module("B", "R1A")}, ""},
-        EvictionRow{"erasingLast", {module("A", "R11"), module("B", "R1A", ERASING)}, ""},
-        EvictionRow{"onlyValid", {module("A", "R1A", "30013801"), module("B", "R1A", "30033801")}, ""},
-        EvictionRow{"onlyWritable", {module("A", "R1A", "30003800"), module("B", "R2A")}, "B_R2A"},
-        EvictionRow{"onlyApplications",
-                    {module("A", "R1A", "200130003801"), module("B", "R1B", "200230003801"),
-                     module("C", "R2A", "200030003801")},
-                    "C_R2A"},
-        EvictionRow{"accessUnsetIsReadOnly", {module("A", "R1A", "")}, ""},
-        EvictionRow{"withoutRevision", {module("A", "")}, "A"},
-        EvictionRow{"withoutNumber", {module("", "R1A")}, "R1A"},
-        EvictionRow{"aboveEveryRevision", {module("A", "R9999ZZZZ9999")}, ""}),
-    [](const auto& row) { return row.param.name; });
+const EvictionRow evictionRows[] = {
+    {"lowest", {module("A", "R2A"), module("B", "R1A"), module("C", "R3A")}, "B_R1A"},
+    {"runningIsPassedOver", {module("A", "R2A"), module("B", "R1A", RUNNING)}, "A_R2A"},
+    {"firstOfEquals", {module("A", "R1A"), module("B", "R1A")}, "A_R1A"},
+    {"preliminaryBeforeReleased", {module("A", "R1A"), module("B", "P9Z")}, "B_P9Z"},
+    {"unreadableBeforeAll", {module("A", "P1A"), module("B", "R11"), module("C", "?")}, "B_R11"},
+    {"noneThere", {}, ""},
+    {"erasingFirst", {module("A", "R1A", ERASING), module("B", "R1A")}, ""},
+    {"erasingLast", {module("A", "R11"), module("B", "R1A", ERASING)}, ""},
+    {"onlyValid", {module("A", "R1A", "30013801"), module("B", "R1A", "30033801")}, ""},
+    {"onlyWritable", {module("A", "R1A", "30003800"), module("B", "R2A")}, "B_R2A"},
+    {"onlyApplications",
+     {module("A", "R1A", "200130003801"), module("B", "R1B", "200230003801"),
+      module("C", "R2A", "200030003801")},
+     "C_R2A"},
+    {"accessUnsetIsReadOnly", {module("A", "R1A", "")}, ""},
+    {"withoutRevision", {module("A", "")}, "A"},
+    {"withoutNumber", {module("", "R1A")}, "R1A"},
+    {"aboveEveryRevision", {module("A", "R9999ZZZZ9999")}, ""}};
+TEST_ROWS(all, SwmiEvictionTest, evictionRows);
 
 TEST_F(SwmiLoadTest, isTriedAgainAsOftenAsItTakes)
 {

@@ -1,5 +1,6 @@
 // The software component's way to its server, the store's acquisition, and what becomes of lost sessions.
 
+#include "rowTest.h"
 #include "swmiFixture.h"
 
 #include <random>
@@ -245,44 +246,37 @@ struct SwmiShortRow {
     std::size_t size;
 };
 
-void PrintTo(const SwmiShortRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class SwmiShortSignalTest : public SwmiTest, public WithRow<SwmiShortRow> {};
 
-class SwmiShortSignalTest : public SwmiTest, public ::testing::WithParamInterface<SwmiShortRow> {};
-
-TEST_P(SwmiShortSignalTest, isDroppedWithATrace)
+ROW_TEST(SwmiShortSignalTest, isDroppedWithATrace)
 {
     startLoad();
     m_board.traces().clear();
-    auto bytes = support::messageFromHex(GetParam().signal);
-    bytes.resize(GetParam().size - 1);
+    auto bytes = support::messageFromHex(row().signal);
+    bytes.resize(row().size - 1);
     m_client.sendToServer(bytes);
     EXPECT_TRUE(nothingSent());
     std::ostringstream sender;
     sender << std::hex << m_client.mbox();
     EXPECT_NE(m_board.traces().dump().find(" from mbox: 0x" + sender.str() +
-                                           " is too short: " + std::to_string(GetParam().size - 1) + " of " +
-                                           std::to_string(GetParam().size) + " bytes. Ignoring it."),
+                                           " is too short: " + std::to_string(row().size - 1) + " of " +
+                                           std::to_string(row().size) + " bytes. Ignoring it."),
               std::string::npos)
         << m_board.traces().dump();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, SwmiShortSignalTest,
-    ::testing::Values(SwmiShortRow{"acquire", "01659800 00000007 0000012c 0006 0000", 16},
-                      SwmiShortRow{"release", "01659803 00000007 0000012c 0005 0000", 16},
-                      SwmiShortRow{"init", "01658803 00000007 0000012c", 12},
-                      SwmiShortRow{"block", "01658806 00000007 0000012c 0001 0000 00000000", 20},
-                      SwmiShortRow{"blocksContent", "01658806 00000007 0000012c 0001 0000 00000003 aabbcc",
-                                   23},
-                      SwmiShortRow{"end", "01658808 00000007 0000012c", 12},
-                      SwmiShortRow{"select", "0165880b 00000007 0000012c", 12},
-                      SwmiShortRow{"list", "0165880e 00000007 0000012c", 12},
-                      SwmiShortRow{"listAck", "01658812 00000007 0000012c 00000000", 16},
-                      SwmiShortRow{"running", "01658813 00000007 0000012c", 12}),
-    [](const auto& row) { return row.param.name; });
+const SwmiShortRow swmiShortRows[] = {
+    {"acquire", "01659800 00000007 0000012c 0006 0000", 16},
+    {"release", "01659803 00000007 0000012c 0005 0000", 16},
+    {"init", "01658803 00000007 0000012c", 12},
+    {"block", "01658806 00000007 0000012c 0001 0000 00000000", 20},
+    {"blocksContent", "01658806 00000007 0000012c 0001 0000 00000003 aabbcc", 23},
+    {"end", "01658808 00000007 0000012c", 12},
+    {"select", "0165880b 00000007 0000012c", 12},
+    {"list", "0165880e 00000007 0000012c", 12},
+    {"listAck", "01658812 00000007 0000012c 00000000", 16},
+    {"running", "01658813 00000007 0000012c", 12}};
+TEST_ROWS(all, SwmiShortSignalTest, swmiShortRows);
 
 // Automatic boot mode
 
@@ -304,42 +298,37 @@ struct ImplicitRow {
     const char* request;
 };
 
-void PrintTo(const ImplicitRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class SwmiImplicitTest : public SwmiAubootTest, public ::testing::WithParamInterface<ImplicitRow> {
+class SwmiImplicitTest : public SwmiAubootTest, public WithRow<ImplicitRow> {
 protected:
     void ask()
     {
-        const std::string start = GetParam().signal;
-        m_client.sendToServer(GetParam().text == nullptr ? support::messageFromHex(start)
-                                                         : signalWithText(start, GetParam().text));
+        const std::string start = row().signal;
+        m_client.sendToServer(row().text == nullptr ? support::messageFromHex(start)
+                                                    : signalWithText(start, row().text));
     }
 };
 
-TEST_P(SwmiImplicitTest, acquiresFirstAndTellsTheClientNothingOfIt)
+ROW_TEST(SwmiImplicitTest, acquiresFirstAndTellsTheClientNothingOfIt)
 {
     ask();
     EXPECT_THAT(sent(), ElementsAre("00000007 00000001 08ac021000"));
     activate();
-    EXPECT_THAT(sent(), ElementsAre(GetParam().request));
+    EXPECT_THAT(sent(), ElementsAre(row().request));
     EXPECT_TRUE(m_client.nothingReceived());
 }
 
-TEST_P(SwmiImplicitTest, onlyOnce)
+ROW_TEST(SwmiImplicitTest, onlyOnce)
 {
     ask();
     (void)sent();
     ask();
     const auto frames = sent();
     ASSERT_EQ(frames.size(), 1U);
-    EXPECT_EQ(frames[0].substr(0, 8), std::string(GetParam().request).substr(0, 8));
+    EXPECT_EQ(frames[0].substr(0, 8), std::string(row().request).substr(0, 8));
     EXPECT_EQ(frames[0].substr(9, 13), "00000003 0800") << "the ticket is not there yet";
 }
 
-TEST_P(SwmiImplicitTest, notForAnotherRevision)
+ROW_TEST(SwmiImplicitTest, notForAnotherRevision)
 {
     m_client.session()->protocolRev = 2;
     ask();
@@ -347,7 +336,7 @@ TEST_P(SwmiImplicitTest, notForAnotherRevision)
     EXPECT_NE(m_client.receivedHex().find(rejectTail("ABN: Resource not acquired")), std::string::npos);
 }
 
-TEST_P(SwmiImplicitTest, notWithoutASession)
+ROW_TEST(SwmiImplicitTest, notWithoutASession)
 {
     m_board.endSession(m_client);
     ask();
@@ -355,13 +344,11 @@ TEST_P(SwmiImplicitTest, notWithoutASession)
     EXPECT_NE(m_client.receivedHex().find(rejectTail("ABN: Resource not acquired")), std::string::npos);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, SwmiImplicitTest,
-    ::testing::Values(ImplicitRow{"load", "01658803 00000007 0000012c", "AB_R1A",
-                                  "0000000e 00000002 0809120641425f523141"},
-                      ImplicitRow{"select", "0165880b 00000007 0000012c", "AB_R1A", "00000020 00000002 0809"},
-                      ImplicitRow{"list", "0165880e 00000007 0000012c", nullptr, "00000023 00000002 0809"}),
-    [](const auto& row) { return row.param.name; });
+const ImplicitRow implicitRows[] = {
+    {"load", "01658803 00000007 0000012c", "AB_R1A", "0000000e 00000002 0809120641425f523141"},
+    {"select", "0165880b 00000007 0000012c", "AB_R1A", "00000020 00000002 0809"},
+    {"list", "0165880e 00000007 0000012c", nullptr, "00000023 00000002 0809"}};
+TEST_ROWS(all, SwmiImplicitTest, implicitRows);
 
 TEST_F(SwmiAubootTest, theAcquisitionIsOfResourceOneAndStays)
 {
@@ -508,21 +495,16 @@ struct LossRow {
     const char* late; ///< what the server says of it afterwards
 };
 
-void PrintTo(const LossRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class SwmiLossInStateTest : public SwmiTest, public WithRow<LossRow> {};
 
-class SwmiLossInStateTest : public SwmiTest, public ::testing::WithParamInterface<LossRow> {};
-
-TEST_P(SwmiLossInStateTest, givesBackWhatIsHeldAndHearsNothingOfItAnyMore)
+ROW_TEST(SwmiLossInStateTest, givesBackWhatIsHeldAndHearsNothingOfItAnyMore)
 {
     ProductInfo info;
     info.productName = "KPX";
     info.isComplete = true;
     m_board.commonData().setProductInfoCache(info);
     const auto client = m_board.connectClient({.clientRef = 8, .serverRef = 150});
-    for (const char* step : GetParam().steps) {
+    for (const char* step : row().steps) {
         if (*step == ' ') {
             fromServer(step);
         } else {
@@ -533,8 +515,8 @@ TEST_P(SwmiLossInStateTest, givesBackWhatIsHeldAndHearsNothingOfItAnyMore)
     }
     (void)sent();
     m_board.endSession(client); // it lives on, to hear what comes
-    EXPECT_EQ(sent(), GetParam().givenBack);
-    fromServer(GetParam().late);
+    EXPECT_EQ(sent(), row().givenBack);
+    fromServer(row().late);
     EXPECT_THAT(sent(), IsEmpty());
     EXPECT_TRUE(client.nothingReceived());
 }
@@ -549,45 +531,43 @@ const std::string LOSS_RELEASED = "0000000b 00000001 0809";
 const std::string LOSS_ENDED = "00000013 00000002 0809";
 const std::string LOSS_GIVEN_UP = "00000027 00000002 08091001";
 
-INSTANTIATE_TEST_SUITE_P(
-    all, SwmiLossInStateTest,
-    ::testing::Values(
-        LossRow{"requested", {LOSS_ACQUIRE}, {"0000000b 00000001 0800"}, LOSS_TICKET},
-        LossRow{"ticketed", {LOSS_ACQUIRE, LOSS_TICKET}, {LOSS_RELEASED}, " 0000000a 00000001 0809"},
-        LossRow{"acquired",
-                {LOSS_ACQUIRE, LOSS_TICKET, " 0000000a 00000001 0809"},
-                {LOSS_RELEASED},
-                " 0000000c 00000001 0809"},
-        LossRow{"initPending",
-                {LOSS_ACQUIRE, LOSS_TICKET, LOSS_INIT},
-                {LOSS_ENDED, LOSS_RELEASED},
-                " 0000000f 00000002 0809"},
-        LossRow{"readingTheInventory",
-                {LOSS_ACQUIRE, LOSS_TICKET, LOSS_INIT, LOSS_SHORTAGE},
-                {LOSS_ENDED, LOSS_RELEASED},
-                " 00000021 00000002 0809"},
-        LossRow{"deleting",
-                {LOSS_ACQUIRE, LOSS_TICKET, LOSS_INIT, LOSS_SHORTAGE, " 00000021 00000002 0809"},
-                {LOSS_ENDED, LOSS_RELEASED},
-                " 0000001e 00000002 0809"},
-        LossRow{"listRequested",
-                {LOSS_ACQUIRE, LOSS_TICKET, LOSS_LIST},
-                {LOSS_GIVEN_UP, LOSS_RELEASED},
-                " 00000024 00000002 0809"},
-        LossRow{"collecting",
-                {LOSS_ACQUIRE, LOSS_TICKET, LOSS_LIST, " 00000024 00000002 0809"},
-                {LOSS_GIVEN_UP, LOSS_RELEASED},
-                LOSS_LAST_PIECE},
-        LossRow{"awaitingTheRunningSoftware",
-                {LOSS_ACQUIRE, LOSS_TICKET, LOSS_LIST, LOSS_LAST_PIECE},
-                {LOSS_GIVEN_UP, LOSS_RELEASED},
-                " 00000029 00000002"},
-        LossRow{"handingOut",
-                {LOSS_ACQUIRE, LOSS_TICKET, LOSS_LIST,
-                 " 00000026 00000002 0809 1001 1a0f3c507265696e7374616c6c65642f3e", " 00000029 00000002"},
-                {LOSS_GIVEN_UP, LOSS_RELEASED},
-                " 00000029 00000002"}),
-    [](const auto& row) { return row.param.name; });
+const LossRow lossRows[] = {
+    {"requested", {LOSS_ACQUIRE}, {"0000000b 00000001 0800"}, LOSS_TICKET},
+    {"ticketed", {LOSS_ACQUIRE, LOSS_TICKET}, {LOSS_RELEASED}, " 0000000a 00000001 0809"},
+    {"acquired",
+     {LOSS_ACQUIRE, LOSS_TICKET, " 0000000a 00000001 0809"},
+     {LOSS_RELEASED},
+     " 0000000c 00000001 0809"},
+    {"initPending",
+     {LOSS_ACQUIRE, LOSS_TICKET, LOSS_INIT},
+     {LOSS_ENDED, LOSS_RELEASED},
+     " 0000000f 00000002 0809"},
+    {"readingTheInventory",
+     {LOSS_ACQUIRE, LOSS_TICKET, LOSS_INIT, LOSS_SHORTAGE},
+     {LOSS_ENDED, LOSS_RELEASED},
+     " 00000021 00000002 0809"},
+    {"deleting",
+     {LOSS_ACQUIRE, LOSS_TICKET, LOSS_INIT, LOSS_SHORTAGE, " 00000021 00000002 0809"},
+     {LOSS_ENDED, LOSS_RELEASED},
+     " 0000001e 00000002 0809"},
+    {"listRequested",
+     {LOSS_ACQUIRE, LOSS_TICKET, LOSS_LIST},
+     {LOSS_GIVEN_UP, LOSS_RELEASED},
+     " 00000024 00000002 0809"},
+    {"collecting",
+     {LOSS_ACQUIRE, LOSS_TICKET, LOSS_LIST, " 00000024 00000002 0809"},
+     {LOSS_GIVEN_UP, LOSS_RELEASED},
+     LOSS_LAST_PIECE},
+    {"awaitingTheRunningSoftware",
+     {LOSS_ACQUIRE, LOSS_TICKET, LOSS_LIST, LOSS_LAST_PIECE},
+     {LOSS_GIVEN_UP, LOSS_RELEASED},
+     " 00000029 00000002"},
+    {"handingOut",
+     {LOSS_ACQUIRE, LOSS_TICKET, LOSS_LIST, " 00000026 00000002 0809 1001 1a0f3c507265696e7374616c6c65642f3e",
+      " 00000029 00000002"},
+     {LOSS_GIVEN_UP, LOSS_RELEASED},
+     " 00000029 00000002"}};
+TEST_ROWS(all, SwmiLossInStateTest, lossRows);
 
 TEST_F(SwmiSessionLossTest, alsoEndsTheProceduresOfAnotherClientWithTheSameServerReference)
 {

@@ -1,4 +1,5 @@
 #include "merlowTemperature.h"
+#include "rowTest.h"
 
 #include "bci/bciTemperature.h"
 #include "board.h"
@@ -253,33 +254,31 @@ void PrintTo(const TemperatureRejectRow& row, std::ostream* out)
     *out << row.frame << " " << row.body;
 }
 
-class MerlowTemperatureRejectTest : public MerlowTemperatureTest,
-                                    public testing::WithParamInterface<TemperatureRejectRow> {};
+class MerlowTemperatureRejectTest : public MerlowTemperatureTest, public WithRow<TemperatureRejectRow> {};
 
-TEST_P(MerlowTemperatureRejectTest, hasItsText)
+ROW_TEST(MerlowTemperatureRejectTest, hasItsText)
 {
     const auto client = measuringClient();
-    m_board.bri().sendHex(std::string(GetParam().frame) + " 00000001 00000064 " + GetParam().body);
-    EXPECT_EQ(client.receivedHex(), "01659102" + temperatureRefs + " " + rejectTail(GetParam().text));
-    EXPECT_EQ(openTransactions(), GetParam().transactionsLeft);
+    m_board.bri().sendHex(std::string(row().frame) + " 00000001 00000064 " + row().body);
+    EXPECT_EQ(client.receivedHex(), "01659102" + temperatureRefs + " " + rejectTail(row().text));
+    EXPECT_EQ(openTransactions(), row().transactionsLeft);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowTemperatureRejectTest,
-    testing::Values(
-        TemperatureRejectRow{"01707744", "0800", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 0},
-        TemperatureRejectRow{"01707744", "0801", "Unable to start hotSpot timer", 0},
-        TemperatureRejectRow{"01707744", "0802", "Unknown", 0},
-        TemperatureRejectRow{"01707744", "", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 0},
-        TemperatureRejectRow{"0170776c", "0800", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 1},
-        TemperatureRejectRow{"0170776c", "0801", "Unable to restart hotSpot timer", 1},
-        TemperatureRejectRow{"0170776c", "0802", "Internal error INVALID_TEMP_MEAS_REF", 1},
-        TemperatureRejectRow{"0170776c", "0803", "", 1},
-        TemperatureRejectRow{"0170776c", "", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 1},
-        TemperatureRejectRow{"01707747", "0800", "Internal error INVALID_TEMP_MEAS_REF", 1},
-        TemperatureRejectRow{"01707747", "0801", "Internal error UNABLE_TO_STOP_TIMER", 1},
-        TemperatureRejectRow{"01707747", "0802", "Unknown", 1},
-        TemperatureRejectRow{"01707747", "", "Internal error INVALID_TEMP_MEAS_REF", 1}));
+const TemperatureRejectRow temperatureRejectRows[] = {
+    {"01707744", "0800", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 0},
+    {"01707744", "0801", "Unable to start hotSpot timer", 0},
+    {"01707744", "0802", "Unknown", 0},
+    {"01707744", "", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 0},
+    {"0170776c", "0800", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 1},
+    {"0170776c", "0801", "Unable to restart hotSpot timer", 1},
+    {"0170776c", "0802", "Internal error INVALID_TEMP_MEAS_REF", 1},
+    {"0170776c", "0803", "", 1},
+    {"0170776c", "", "Invalid hotSpotMeasurementPeriod: exp: 1 - 30", 1},
+    {"01707747", "0800", "Internal error INVALID_TEMP_MEAS_REF", 1},
+    {"01707747", "0801", "Internal error UNABLE_TO_STOP_TIMER", 1},
+    {"01707747", "0802", "Unknown", 1},
+    {"01707747", "", "Internal error INVALID_TEMP_MEAS_REF", 1}};
+TEST_ROWS(all, MerlowTemperatureRejectTest, temperatureRejectRows);
 
 TEST_F(MerlowTemperatureTest, causeWithoutATextIsTracedByItsName)
 {
@@ -291,15 +290,15 @@ TEST_F(MerlowTemperatureTest, causeWithoutATextIsTracedByItsName)
 
 // The capability comes before the session
 
-class MerlowTemperatureGateTest : public testing::TestWithParam<bool> {};
+class MerlowTemperatureGateTest : public testing::Test, public WithRow<bool> {};
 
-TEST_P(MerlowTemperatureGateTest, withoutTheCapabilityEveryRequestIsRefusedAtOnce)
+ROW_TEST(MerlowTemperatureGateTest, withoutTheCapabilityEveryRequestIsRefusedAtOnce)
 {
     Board board;
     board.add<MerlowTemperature>();
     board.commonData().getBriClient().addCapability(
         std::make_shared<ClimateControl>(ClimateControl::Params{})); // which does not count
-    const auto client = GetParam() ? board.connectClient() : board.newClient();
+    const auto client = row() ? board.connectClient() : board.newClient();
     client.sendHex("01659100 00000007 fffffffe 0a");
     EXPECT_EQ(client.receivedHex(), "01659102 00000007 fffffffe " + rejectTail("Hotspots not supported"));
     client.sendHex("01659100 00000007 fffffffe"); // the period does not matter
@@ -311,7 +310,8 @@ TEST_P(MerlowTemperatureGateTest, withoutTheCapabilityEveryRequestIsRefusedAtOnc
     EXPECT_EQ(board.commonData().getBriClient().getNumTransactions(), 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowTemperatureGateTest, testing::Bool());
+const bool connectedOrNot[] = {false, true};
+TEST_ROWS(all, MerlowTemperatureGateTest, connectedOrNot);
 
 TEST_F(MerlowTemperatureTest, strangerIsIgnoredWithTheCapability)
 {
@@ -524,11 +524,6 @@ struct TemperatureAnswerRow {
     const char* trace; ///< for an answer to nothing
 };
 
-void PrintTo(const TemperatureAnswerRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
 const TemperatureAnswerRow temperatureAnswers[] = {
     {0x1707743, "TempMeasStartCfm",
      "ABN: BRI_TEMP_MEAS_START_CFM, no matching BRI_TEMP_MEAS_START_REQ procedureRef was found"},
@@ -545,29 +540,28 @@ const TemperatureAnswerRow temperatureAnswers[] = {
     {0x1707748, "TempMeasInd", nullptr},
 };
 
-class MerlowTemperatureAnswerTest : public MerlowTemperatureTest,
-                                    public testing::WithParamInterface<TemperatureAnswerRow> {};
+class MerlowTemperatureAnswerTest : public MerlowTemperatureTest, public WithRow<TemperatureAnswerRow> {};
 
-TEST_P(MerlowTemperatureAnswerTest, ofNobodyIsTracedAndChangesNothing)
+ROW_TEST(MerlowTemperatureAnswerTest, ofNobodyIsTracedAndChangesNothing)
 {
     const auto client = measuringClient();
     m_board.traces().clear();
-    m_board.bri().sendBody(GetParam().number, 2, "");
-    if (GetParam().trace != nullptr) {
-        EXPECT_TRUE(m_board.traced(4, GetParam().trace));
+    m_board.bri().sendBody(row().number, 2, "");
+    if (row().trace != nullptr) {
+        EXPECT_TRUE(m_board.traced(4, row().trace));
     }
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_TRUE(isRunning(client, 1, 0x4D));
     EXPECT_EQ(openTransactions(), 1U);
 }
 
-TEST_P(MerlowTemperatureAnswerTest, thatDoesNotParseIsTracedAndDropped)
+ROW_TEST(MerlowTemperatureAnswerTest, thatDoesNotParseIsTracedAndDropped)
 {
     const auto client = measuringClient();
-    m_board.bri().sendBody(GetParam().number, 1, "\x08");
+    m_board.bri().sendBody(row().number, 1, "\x08");
     EXPECT_TRUE(m_board.traced(1, std::string("Unable to parse GPB message boardresourcehandler.bri.") +
-                                      GetParam().name + " of size 13 bytes"));
-    const auto frame = support::makeFrame(GetParam().number, 1, 100, "");
+                                      row().name + " of size 13 bytes"));
+    const auto frame = support::makeFrame(row().number, 1, 100, "");
     ASSERT_EQ(frame.size(), 12U);
     for (std::size_t size = 4; size < frame.size(); ++size) {
         m_board.bri().sendBytes({frame.begin(), frame.begin() + static_cast<std::ptrdiff_t>(size)});
@@ -578,8 +572,7 @@ TEST_P(MerlowTemperatureAnswerTest, thatDoesNotParseIsTracedAndDropped)
     EXPECT_EQ(openTransactions(), 1U);
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowTemperatureAnswerTest, testing::ValuesIn(temperatureAnswers),
-                         [](const auto& row) { return row.param.name; });
+TEST_ROWS(all, MerlowTemperatureAnswerTest, temperatureAnswers);
 
 TEST_F(MerlowTemperatureTest, startWithoutABackendStoresItsTransactionAllTheSame)
 {

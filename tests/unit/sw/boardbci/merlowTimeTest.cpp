@@ -1,4 +1,5 @@
 #include "merlowTime.h"
+#include "rowTest.h"
 
 #include "bci/bciTime.h"
 #include "board.h"
@@ -50,39 +51,31 @@ struct Accuracy {
     const char* hex;
 };
 
-void PrintTo(const Accuracy& row, std::ostream* out)
-{
-    *out << row.serverRef;
-}
+class MerlowTimeAccuracyTest : public MerlowTimeTest, public WithRow<Accuracy> {};
 
-class MerlowTimeAccuracyTest : public MerlowTimeTest, public testing::WithParamInterface<Accuracy> {};
-
-TEST_P(MerlowTimeAccuracyTest, registrationCarriesTheAccuracyOfTheAccessType)
+ROW_TEST(MerlowTimeAccuracyTest, registrationCarriesTheAccuracyOfTheAccessType)
 {
-    const auto client = m_board.connectClient({.serverRef = GetParam().serverRef});
+    const auto client = m_board.connectClient({.serverRef = row().serverRef});
     m_board.announceSession(client);
-    EXPECT_EQ(m_board.bri().receivedHex(), GetParam().hex);
+    EXPECT_EQ(m_board.bri().receivedHex(), row().hex);
     EXPECT_TRUE(m_board.bri().nothingReceived());
     const auto* transaction = m_board.commonData().getBriClient().searchTransactionProcedure(1);
     ASSERT_NE(transaction, nullptr);
     EXPECT_EQ(*transaction, (BrhClient::ProcedureTransaction{.procedureRef = 1,
                                                              .clientMbox = client.mbox(),
-                                                             .serverRef = GetParam().serverRef,
+                                                             .serverRef = row().serverRef,
                                                              .clientRef = 7,
                                                              .data = 0x1707733}));
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowTimeAccuracyTest,
-                         testing::Values(Accuracy{99, "01707733 00000001 00c0ffee 0801"},
-                                         Accuracy{100, "01707733 00000001 00c0ffee 0802"},
-                                         Accuracy{150, "01707733 00000001 00c0ffee 0802"},
-                                         Accuracy{199, "01707733 00000001 00c0ffee 0802"},
-                                         Accuracy{200, "01707733 00000001 00c0ffee 0801"},
-                                         Accuracy{-1, "01707733 00000001 00c0ffee 0801"}),
-                         [](const auto& row) {
-                             const auto ref = row.param.serverRef;
-                             return ref < 0 ? "negative" : std::to_string(ref);
-                         });
+const Accuracy accuracies[] = {
+    {99, "01707733 00000001 00c0ffee 0801"},  {100, "01707733 00000001 00c0ffee 0802"},
+    {150, "01707733 00000001 00c0ffee 0802"}, {199, "01707733 00000001 00c0ffee 0802"},
+    {200, "01707733 00000001 00c0ffee 0801"}, {-1, "01707733 00000001 00c0ffee 0801"}};
+TEST_ROWS(all, MerlowTimeAccuracyTest, accuracies, [](const auto& row) {
+    const auto ref = row.serverRef;
+    return ref < 0 ? "negative" : std::to_string(ref);
+});
 
 TEST_F(MerlowTimeTest, registrationWithoutABackendLeavesNoTransaction)
 {

@@ -1,4 +1,5 @@
 #include "merlowVisual.h"
+#include "rowTest.h"
 
 #include "mmiFixture.h"
 
@@ -156,19 +157,13 @@ struct VisualOrdinaryRow {
     bool isComplete;
 };
 
-void PrintTo(const VisualOrdinaryRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowVisualOrdinaryTest : public MerlowVisualTest, public WithRow<VisualOrdinaryRow> {};
 
-class MerlowVisualOrdinaryTest : public MerlowVisualTest,
-                                 public testing::WithParamInterface<VisualOrdinaryRow> {};
-
-TEST_P(MerlowVisualOrdinaryTest, theOrderIsCheckedAndGoesOut)
+ROW_TEST(MerlowVisualOrdinaryTest, theOrderIsCheckedAndGoesOut)
 {
-    setProduct(GetParam().product, GetParam().isComplete);
+    setProduct(row().product, row().isComplete);
     const auto client = mmiUser({.serverRef = 150}); // the request's own reference counts
-    const std::string references = std::string(" 00000007 ") + GetParam().serverRef;
+    const std::string references = std::string(" 00000007 ") + row().serverRef;
     client.sendHex("01658004" + references + " 0000");
     EXPECT_EQ(client.receivedHex(),
               "01658006" + references + " " + rejectTail("Invalid parameter VisualizedState: 0"));
@@ -177,16 +172,12 @@ TEST_P(MerlowVisualOrdinaryTest, theOrderIsCheckedAndGoesOut)
     EXPECT_TRUE(client.nothingReceived());
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowVisualOrdinaryTest,
-                         testing::Values(VisualOrdinaryRow{"below", "00000063", "KPX 1", true},
-                                         VisualOrdinaryRow{"above", "000000c8", "KPX 1", true},
-                                         VisualOrdinaryRow{"negative", "ffffffff", "KPX 1", true},
-                                         VisualOrdinaryRow{"otherFamily", "00000096", "KRU 7", true},
-                                         VisualOrdinaryRow{"notAtTheStart", "00000096", "AKPX", true},
-                                         VisualOrdinaryRow{"tooShort", "00000096", "KP", true},
-                                         VisualOrdinaryRow{"unnamed", "00000096", "", true},
-                                         VisualOrdinaryRow{"incomplete", "00000096", "KPX 1", false}),
-                         [](const auto& row) { return row.param.name; });
+const VisualOrdinaryRow visualOrdinaryRows[] = {
+    {"below", "00000063", "KPX 1", true},        {"above", "000000c8", "KPX 1", true},
+    {"negative", "ffffffff", "KPX 1", true},     {"otherFamily", "00000096", "KRU 7", true},
+    {"notAtTheStart", "00000096", "AKPX", true}, {"tooShort", "00000096", "KP", true},
+    {"unnamed", "00000096", "", true},           {"incomplete", "00000096", "KPX 1", false}};
+TEST_ROWS(all, MerlowVisualOrdinaryTest, visualOrdinaryRows);
 
 TEST_F(MerlowVisualTest, onKpxUnitsAGsmClientReadsLikeEverybody)
 {
@@ -207,47 +198,40 @@ struct VisualReadRow {
     const char* states;
 };
 
-void PrintTo(const VisualReadRow& row, std::ostream* out)
+class MerlowVisualReadTest : public MerlowVisualTest, public WithRow<VisualReadRow> {};
+
+ROW_TEST(MerlowVisualReadTest, theStatesAreTranslated)
 {
-    *out << row.name;
+    EXPECT_EQ(readBack(mmiUser(), "0165800f", row().body),
+              "01658010" + visualReferences + " " + row().states);
 }
 
-class MerlowVisualReadTest : public MerlowVisualTest, public testing::WithParamInterface<VisualReadRow> {};
-
-TEST_P(MerlowVisualReadTest, theStatesAreTranslated)
-{
-    EXPECT_EQ(readBack(mmiUser(), "0165800f", GetParam().body),
-              "01658010" + visualReferences + " " + GetParam().states);
-}
-
-INSTANTIATE_TEST_SUITE_P(all, MerlowVisualReadTest,
-                         testing::Values(VisualReadRow{"nothingTold", "", "00ff00ff 00ff00ff"},
-                                         VisualReadRow{"a1", "\x08\x01", "041100ff 00ff00ff"},
-                                         VisualReadRow{"a2", "\x08\x02", "041000ff 00ff00ff"},
-                                         VisualReadRow{"a3", "\x08\x03", "00ff00ff 00ff00ff"},
-                                         VisualReadRow{"b1", "\x10\x01", "00ff0120 00ff00ff"},
-                                         VisualReadRow{"b2", "\x10\x02", "00ff0121 00ff00ff"},
-                                         VisualReadRow{"b3", "\x10\x03", "00ff0130 00ff00ff"},
-                                         VisualReadRow{"b4", "\x10\x04", "00ff0140 00ff00ff"},
-                                         VisualReadRow{"b5", "\x10\x05", "00ff0110 00ff00ff"},
-                                         VisualReadRow{"b6", "\x10\x06", "00ff0110 00ff00ff"},
-                                         VisualReadRow{"b7", "\x10\x07", "00ff0110 00ff00ff"},
-                                         VisualReadRow{"b8", "\x10\x08", "00ff00ff 00ff00ff"},
-                                         VisualReadRow{"c1", "\x18\x01", "00ff00ff 00ff0311"},
-                                         VisualReadRow{"c2", "\x18\x02", "00ff00ff 00ff0310"},
-                                         VisualReadRow{"c3", "\x18\x03", "00ff00ff 00ff0331"},
-                                         VisualReadRow{"c4", "\x18\x04", "00ff00ff 00ff0320"},
-                                         VisualReadRow{"c5", "\x18\x05", "00ff00ff 00ff0313"},
-                                         VisualReadRow{"c6", "\x18\x06", "00ff00ff 00ff0312"},
-                                         VisualReadRow{"c7", "\x18\x07", "00ff00ff 00ff00ff"},
-                                         VisualReadRow{"d1", "\x20\x01", "00ff00ff 000100ff"},
-                                         VisualReadRow{"d2", "\x20\x02", "00ff00ff 000400ff"},
-                                         VisualReadRow{"d3", "\x20\x03", "00ff00ff 00ff00ff"},
-                                         VisualReadRow{"all", "\x08\x01\x10\x02\x18\x05\x20\x02",
-                                                       "04110121 00040313"},
-                                         VisualReadRow{"beyondTheSchema", "\x08\x63\x10\x63\x18\x63\x20\x63",
-                                                       "00ff00ff 00ff00ff"}),
-                         [](const auto& row) { return row.param.name; });
+const VisualReadRow visualReadRows[] = {
+    {"nothingTold", "", "00ff00ff 00ff00ff"},
+    {"a1", "\x08\x01", "041100ff 00ff00ff"},
+    {"a2", "\x08\x02", "041000ff 00ff00ff"},
+    {"a3", "\x08\x03", "00ff00ff 00ff00ff"},
+    {"b1", "\x10\x01", "00ff0120 00ff00ff"},
+    {"b2", "\x10\x02", "00ff0121 00ff00ff"},
+    {"b3", "\x10\x03", "00ff0130 00ff00ff"},
+    {"b4", "\x10\x04", "00ff0140 00ff00ff"},
+    {"b5", "\x10\x05", "00ff0110 00ff00ff"},
+    {"b6", "\x10\x06", "00ff0110 00ff00ff"},
+    {"b7", "\x10\x07", "00ff0110 00ff00ff"},
+    {"b8", "\x10\x08", "00ff00ff 00ff00ff"},
+    {"c1", "\x18\x01", "00ff00ff 00ff0311"},
+    {"c2", "\x18\x02", "00ff00ff 00ff0310"},
+    {"c3", "\x18\x03", "00ff00ff 00ff0331"},
+    {"c4", "\x18\x04", "00ff00ff 00ff0320"},
+    {"c5", "\x18\x05", "00ff00ff 00ff0313"},
+    {"c6", "\x18\x06", "00ff00ff 00ff0312"},
+    {"c7", "\x18\x07", "00ff00ff 00ff00ff"},
+    {"d1", "\x20\x01", "00ff00ff 000100ff"},
+    {"d2", "\x20\x02", "00ff00ff 000400ff"},
+    {"d3", "\x20\x03", "00ff00ff 00ff00ff"},
+    {"all", "\x08\x01\x10\x02\x18\x05\x20\x02", "04110121 00040313"},
+    {"beyondTheSchema", "\x08\x63\x10\x63\x18\x63\x20\x63", "00ff00ff 00ff00ff"}};
+TEST_ROWS(all, MerlowVisualReadTest, visualReadRows);
 
 TEST_F(MerlowVisualTest, theSpecialIndicatorIsListedWhenItsStateIsKnown)
 {
@@ -307,43 +291,37 @@ struct VisualReadRequest {
     std::uint32_t number;
 };
 
-void PrintTo(const VisualReadRequest& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowVisualReadRequestTest : public MerlowVisualTest, public WithRow<VisualReadRequest> {};
 
-class MerlowVisualReadRequestTest : public MerlowVisualTest,
-                                    public testing::WithParamInterface<VisualReadRequest> {};
-
-TEST_P(MerlowVisualReadRequestTest, leavesATransactionOfItsOwnNumber)
+ROW_TEST(MerlowVisualReadRequestTest, leavesATransactionOfItsOwnNumber)
 {
     const auto client = mmiUser();
-    client.sendHex(GetParam().request + visualReferences);
+    client.sendHex(row().request + visualReferences);
     const auto* transaction = bmmiClient().searchTransactionProcedure(1);
     ASSERT_NE(transaction, nullptr);
     EXPECT_EQ(*transaction, (BrhClient::ProcedureTransaction{.procedureRef = 1,
                                                              .clientMbox = client.mbox(),
                                                              .serverRef = 300,
                                                              .clientRef = 7,
-                                                             .data = GetParam().number}));
+                                                             .data = row().number}));
 }
 
-TEST_P(MerlowVisualReadRequestTest, isRejectedToWhoIsNoMmiUser)
+ROW_TEST(MerlowVisualReadRequestTest, isRejectedToWhoIsNoMmiUser)
 {
     const auto client = m_board.connectClient();
-    client.sendHex(GetParam().request + visualReferences);
-    EXPECT_EQ(client.receivedHex(), GetParam().reject + visualReferences + " " +
+    client.sendHex(row().request + visualReferences);
+    EXPECT_EQ(client.receivedHex(), row().reject + visualReferences + " " +
                                         rejectTail("The session has not subscribed as an MMI User"));
     EXPECT_TRUE(m_board.bmmi().nothingReceived());
 }
 
-TEST_P(MerlowVisualReadRequestTest, isRejectedWhenTheBoardRefuses)
+ROW_TEST(MerlowVisualReadRequestTest, isRejectedWhenTheBoardRefuses)
 {
     const auto client = mmiUser();
-    client.sendHex(GetParam().request + visualReferences);
+    client.sendHex(row().request + visualReferences);
     m_board.bmmi().sendHex("0170758b 00000001 00000065");
     EXPECT_EQ(client.receivedHex(),
-              GetParam().reject + visualReferences + " " + rejectTail("Interaction failure"));
+              row().reject + visualReferences + " " + rejectTail("Interaction failure"));
     EXPECT_EQ(openTransactions(), 0U);
     m_board.bmmi().sendHex("0170758b 00000001 00000065"); // late
     m_board.bmmi().sendHex("0170758a 00000001 00000065");
@@ -355,10 +333,9 @@ TEST_P(MerlowVisualReadRequestTest, isRejectedWhenTheBoardRefuses)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(all, MerlowVisualReadRequestTest,
-                         testing::Values(VisualReadRequest{"states", "0165800f", "01658011", 0x165800F},
-                                         VisualReadRequest{"special", "01659a00", "01659a02", 0x1659A00}),
-                         [](const auto& row) { return row.param.name; });
+const VisualReadRequest visualReadRequests[] = {{"states", "0165800f", "01658011", 0x165800F},
+                                                {"special", "01659a00", "01659a02", 0x1659A00}};
+TEST_ROWS(all, MerlowVisualReadRequestTest, visualReadRequests);
 
 // All alike
 
@@ -368,45 +345,38 @@ struct VisualRequest {
     const char* bmmiName; ///< without Req
 };
 
-void PrintTo(const VisualRequest& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowVisualRequestTest : public MerlowVisualTest, public WithRow<VisualRequest> {};
 
-class MerlowVisualRequestTest : public MerlowVisualTest, public testing::WithParamInterface<VisualRequest> {};
-
-TEST_P(MerlowVisualRequestTest, aStrangerGetsNoAnswer)
+ROW_TEST(MerlowVisualRequestTest, aStrangerGetsNoAnswer)
 {
     const auto stranger = m_board.newClient();
-    stranger.sendHex(GetParam().request);
+    stranger.sendHex(row().request);
     EXPECT_TRUE(
         m_board.traced(4, "ABN: There is no session for the received message " + hexOf(stranger.mbox())));
     EXPECT_TRUE(stranger.nothingReceived());
     EXPECT_TRUE(m_board.bmmi().nothingReceived());
 }
 
-TEST_P(MerlowVisualRequestTest, withoutABackendThereIsNoAnswer)
+ROW_TEST(MerlowVisualRequestTest, withoutABackendThereIsNoAnswer)
 {
     const auto client = mmiUser();
     m_board.bmmi().stop();
-    client.sendHex(GetParam().request);
-    EXPECT_TRUE(m_board.traced(1, std::string("Cannot send bmmi::") + GetParam().bmmiName +
-                                      "Req to the BMMI server"));
+    client.sendHex(row().request);
+    EXPECT_TRUE(
+        m_board.traced(1, std::string("Cannot send bmmi::") + row().bmmiName + "Req to the BMMI server"));
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowVisualRequestTest, isReadAtEveryLength)
+ROW_TEST(MerlowVisualRequestTest, isReadAtEveryLength)
 {
-    expectReadAtEveryLength(mmiUser(), GetParam().request);
+    expectReadAtEveryLength(mmiUser(), row().request);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowVisualRequestTest,
-    testing::Values(VisualRequest{"set", "01658004 00000007 0000012c 0110", "SetVisualIndication"},
-                    VisualRequest{"get", "0165800f 00000007 0000012c", "GetVisualIndication"},
-                    VisualRequest{"special", "01659a00 00000007 0000012c", "GetVisualIndication"}),
-    [](const auto& row) { return row.param.name; });
+const VisualRequest visualRequests[] = {{"set", "01658004 00000007 0000012c 0110", "SetVisualIndication"},
+                                        {"get", "0165800f 00000007 0000012c", "GetVisualIndication"},
+                                        {"special", "01659a00 00000007 0000012c", "GetVisualIndication"}};
+TEST_ROWS(all, MerlowVisualRequestTest, visualRequests);
 
 struct VisualAnswer {
     const char* name;
@@ -416,45 +386,35 @@ struct VisualAnswer {
     bool isHex;         ///< how the mailbox is told
 };
 
-void PrintTo(const VisualAnswer& row, std::ostream* out)
-{
-    *out << row.name;
-}
+class MerlowVisualAnswerTest : public MerlowVisualTest, public WithRow<VisualAnswer> {};
 
-class MerlowVisualAnswerTest : public MerlowVisualTest, public testing::WithParamInterface<VisualAnswer> {};
-
-TEST_P(MerlowVisualAnswerTest, afterTheSessionFindsTheTransactionAndNobody)
+ROW_TEST(MerlowVisualAnswerTest, afterTheSessionFindsTheTransactionAndNobody)
 {
     const auto client = mmiUser();
-    client.sendHex(GetParam().request);
+    client.sendHex(row().request);
     m_board.endSession(client);
     EXPECT_EQ(openTransactions(), 1U);
-    m_board.bmmi().sendBody(GetParam().number, 1, "");
-    EXPECT_TRUE(m_board.traced(
-        4, std::string("ABN: Cannot find a matching session for this ") + GetParam().traced +
-               " with mailbox " + (GetParam().isHex ? hexOf(client.mbox()) : std::to_string(client.mbox()))));
+    m_board.bmmi().sendBody(row().number, 1, "");
+    EXPECT_TRUE(m_board.traced(4, std::string("ABN: Cannot find a matching session for this ") +
+                                      row().traced + " with mailbox " +
+                                      (row().isHex ? hexOf(client.mbox()) : std::to_string(client.mbox()))));
     EXPECT_TRUE(client.nothingReceived());
     EXPECT_EQ(openTransactions(), 0U);
 }
 
-TEST_P(MerlowVisualAnswerTest, isReadAtEveryLength)
+ROW_TEST(MerlowVisualAnswerTest, isReadAtEveryLength)
 {
     const auto client = mmiUser();
-    client.sendHex(GetParam().request);
-    expectDroppedAtEveryLength(GetParam().number, GetParam().name, 1);
+    client.sendHex(row().request);
+    expectDroppedAtEveryLength(row().number, row().name, 1);
     EXPECT_TRUE(client.nothingReceived());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    all, MerlowVisualAnswerTest,
-    testing::Values(VisualAnswer{"SetVisualIndicationCfm", "01658004 00000007 0000012c 0110", 0x1707587,
-                                 "GetVisualIndicationCfm", false},
-                    VisualAnswer{"SetVisualIndicationRej", "01658004 00000007 0000012c 0110", 0x1707588,
-                                 "GetVisualIndicationCfm", false},
-                    VisualAnswer{"GetVisualIndicationCfm", "0165800f 00000007 0000012c", 0x170758A,
-                                 "GetVisualIndicationCfm", true},
-                    VisualAnswer{"GetVisualIndicationRej", "0165800f 00000007 0000012c", 0x170758B,
-                                 "GetVisualIndicationRej", true}),
-    [](const auto& row) { return row.param.name; });
+const VisualAnswer visualAnswers[] = {
+    {"SetVisualIndicationCfm", "01658004 00000007 0000012c 0110", 0x1707587, "GetVisualIndicationCfm", false},
+    {"SetVisualIndicationRej", "01658004 00000007 0000012c 0110", 0x1707588, "GetVisualIndicationCfm", false},
+    {"GetVisualIndicationCfm", "0165800f 00000007 0000012c", 0x170758A, "GetVisualIndicationCfm", true},
+    {"GetVisualIndicationRej", "0165800f 00000007 0000012c", 0x170758B, "GetVisualIndicationRej", true}};
+TEST_ROWS(all, MerlowVisualAnswerTest, visualAnswers);
 
 } // namespace

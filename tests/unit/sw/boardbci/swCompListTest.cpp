@@ -1,4 +1,5 @@
 #include "swCompList.h"
+#include "rowTest.h"
 
 #include <gtest/gtest.h>
 #include <ostream>
@@ -22,49 +23,37 @@ struct RewriteRow {
     const char* rewritten;
 };
 
-void PrintTo(const RewriteRow& row, std::ostream* out)
+class SwCompListRewriteTest : public ::testing::Test, public WithRow<RewriteRow> {};
+
+ROW_TEST(SwCompListRewriteTest, namesTheRunningSoftware)
 {
-    *out << row.name;
+    std::string list = row().list + std::string("<Preinstalled/>");
+    SwCompList::rewrite(list, row().running);
+    EXPECT_EQ(list, row().rewritten + std::string("<Preinstalled/>"));
 }
 
-class SwCompListRewriteTest : public ::testing::TestWithParam<RewriteRow> {};
-
-TEST_P(SwCompListRewriteTest, namesTheRunningSoftware)
-{
-    std::string list = GetParam().list + std::string("<Preinstalled/>");
-    SwCompList::rewrite(list, GetParam().running);
-    EXPECT_EQ(list, GetParam().rewritten + std::string("<Preinstalled/>"));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    all, SwCompListRewriteTest,
-    ::testing::Values(
-        RewriteRow{"nothingToRewrite", "text", "A_R1", "text"},
-        RewriteRow{"oneNumber", "<ProdNbr>old</ProdNbr>", "A%1_R1", "<ProdNbr>A/1</ProdNbr>"},
-        RewriteRow{"firstPercentOnly", "<ProdNbr></ProdNbr>", "%A%_R1", "<ProdNbr>/A%</ProdNbr>"},
-        RewriteRow{"firstLineOnly", "<ProdNbr></ProdNbr><Rev></Rev>", "A_R1_2",
-                   "<ProdNbr>A</ProdNbr><Rev>R1_2</Rev>"},
-        RewriteRow{"percentOfTheRevisionStays", "<Rev></Rev>", "A_R%1", "<Rev>R%1</Rev>"},
-        RewriteRow{"withoutRevision", "<ProdNbr>x</ProdNbr><Rev>y</Rev>", "AB",
-                   "<ProdNbr>AB</ProdNbr><Rev></Rev>"},
-        RewriteRow{"nothingRuns", "<ProdNbr>x</ProdNbr><Rev>y</Rev>", "", "<ProdNbr></ProdNbr><Rev></Rev>"},
-        RewriteRow{"twoNumbers", "<ProdNbr>1</ProdNbr><ProdNbr>2</ProdNbr><ProdNbr>3</ProdNbr>", "A_R",
-                   "<ProdNbr>A</ProdNbr><ProdNbr>A</ProdNbr><ProdNbr>3</ProdNbr>"},
-        RewriteRow{"oneRevision", "<Rev>1</Rev><Rev>2</Rev>", "A_R", "<Rev>R</Rev><Rev>2</Rev>"},
-        RewriteRow{"secondStartsBehindWhereTheFirstEnded",
-                   "<ProdNbr>01234567890123456789</ProdNbr><ProdNbr>2</ProdNbr>"
-                   "<ProdNbr>3</ProdNbr>",
-                   "A_R", "<ProdNbr>A</ProdNbr><ProdNbr>2</ProdNbr><ProdNbr>A</ProdNbr>"},
-        RewriteRow{"secondIsBeyondTheShortenedText",
-                   "<ProdNbr>01234567890123456789012345678901234567890123456789</ProdNbr>", "A_R",
-                   "<ProdNbr>A</ProdNbr>"},
-        RewriteRow{"openOnly", "<ProdNbr>1<Rev>2", "A_R", "<ProdNbr>1<Rev>2"},
-        RewriteRow{"closeOnly", "1</ProdNbr>2</Rev>", "A_R", "1</ProdNbr>2</Rev>"},
-        RewriteRow{"theWrongWayRound", "</ProdNbr><ProdNbr>x</Rev><Rev>y", "A_R",
-                   "</ProdNbr><ProdNbr>x</Rev><Rev>y"},
-        RewriteRow{"secondWithoutEnd", "<ProdNbr>1</ProdNbr><ProdNbr>2", "A_R",
-                   "<ProdNbr>A</ProdNbr><ProdNbr>2"}),
-    [](const auto& row) { return row.param.name; });
+const RewriteRow rewriteRows[] = {
+    {"nothingToRewrite", "text", "A_R1", "text"},
+    {"oneNumber", "<ProdNbr>old</ProdNbr>", "A%1_R1", "<ProdNbr>A/1</ProdNbr>"},
+    {"firstPercentOnly", "<ProdNbr></ProdNbr>", "%A%_R1", "<ProdNbr>/A%</ProdNbr>"},
+    {"firstLineOnly", "<ProdNbr></ProdNbr><Rev></Rev>", "A_R1_2", "<ProdNbr>A</ProdNbr><Rev>R1_2</Rev>"},
+    {"percentOfTheRevisionStays", "<Rev></Rev>", "A_R%1", "<Rev>R%1</Rev>"},
+    {"withoutRevision", "<ProdNbr>x</ProdNbr><Rev>y</Rev>", "AB", "<ProdNbr>AB</ProdNbr><Rev></Rev>"},
+    {"nothingRuns", "<ProdNbr>x</ProdNbr><Rev>y</Rev>", "", "<ProdNbr></ProdNbr><Rev></Rev>"},
+    {"twoNumbers", "<ProdNbr>1</ProdNbr><ProdNbr>2</ProdNbr><ProdNbr>3</ProdNbr>", "A_R",
+     "<ProdNbr>A</ProdNbr><ProdNbr>A</ProdNbr><ProdNbr>3</ProdNbr>"},
+    {"oneRevision", "<Rev>1</Rev><Rev>2</Rev>", "A_R", "<Rev>R</Rev><Rev>2</Rev>"},
+    {"secondStartsBehindWhereTheFirstEnded",
+     "<ProdNbr>01234567890123456789</ProdNbr><ProdNbr>2</ProdNbr>"
+     "<ProdNbr>3</ProdNbr>",
+     "A_R", "<ProdNbr>A</ProdNbr><ProdNbr>2</ProdNbr><ProdNbr>A</ProdNbr>"},
+    {"secondIsBeyondTheShortenedText",
+     "<ProdNbr>01234567890123456789012345678901234567890123456789</ProdNbr>", "A_R", "<ProdNbr>A</ProdNbr>"},
+    {"openOnly", "<ProdNbr>1<Rev>2", "A_R", "<ProdNbr>1<Rev>2"},
+    {"closeOnly", "1</ProdNbr>2</Rev>", "A_R", "1</ProdNbr>2</Rev>"},
+    {"theWrongWayRound", "</ProdNbr><ProdNbr>x</Rev><Rev>y", "A_R", "</ProdNbr><ProdNbr>x</Rev><Rev>y"},
+    {"secondWithoutEnd", "<ProdNbr>1</ProdNbr><ProdNbr>2", "A_R", "<ProdNbr>A</ProdNbr><ProdNbr>2"}};
+TEST_ROWS(all, SwCompListRewriteTest, rewriteRows);
 
 TEST(SwCompListRewrite, putsTheBuiltInListInFrontOfTheFirst)
 {

@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -23,17 +22,6 @@ using support::VirtualClient;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Event = MerlowTracepoints::Event;
-
-/// Rows of parametrised tests are known by their names.
-template <class Row>
-requires requires(const Row& row, std::ostream& out)
-{
-    out << row.name;
-}
-void PrintTo(const Row& row, std::ostream* out)
-{
-    *out << row.name;
-}
 
 /// Whatever the caller's environment says.
 struct SysMode {

@@ -1,6 +1,7 @@
 #include "ccfiConnEstablish.h"
 #include "ccfiFixture.h"
 #include "ccfiRecords.h"
+#include "rowTest.h"
 
 namespace {
 
@@ -76,14 +77,14 @@ void PrintTo(const Refusal& row, std::ostream* out)
     *out << row.list;
 }
 
-class CcfiRefusalTest : public ccfi::CcfiTest, public ::testing::WithParamInterface<Refusal> {};
+class CcfiRefusalTest : public ccfi::CcfiTest, public WithRow<Refusal> {};
 
-TEST_P(CcfiRefusalTest, namesTheRevisionsInTheirOrder)
+ROW_TEST(CcfiRefusalTest, namesTheRevisionsInTheirOrder)
 {
     const auto client = m_board.newClient();
     const auto monitors = m_board.mnet().monitorCount();
-    send(client, std::string("017c0201 00000102 00000007 ") + GetParam().list);
-    const std::string text = GetParam().text;
+    send(client, std::string("017c0201 00000102 00000007 ") + row().list);
+    const std::string text = row().text;
     EXPECT_EQ(received(client), reject(text));
     EXPECT_EQ(m_board.mnet().monitorCount(), monitors);
     EXPECT_EQ(connect(client), "00001000");
@@ -93,19 +94,18 @@ TEST_P(CcfiRefusalTest, namesTheRevisionsInTheirOrder)
                          text));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Lists, CcfiRefusalTest,
-    ::testing::Values(
-        Refusal{"00000000", "protocol(s) not supported:"},
-        Refusal{"00000002 00000002 00000003", "protocol(s) not supported: 2 3"},
-        Refusal{"00000002 00000003 00000002", "protocol(s) not supported: 3 2"},
-        Refusal{"00000002 01000000 ffffffff", "protocol(s) not supported: 16777216 4294967295"},
-        Refusal{"00000001 00000002 00000001", "protocol(s) not supported: 2"}, // 1 stands behind the list
-        Refusal{"00000000 00000001", "protocol(s) not supported:"},
-        // 26 and seven times 11 characters, and 6 of the 10 that follow a blank: 109 and no more.
-        Refusal{"00000008 ffffffff ffffffff ffffffff ffffffff ffffffff ffffffff ffffffff 499602d2",
-                "protocol(s) not supported: 4294967295 4294967295 4294967295 4294967295 4294967295 "
-                "4294967295 4294967295 12345"}));
+const Refusal refusals[] = {
+    {"00000000", "protocol(s) not supported:"},
+    {"00000002 00000002 00000003", "protocol(s) not supported: 2 3"},
+    {"00000002 00000003 00000002", "protocol(s) not supported: 3 2"},
+    {"00000002 01000000 ffffffff", "protocol(s) not supported: 16777216 4294967295"},
+    {"00000001 00000002 00000001", "protocol(s) not supported: 2"}, // 1 stands behind the list
+    {"00000000 00000001", "protocol(s) not supported:"},
+    // 26 and seven times 11 characters, and 6 of the 10 that follow a blank: 109 and no more.
+    {"00000008 ffffffff ffffffff ffffffff ffffffff ffffffff ffffffff ffffffff 499602d2",
+     "protocol(s) not supported: 4294967295 4294967295 4294967295 4294967295 4294967295 "
+     "4294967295 4294967295 12345"}};
+TEST_ROWS(Lists, CcfiRefusalTest, refusals);
 
 TEST_F(CcfiConnectionTest, aLongListIsReadToItsEnd)
 {

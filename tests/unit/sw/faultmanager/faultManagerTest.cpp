@@ -1,4 +1,5 @@
 #include "faultManager.h"
+#include "rowTest.h"
 
 #include "tracepointLog.h"
 
@@ -84,11 +85,6 @@ struct Row {
     int partner; ///< -1: none
 };
 
-void PrintTo(const Row& row, std::ostream* out)
-{
-    *out << hex(row.id);
-}
-
 const Row rows[] = {
     {0x0101, "TARN_CONST_FH_FAULT_ID_HW_FAULT", 3, Way::visual, 0x0300},
     {0x0103, "TARN_CONST_FH_FAULT_ID_EXCEPTIONAL_TEMPERATURE_TOO_HIGH", 4, Way::basic, 0x0104},
@@ -111,30 +107,27 @@ const Row rows[] = {
     {0xFFFF, "UNKNOWN FAULT", 0, Way::basic, -1},
 };
 
-class FaultRowTest : public FaultManagerTest, public testing::WithParamInterface<Row> {
+class FaultRowTest : public FaultManagerTest, public WithRow<Row> {
 protected:
-    [[nodiscard]] bool isStored() const
-    {
-        return GetParam().way == Way::basic || GetParam().way == Way::visual;
-    }
-    const std::uint16_t m_id = GetParam().id;
+    [[nodiscard]] bool isStored() const { return row().way == Way::basic || row().way == Way::visual; }
+    const std::uint16_t m_id = row().id;
 };
 
-TEST_P(FaultRowTest, hasItsName)
+ROW_TEST(FaultRowTest, hasItsName)
 {
-    EXPECT_EQ(m_manager->getIwdFaultIdString(m_id), GetParam().name);
-    EXPECT_EQ(m_manager->traceIwdFaultId(m_id), std::string(GetParam().name) + " (" + hex(m_id) + ")");
+    EXPECT_EQ(m_manager->getIwdFaultIdString(m_id), row().name);
+    EXPECT_EQ(m_manager->traceIwdFaultId(m_id), std::string(row().name) + " (" + hex(m_id) + ")");
 }
 
-TEST_P(FaultRowTest, isTreatedInItsWay)
+ROW_TEST(FaultRowTest, isTreatedInItsWay)
 {
     EXPECT_TRUE(add(m_id));
     const auto traced = [this](const char* text) {
         return m_log.count(Event::Trace6, text);
     };
-    EXPECT_EQ(traced("Placeholder for setVisualIndication"), GetParam().way == Way::visual ? 1U : 0U);
-    EXPECT_EQ(traced("Placeholder for adding software fault"), GetParam().way == Way::software ? 1U : 0U);
-    EXPECT_EQ(traced("Placeholder for adding power low fault"), GetParam().way == Way::powerLow ? 1U : 0U);
+    EXPECT_EQ(traced("Placeholder for setVisualIndication"), row().way == Way::visual ? 1U : 0U);
+    EXPECT_EQ(traced("Placeholder for adding software fault"), row().way == Way::software ? 1U : 0U);
+    EXPECT_EQ(traced("Placeholder for adding power low fault"), row().way == Way::powerLow ? 1U : 0U);
     if (!isStored()) {
         EXPECT_THAT(calls(), IsEmpty());
         EXPECT_THAT(shown(), IsEmpty());
@@ -151,13 +144,13 @@ TEST_P(FaultRowTest, isTreatedInItsWay)
     EXPECT_THAT(errors(), IsEmpty());
 }
 
-TEST_P(FaultRowTest, outsideTheHierarchyOnlyTheBoardIsHeard)
+ROW_TEST(FaultRowTest, outsideTheHierarchyOnlyTheBoardIsHeard)
 {
     const std::pair<FaultSource, const char*> sources[] = {{FaultSource::BB_BCI, "BB_BCI"},
                                                            {FaultSource::CCFI, "CCFI"}};
     for (const auto& [source, name] : sources) {
         m_log.clear();
-        if (GetParam().priority == 0 && isStored()) {
+        if (row().priority == 0 && isStored()) {
             EXPECT_FALSE(add(m_id, source));
             EXPECT_THAT(calls(), IsEmpty());
             EXPECT_THAT(errors(),
@@ -173,7 +166,7 @@ TEST_P(FaultRowTest, outsideTheHierarchyOnlyTheBoardIsHeard)
 }
 
 /// The hierarchy, each row against each.
-TEST_P(FaultRowTest, standsWhereItsPrioritySaysBesideEveryOther)
+ROW_TEST(FaultRowTest, standsWhereItsPrioritySaysBesideEveryOther)
 {
     if (!isStored()) {
         return;
@@ -188,10 +181,10 @@ TEST_P(FaultRowTest, standsWhereItsPrioritySaysBesideEveryOther)
         add(other.id);
         calls();
         add(m_id);
-        const int mine = GetParam().priority;
+        const int mine = row().priority;
         if (mine < 2) {
             EXPECT_THAT(calls(), ElementsAre("raise " + hex(m_id)));
-        } else if (other.priority > mine || GetParam().partner == other.id) {
+        } else if (other.priority > mine || row().partner == other.id) {
             EXPECT_THAT(calls(), IsEmpty());
         } else if (other.priority < mine) {
             EXPECT_THAT(calls(), ElementsAre("cease " + hex(other.id), "raise " + hex(m_id)));
@@ -202,7 +195,7 @@ TEST_P(FaultRowTest, standsWhereItsPrioritySaysBesideEveryOther)
         remove(other.id);
         if (other.priority < 2) {
             EXPECT_THAT(calls(), ElementsAre("cease " + hex(other.id)));
-        } else if (GetParam().partner == other.id) {
+        } else if (row().partner == other.id) {
             EXPECT_THAT(calls(), ElementsAre("cease " + hex(other.id), "raise " + hex(m_id)));
         } else if (mine < 2) { // it was shown all the time, and is sent a second time
             EXPECT_THAT(calls(), ElementsAre("cease " + hex(other.id), "raise " + hex(m_id)));
@@ -212,8 +205,7 @@ TEST_P(FaultRowTest, standsWhereItsPrioritySaysBesideEveryOther)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Ids, FaultRowTest, testing::ValuesIn(rows),
-                         [](const auto& row) { return "id_" + hex(row.param.id); });
+TEST_ROWS(Ids, FaultRowTest, rows, [](const auto& row) { return "id_" + hex(row.id); });
 
 // addFault
 

@@ -1,5 +1,6 @@
 // The SWM client on good terms with its server.
 
+#include "rowTest.h"
 #include "swmClientFixture.h"
 #include "swmi.pb.h"
 
@@ -345,11 +346,6 @@ struct RequestRow {
     const char* frame;
 };
 
-void PrintTo(const RequestRow& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
 const std::vector<RequestRow>& requestRows()
 {
     static const std::string software = "QXR1_R2";
@@ -396,32 +392,31 @@ const std::vector<RequestRow>& requestRows()
 
 } // namespace
 
-class SwmClientRequestTest : public SwmClientTest, public ::testing::WithParamInterface<RequestRow> {};
+class SwmClientRequestTest : public SwmClientTest, public WithRow<RequestRow> {};
 
-TEST_P(SwmClientRequestTest, isThisFrame)
+ROW_TEST(SwmClientRequestTest, isThisFrame)
 {
     connect();
-    EXPECT_EQ(GetParam().send(*m_client), 0U);
-    EXPECT_THAT(sent(), ElementsAre(support::frameToHex(bytesOf(GetParam().frame))));
+    EXPECT_EQ(row().send(*m_client), 0U);
+    EXPECT_THAT(sent(), ElementsAre(support::frameToHex(bytesOf(row().frame))));
     EXPECT_THAT(errors(), IsEmpty());
 }
 
-TEST_P(SwmClientRequestTest, failsWithTheConnectionAndSaysSo)
+ROW_TEST(SwmClientRequestTest, failsWithTheConnectionAndSaysSo)
 {
     connect();
     sway().fail(support::FakeSway::Call::send, EAGAIN);
-    EXPECT_EQ(GetParam().send(*m_client), 2U);
+    EXPECT_EQ(row().send(*m_client), 2U);
     EXPECT_THAT(sent(), IsEmpty());
     ASSERT_EQ(errors().size(), 1U);
     EXPECT_THAT(errors()[0], testing::MatchesRegex("SWMClient::sendMsg\\(msgNo=0x[0-9a-f]+, "
                                                    "procRef=0x[0-9a-f]+\\) failed sway_send\\(\\) "
                                                    "error='Resource temporarily unavailable'"));
-    EXPECT_EQ(GetParam().send(*m_client), 0U) << "The next one finds room";
+    EXPECT_EQ(row().send(*m_client), 0U) << "The next one finds room";
     EXPECT_EQ(sent().size(), 1U) << "What was refused is not sent again";
 }
 
-INSTANTIATE_TEST_SUITE_P(All, SwmClientRequestTest, ::testing::ValuesIn(requestRows()),
-                         [](const auto& row) { return std::string(row.param.name); });
+TEST_ROWS(All, SwmClientRequestTest, requestRows());
 
 TEST_F(SwmClientTest, blockIsFramedAsTheSchemaSerialisesIt)
 {
