@@ -9,7 +9,6 @@ namespace merlow::bench {
 namespace {
 
 constexpr double kilobyte = 1024.0;
-constexpr double megabyte = kilobyte * kilobyte;
 constexpr std::size_t manySubscribers = 20;
 constexpr std::size_t manyEvents = 100000;
 constexpr std::size_t warmUpEvents = 10000;
@@ -118,7 +117,7 @@ std::vector<Row> stormRows(const Setting& setting)
     rows.push_back({.id = "storm-memory",
                     .what = storm + "server's growth, one more subscriber asleep",
                     .unit = "MiB",
-                    .value = (after - before) / megabyte,
+                    .value = (after - before) / (kilobyte * kilobyte),
                     .target = Target{128, true}});
     rows.push_back({.id = "storm-asleep",
                     .what = storm + "part of the indications kept for that one",

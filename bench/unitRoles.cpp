@@ -131,8 +131,8 @@ public:
                 ++sent;
             }
             m_link.takeNow(); // moves what is kept
-            const timespec millisecond{0, 1000000};
-            nanosleep(&millisecond, nullptr);
+            const timespec pause{0, 1000000};
+            nanosleep(&pause, nullptr);
         }
         Message over(8, boardStormOver);
         over.setWord(4, total);

@@ -33,14 +33,14 @@ const FakeUnit::Reply tooHigh{0x165800D, raised("0103", "Temperature is too high
 const FakeUnit::Reply fanFailed{0x165800D,
                                 raised("0705", "Fan product number is K, Fan Position slot 2", "ffff")};
 const FakeUnit::Reply fanCeased{0x165800E, ceased("0705", "ffff")};
-const FakeUnit::Reply confirm{0x165800B, references};
+const FakeUnit::Reply subscribed{0x165800B, references};
 const FakeUnit::Reply auditCfm{0x1658401, references + "0000 0000"};
 
 class FaultsTest : public BcictlTest {};
 
 TEST_F(FaultsTest, theListIsWhatCameBeforeTheAuditWasAnswered)
 {
-    startUnit({{0x165800A, {confirm, tooHigh, fanFailed}}, {0x1658400, {auditCfm}}});
+    startUnit({{0x165800A, {subscribed, tooHigh, fanFailed}}, {0x1658400, {auditCfm}}});
     EXPECT_EQ(run({"faults"}), 0) << m_err.str();
     EXPECT_EQ(
         m_out.str(),
@@ -55,7 +55,7 @@ TEST_F(FaultsTest, theListIsWhatCameBeforeTheAuditWasAnswered)
 
 TEST_F(FaultsTest, whatCeasesBeforeTheEndOfTheListIsNotInIt)
 {
-    startUnit({{0x165800A, {confirm, tooHigh, fanFailed, fanCeased}}, {0x1658400, {auditCfm}}});
+    startUnit({{0x165800A, {subscribed, tooHigh, fanFailed, fanCeased}}, {0x1658400, {auditCfm}}});
     EXPECT_EQ(run({"faults"}), 0) << m_err.str();
     EXPECT_THAT(m_out.str(), HasSubstr("active 0x0103"));
     EXPECT_THAT(m_out.str(), testing::EndsWith("\n1 active fault\n"));
@@ -64,7 +64,7 @@ TEST_F(FaultsTest, whatCeasesBeforeTheEndOfTheListIsNotInIt)
 TEST_F(FaultsTest, aFaultThatIsToldTwiceIsListedOnceAsItWasToldLast)
 {
     const FakeUnit::Reply again{0x165800D, raised("0103", "Hot", "0006")};
-    startUnit({{0x165800A, {confirm, tooHigh, again}}, {0x1658400, {fanCeased, auditCfm}}});
+    startUnit({{0x165800A, {subscribed, tooHigh, again}}, {0x1658400, {fanCeased, auditCfm}}});
     EXPECT_EQ(run({"faults"}), 0) << m_err.str();
     EXPECT_EQ(m_out.str(),
               "active 0x0103 EXCEPTIONAL_TEMPERATURE_TOO_HIGH, case 6, \"Hot\", clientRef 1, serverRef "
@@ -73,7 +73,7 @@ TEST_F(FaultsTest, aFaultThatIsToldTwiceIsListedOnceAsItWasToldLast)
 
 TEST_F(FaultsTest, noFaultsIsToldAndDone)
 {
-    startUnit({{0x165800A, {confirm}}, {0x1658400, {auditCfm}}});
+    startUnit({{0x165800A, {subscribed}}, {0x1658400, {auditCfm}}});
     EXPECT_EQ(run({"faults"}), 0) << m_err.str();
     EXPECT_EQ(m_out.str(), "no active faults\n");
     EXPECT_EQ(run({"faults", "-v"}), 0);
@@ -83,7 +83,7 @@ TEST_F(FaultsTest, noFaultsIsToldAndDone)
 
 TEST_F(FaultsTest, aListThatIsNotCompleteIsNone)
 {
-    startUnit({{0x165800A, {confirm, tooHigh}}});
+    startUnit({{0x165800A, {subscribed, tooHigh}}});
     EXPECT_EQ(run({"faults", "--timeout", "0.3"}), 3);
     EXPECT_EQ(m_out.str(), "");
     EXPECT_EQ(m_err.str(), "bcictl: faults: no answer to TARN_BC_AUDIT_REQ within 0.3 s\n");
@@ -96,7 +96,7 @@ TEST_F(FaultsTest, aListThatIsNotCompleteIsNone)
 
 TEST_F(FaultsTest, jsonIsOneObjectALine)
 {
-    startUnit({{0x165800A, {confirm, tooHigh}}, {0x1658400, {auditCfm}}});
+    startUnit({{0x165800A, {subscribed, tooHigh}}, {0x1658400, {auditCfm}}});
     EXPECT_EQ(run({"faults", "--json"}), 0) << m_err.str();
     EXPECT_EQ(m_out.str(),
               R"({"event":"faultActive","faultId":259,"faultName":"EXCEPTIONAL_TEMPERATURE_TOO_HIGH",)"
@@ -128,7 +128,7 @@ TEST_F(FaultsTest, theOtherKindsAreConfirmedAndSaidToBeSilent)
 
 TEST_F(FaultsTest, followTellsEachRaiseAndCeaseUntilTheUnitGoes)
 {
-    startUnit({{0x165800A, {confirm, tooHigh, fanFailed, fanCeased, {FakeUnit::leave, ""}}}});
+    startUnit({{0x165800A, {subscribed, tooHigh, fanFailed, fanCeased, {FakeUnit::leave, ""}}}});
     EXPECT_EQ(run({"faults", "--follow"}), 4);
     EXPECT_THAT(
         m_out.str(),
@@ -152,7 +152,7 @@ TEST_F(FaultsTest, followTellsThatOtherKindsAreSilentAndStays)
 
 TEST_F(FaultsTest, followAsJsonHasTheTime)
 {
-    startUnit({{0x165800A, {confirm, tooHigh, fanCeased, {FakeUnit::leave, ""}}}});
+    startUnit({{0x165800A, {subscribed, tooHigh, fanCeased, {FakeUnit::leave, ""}}}});
     EXPECT_EQ(run({"faults", "--follow", "--json"}), 4);
     std::istringstream lines(m_out.str());
     std::vector<nlohmann::json> objects;
@@ -176,7 +176,7 @@ TEST_F(FaultsTest, anIndicationThatIsTooShortIsShownAsItIs)
     shortRaise.hex.resize(shortRaise.hex.size() - 2);
     auto shortCease = fanCeased;
     shortCease.hex.resize(shortCease.hex.size() - 2);
-    startUnit({{0x165800A, {confirm, shortRaise, shortCease, {FakeUnit::leave, ""}}}});
+    startUnit({{0x165800A, {subscribed, shortRaise, shortCease, {FakeUnit::leave, ""}}}});
     EXPECT_EQ(run({"faults", "--follow"}), 4);
     EXPECT_THAT(m_out.str(),
                 HasSubstr("indication TARN_BC_FAULT_IND, 143 bytes, clientRef 1, serverRef 301\n"));
@@ -187,7 +187,7 @@ TEST_F(FaultsTest, aTextThatFillsItsFieldOrSteersTheTerminalIsTamed)
 {
     const FakeUnit::Reply full{0x165800D, raised("0101", std::string(109, 'x') + "\x1b", "0000")};
     const FakeUnit::Reply empty{0x165800D, raised("0999", "", "0000")};
-    startUnit({{0x165800A, {confirm, full, empty}}, {0x1658400, {auditCfm}}});
+    startUnit({{0x165800A, {subscribed, full, empty}}, {0x1658400, {auditCfm}}});
     EXPECT_EQ(run({"faults"}), 0);
     EXPECT_EQ(m_out.str(), "active 0x0101 HW_FAULT, case 0, \"" + std::string(109, 'x') +
                                "?\", clientRef 1, serverRef 301\n"
@@ -218,7 +218,7 @@ class FaultsInSessionTest : public SessionTest {};
 
 TEST_F(FaultsInSessionTest, faultsAreToldAsTheyCome)
 {
-    startUnit({{0x165800A, {confirm, tooHigh}},
+    startUnit({{0x165800A, {subscribed, tooHigh}},
                {0x1658400, {fanFailed, auditCfm, fanCeased}},
                {0x1658403, {{0x1658404, references}}}});
     EXPECT_EQ(session("audit\naudit\nenable\nquit\n"), tools::ExitStatus::done);
@@ -230,7 +230,7 @@ TEST_F(FaultsInSessionTest, faultsAreToldAsTheyCome)
 
 TEST_F(FaultsInSessionTest, theListIsCompleteAndWhatComesLaterIsToldAgain)
 {
-    startUnit({{0x165800A, {confirm, tooHigh, {0x7000005, references}}},
+    startUnit({{0x165800A, {subscribed, tooHigh, {0x7000005, references}}},
                {0x1658400, {auditCfm}},
                {0x1658403, {fanFailed, {0x1658404, references}}}});
     EXPECT_EQ(session("faults\nenable\n"), tools::ExitStatus::done);
@@ -242,8 +242,9 @@ TEST_F(FaultsInSessionTest, theListIsCompleteAndWhatComesLaterIsToldAgain)
 
 TEST_F(FaultsInSessionTest, followDoesNotHoldTheSession)
 {
-    startUnit(
-        {{0x165800A, {confirm, tooHigh}}, {0x1658400, {auditCfm}}, {0x165A107, {{0x165A104, references}}}});
+    startUnit({{0x165800A, {subscribed, tooHigh}},
+               {0x1658400, {auditCfm}},
+               {0x165A107, {{0x165A104, references}}}});
     EXPECT_EQ(session("faults --follow\naudit\nfaults --follow --kind hw-label\n"), tools::ExitStatus::done);
     EXPECT_THAT(m_out.str(),
                 MatchesRegex(std::string("subscribed to faults\n") + time +

@@ -196,16 +196,16 @@ TEST_F(MerlowServerTest, aSecondStartFindsItsBackendsAgain)
 
 // Garbage
 
-enum class Sender { client, stranger, bri, bmmi, legacy };
+enum class GarbageSender { client, stranger, bri, bmmi, legacy };
 
-void PrintTo(Sender sender, std::ostream* out)
+void PrintTo(GarbageSender sender, std::ostream* out)
 {
     static constexpr std::array<const char*, 5> names{"client", "stranger", "bri", "bmmi", "legacy"};
     *out << names[static_cast<std::size_t>(sender)];
 }
 
 /// A server with everything up, and a client that must not notice what others send.
-class GarbageTest : public MerlowServerTest, public WithRow<Sender> {
+class GarbageTest : public MerlowServerTest, public WithRow<GarbageSender> {
 protected:
     GarbageTest()
     {
@@ -263,15 +263,15 @@ protected:
     [[nodiscard]] const Peer& sender() const
     {
         switch (row()) {
-        case Sender::client:
+        case GarbageSender::client:
             return m_client;
-        case Sender::stranger:
+        case GarbageSender::stranger:
             return m_stranger;
-        case Sender::bri:
+        case GarbageSender::bri:
             return m_bri->peer();
-        case Sender::bmmi:
+        case GarbageSender::bmmi:
             return m_bmmi->peer();
-        case Sender::legacy:
+        case GarbageSender::legacy:
             break;
         }
         return *m_legacy;
@@ -335,7 +335,8 @@ ROW_TEST(GarbageTest, leavesTheServerWhole)
     }
 }
 
-const Sender senders[] = {Sender::client, Sender::stranger, Sender::bri, Sender::bmmi, Sender::legacy};
-TEST_ROWS(From, GarbageTest, senders, [](const auto& row) { return ::testing::PrintToString(row); });
+const GarbageSender garbageSenders[] = {GarbageSender::client, GarbageSender::stranger, GarbageSender::bri,
+                                        GarbageSender::bmmi, GarbageSender::legacy};
+TEST_ROWS(From, GarbageTest, garbageSenders, [](const auto& row) { return ::testing::PrintToString(row); });
 
 } // namespace
