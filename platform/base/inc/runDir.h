@@ -2,7 +2,7 @@
 ///
 /// Everything of the platform that lives in the file system lives below this folder, so that two units with
 /// different folders on one machine never see each other. All operations are thread-safe and report
-/// failures by -1 with `errno`.
+/// failures by -1 with `errno`, or by std::bad_alloc; nothing is left of what failed.
 #pragma once
 
 #include <optional>
@@ -16,8 +16,9 @@ namespace merlow::base {
 std::string runDirPath();
 
 /// The group of `MERLOW_GROUP` (a name or a number), nothing when the variable is not set. A group that does
-/// not exist is nothing as well: access then is what it is without a group.
-std::optional<gid_t> accessGroup();
+/// not exist is nothing as well: access then is what it is without a group. False, with `errno`, when there
+/// is no way to look it up at present.
+bool accessGroup(std::optional<gid_t>& group);
 
 /// Opens folder `path` (relative to the run-time folder, "" for the run-time folder itself; made with its
 /// parents as far as missing) and gives an `O_PATH` descriptor, close-on-exec, that the caller closes. New

@@ -18,7 +18,8 @@ int connectAt(int fd, int dirFd, const std::string& name);
 bool peerCredentials(int fd, ucred& out);
 
 /// Whether the process at the other end of the connected socket `fd` may speak to this one: the same user,
-/// root, or a member of the group in `MERLOW_GROUP`, supplementary groups included.
+/// root, or a member of the group in `MERLOW_GROUP`, supplementary groups included. If not, `errno` is
+/// `EACCES`, or tells why that can't be known at present.
 bool peerAllowed(int fd);
 
 } // namespace merlow::base

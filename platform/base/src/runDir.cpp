@@ -1,9 +1,12 @@
 #include "runDir.h"
 
+#include "ownedFd.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <grp.h>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -21,49 +24,64 @@ std::string fromEnvironment(const char* name)
     return value != nullptr ? value : "";
 }
 
-/// A new folder gets its rights by descriptor, since the mode of mkdir is subject to the umask and the group
-/// to the parent's.
-int setFolderAccess(int parentFd, const char* name)
+bool isShortage(int error)
 {
-    const int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) {
-        return -1;
-    }
-    int result = 0;
-    if (const auto group = accessGroup()) {
-        result = fchown(fd, static_cast<uid_t>(-1), *group) == 0 ? fchmod(fd, groupFolder) : -1;
-    } else {
-        result = fchmod(fd, privateFolder);
-    }
-    const int error = errno;
-    close(fd);
-    errno = error;
-    return result;
+    return error == ENOMEM || error == EMFILE || error == ENFILE || error == EAGAIN || error == EINTR;
 }
 
-/// Opens `name` below `parentFd`, made if it is missing; the folder of `own` ones gets the unit's rights.
+/// A new folder gets its rights by descriptor, since the mode of mkdir is subject to the umask and the group
+/// to the parent's.
+int setFolderAccess(int parentFd, const char* name, std::optional<gid_t> group)
+{
+    const OwnedFd folder(openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder.valid()) {
+        return -1;
+    }
+    if (!group) {
+        return fchmod(folder.get(), privateFolder);
+    }
+    return fchown(folder.get(), static_cast<uid_t>(-1), *group) == 0 ? fchmod(folder.get(), groupFolder) : -1;
+}
+
+/// Makes the folder, or leaves it to who makes it at the same moment. The folder of `own` ones gets the
+/// unit's rights; without them it must not stay, since nobody would give them to it later.
+int make(int parentFd, const char* name, bool own)
+{
+    std::optional<gid_t> group;
+    if (own && !accessGroup(group)) {
+        return -1;
+    }
+    if (mkdirat(parentFd, name, own ? privateFolder : 0755) != 0) {
+        return errno == EEXIST ? 0 : -1;
+    }
+    if (own && setFolderAccess(parentFd, name, group) != 0) {
+        const int error = errno;
+        unlinkat(parentFd, name, AT_REMOVEDIR);
+        errno = error;
+        return -1;
+    }
+    return 0;
+}
+
+bool anyoneMayWrite(int fd)
+{
+    struct stat status {};
+    return fstat(fd, &status) != 0 || (status.st_mode & S_IWOTH) != 0;
+}
+
+/// Opens `name` below `parentFd`, made if it is missing.
 int openOrMake(int parentFd, const std::string& name, bool own)
 {
-    const bool made = mkdirat(parentFd, name.c_str(), own ? privateFolder : 0755) == 0;
-    const int notMade = made ? 0 : errno;
-    if (!made && notMade != EEXIST && notMade != EROFS && notMade != EACCES) {
-        return -1;
+    constexpr int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    OwnedFd folder(openat(parentFd, name.c_str(), flags));
+    if (!folder.valid() && errno == ENOENT && make(parentFd, name.c_str(), own) == 0) {
+        folder.reset(openat(parentFd, name.c_str(), flags));
     }
-    if (made && own && setFolderAccess(parentFd, name.c_str()) != 0) {
-        return -1;
-    }
-    const int fd = openat(parentFd, name.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        errno = errno == ENOENT && notMade != 0 ? notMade : errno; // why there is none
-        return -1;
-    }
-    struct stat status {};
-    if (own && (fstat(fd, &status) != 0 || (status.st_mode & S_IWOTH) != 0)) {
-        close(fd);
+    if (own && folder.valid() && anyoneMayWrite(folder.get())) {
         errno = EPERM;
         return -1;
     }
-    return fd;
+    return folder.release();
 }
 
 std::vector<std::string> parts(const std::string& path)
@@ -94,25 +112,39 @@ std::string runDirPath()
     return "/run/merlow";
 }
 
-std::optional<gid_t> accessGroup()
-{
+bool accessGroup(std::optional<gid_t>& group)
+try {
+    group.reset();
     const std::string name = fromEnvironment("MERLOW_GROUP");
     if (name.empty()) {
-        return std::nullopt;
+        return true;
     }
     std::vector<char> buffer(16384);
-    group entry{};
-    group* found = nullptr;
-    if (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
-        return found->gr_gid;
+    ::group entry{};
+    ::group* found = nullptr;
+    int error = 0;
+    // The entry of a group has the names of all its members.
+    while ((error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE) {
+        buffer.resize(2 * buffer.size());
+    }
+    if (error == 0 && found != nullptr) {
+        group = found->gr_gid;
+        return true;
+    }
+    if (isShortage(error)) { // it may well exist
+        errno = error;
+        return false;
     }
     char* end = nullptr;
     errno = 0;
     const unsigned long number = std::strtoul(name.c_str(), &end, 10);
-    if (errno != 0 || end == name.c_str() || *end != '\0' || number >= static_cast<gid_t>(-1)) {
-        return std::nullopt;
+    if (errno == 0 && end != name.c_str() && *end == '\0' && number < static_cast<gid_t>(-1)) {
+        group = static_cast<gid_t>(number);
     }
-    return static_cast<gid_t>(number);
+    return true;
+} catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
 }
 
 int openRunSubdir(const std::string& path)
@@ -122,50 +154,50 @@ int openRunSubdir(const std::string& path)
     const auto below = parts(path);
 
     // A folder at hand is the usual case, and the way to it may be closed to being listed or walked.
-    int fd = open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        struct stat status {};
-        if (fstat(fd, &status) != 0 || (status.st_mode & S_IWOTH) != 0) {
-            close(fd);
+    OwnedFd folder(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (folder.valid()) {
+        if (anyoneMayWrite(folder.get())) {
             errno = EPERM;
             return -1;
         }
+    } else if (isShortage(errno)) {
+        return -1;
     } else {
-        fd = open(root.front() == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC);
-        for (std::size_t i = 0; fd >= 0 && i < above.size(); ++i) {
-            const int next = openOrMake(fd, above[i], i + 1 == above.size());
-            const int error = errno;
-            close(fd);
-            errno = error;
-            fd = next;
+        folder.reset(open(root.front() == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+        for (std::size_t i = 0; folder.valid() && i < above.size(); ++i) {
+            folder.reset(openOrMake(folder.get(), above[i], i + 1 == above.size()));
         }
     }
-    for (std::size_t i = 0; fd >= 0 && i < below.size(); ++i) {
-        const int next = openOrMake(fd, below[i], true);
-        const int error = errno;
-        close(fd);
-        errno = error;
-        fd = next;
+    for (std::size_t i = 0; folder.valid() && i < below.size(); ++i) {
+        folder.reset(openOrMake(folder.get(), below[i], true));
     }
-    return fd;
+    return folder.release();
 }
 
 int setFileAccess(int fd)
 {
-    if (const auto group = accessGroup()) {
-        return fchown(fd, static_cast<uid_t>(-1), *group) == 0 ? fchmod(fd, 0660) : -1;
+    std::optional<gid_t> group;
+    if (!accessGroup(group)) {
+        return -1;
     }
-    return fchmod(fd, 0600);
+    if (!group) {
+        return fchmod(fd, 0600);
+    }
+    return fchown(fd, static_cast<uid_t>(-1), *group) == 0 ? fchmod(fd, 0660) : -1;
 }
 
 int setFileAccessAt(int dirFd, const std::string& name)
 {
-    if (const auto group = accessGroup()) {
-        return fchownat(dirFd, name.c_str(), static_cast<uid_t>(-1), *group, AT_SYMLINK_NOFOLLOW) == 0
-                   ? fchmodat(dirFd, name.c_str(), 0660, 0)
-                   : -1;
+    std::optional<gid_t> group;
+    if (!accessGroup(group)) {
+        return -1;
     }
-    return fchmodat(dirFd, name.c_str(), 0600, 0);
+    if (!group) {
+        return fchmodat(dirFd, name.c_str(), 0600, 0);
+    }
+    return fchownat(dirFd, name.c_str(), static_cast<uid_t>(-1), *group, AT_SYMLINK_NOFOLLOW) == 0
+               ? fchmodat(dirFd, name.c_str(), 0660, 0)
+               : -1;
 }
 
 } // namespace merlow::base

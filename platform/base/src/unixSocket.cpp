@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <new>
+#include <optional>
 #include <sys/un.h>
 #include <unistd.h>
 #include <vector>
@@ -39,7 +41,13 @@ int bindAt(int fd, int dirFd, const std::string& name)
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         return -1;
     }
-    return setFileAccessAt(dirFd, name);
+    if (setFileAccessAt(dirFd, name) != 0) {
+        const int error = errno;
+        unlinkat(dirFd, name.c_str(), 0); // those whom it is for could not use it
+        errno = error;
+        return -1;
+    }
+    return 0;
 }
 
 int connectAt(int fd, int dirFd, const std::string& name)
@@ -58,7 +66,7 @@ bool peerCredentials(int fd, ucred& out)
 }
 
 bool peerAllowed(int fd)
-{
+try {
     ucred peer{};
     if (!peerCredentials(fd, peer)) {
         return false;
@@ -66,8 +74,12 @@ bool peerAllowed(int fd)
     if (peer.uid == 0 || peer.uid == geteuid()) {
         return true;
     }
-    const auto group = accessGroup();
+    std::optional<gid_t> group;
+    if (!accessGroup(group)) {
+        return false;
+    }
     if (!group) {
+        errno = EACCES;
         return false;
     }
     if (peer.gid == *group) {
@@ -78,6 +90,7 @@ bool peerAllowed(int fd)
         auto size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
         if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) == 0) {
             groups.resize(size / sizeof(gid_t));
+            errno = EACCES;
             return std::find(groups.begin(), groups.end(), *group) != groups.end();
         }
         if (errno != ERANGE) {
@@ -85,6 +98,9 @@ bool peerAllowed(int fd)
         }
         groups.resize(size / sizeof(gid_t) + 1);
     }
+} catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return false;
 }
 
 } // namespace merlow::base

@@ -156,7 +156,8 @@ std::shared_ptr<DescriptorSet::Entry> DescriptorSet::find(int fd, std::uint32_t 
 }
 
 /// A descriptor that was closed while a duplicate of it stays open remains in the kernel's set, and there is
-/// no number by which to take it out. Its events would come for ever; a new set without it ends that.
+/// no number by which to take it out. Its events would come for ever; a new set without it ends that. Where
+/// there is no room for one now, those events come until there is.
 void DescriptorSet::rebuild()
 {
     const merlow::base::NoCancel noCancel;
@@ -165,11 +166,17 @@ void DescriptorSet::rebuild()
         return;
     }
     const std::lock_guard lock(m_mutex);
+    bool isWhole = true;
     for (const auto& [fd, entry] : m_entries) {
         auto event = eventFor(fd, entry->events, entry->generation);
-        epoll_ctl(fresh, EPOLL_CTL_ADD, fd, &event); // fails for what is closed and not removed
+        // Fails as well for what is closed and not removed.
+        if (epoll_ctl(fresh, EPOLL_CTL_ADD, fd, &event) != 0 && (errno == ENOMEM || errno == ENOSPC)) {
+            isWhole = false;
+        }
     }
-    dup3(fresh, m_epollFd, O_CLOEXEC);
+    if (isWhole) {
+        dup3(fresh, m_epollFd, O_CLOEXEC);
+    }
     close(fresh);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <memory>
 #include <new>
 #include <utility>
@@ -11,23 +12,20 @@ namespace Loomwork::EventLoop {
 
 namespace {
 
-/// Never destroyed: destructors of other static objects and of threads may still use it.
+/// Never destroyed: destructors of other static objects and of threads may still use it. Its place needs no
+/// memory that could be missing.
 EventLoop& theLoop()
 {
-    static EventLoop& loop = *new EventLoop;
+    alignas(EventLoop) static std::byte place[sizeof(EventLoop)];
+    static EventLoop& loop = *new (place) EventLoop;
     return loop;
 }
 
 } // namespace
 
-EventLoop::EventLoop() : m_keyError(pthread_key_create(&m_key, &threadEnds))
-{
-    pthread_atfork(&beforeFork, &afterForkInParent, &afterForkInChild);
-}
-
 DescriptorSet* EventLoop::ownSet() const
 {
-    return m_keyError == 0 ? static_cast<DescriptorSet*>(pthread_getspecific(m_key)) : nullptr;
+    return m_isPrepared ? static_cast<DescriptorSet*>(pthread_getspecific(m_key)) : nullptr;
 }
 
 DescriptorSet* EventLoop::ownOrNewSet()
@@ -35,12 +33,12 @@ DescriptorSet* EventLoop::ownOrNewSet()
     if (auto* set = ownSet()) {
         return set;
     }
-    if (m_keyError != 0) {
-        errno = m_keyError;
-        return nullptr;
-    }
     auto set = std::make_unique<DescriptorSet>();
     const std::lock_guard lock(m_mutex);
+    if (const int error = prepare(); error != 0) {
+        errno = error;
+        return nullptr;
+    }
     m_sets.reserve(m_sets.size() + 1);
     if (const int error = pthread_setspecific(m_key, set.get()); error != 0) {
         errno = error;
@@ -48,6 +46,20 @@ DescriptorSet* EventLoop::ownOrNewSet()
     }
     m_sets.push_back(set.get());
     return set.release();
+}
+
+/// What the first set needs. What there is no room for now is tried again for the next.
+int EventLoop::prepare()
+{
+    int error = 0;
+    if (!m_hasForkHandlers &&
+        (error = pthread_atfork(&beforeFork, &afterForkInParent, &afterForkInChild)) == 0) {
+        m_hasForkHandlers = true;
+    }
+    if (error == 0 && !m_isPrepared && (error = pthread_key_create(&m_key, &threadEnds)) == 0) {
+        m_isPrepared = true;
+    }
+    return error;
 }
 
 int EventLoop::addFd(int fd, unsigned int events, std::function<void(int, unsigned int)> callback)

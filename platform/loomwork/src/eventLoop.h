@@ -4,6 +4,7 @@
 #include "descriptorSet.h"
 #include "eventLoopIf.h"
 
+#include <atomic>
 #include <mutex>
 #include <pthread.h>
 #include <vector>
@@ -16,8 +17,6 @@ namespace Loomwork::EventLoop {
 /// Locks are taken in the order list, set.
 class EventLoop final : public V1::EventLoopIf {
 public:
-    EventLoop();
-
     int addFd(int fd, unsigned int events, std::function<void(int, unsigned int)> callback) override;
     int updateFd(int fd, unsigned int events) override;
     int removeFd(int fd) override;
@@ -27,6 +26,7 @@ public:
 private:
     DescriptorSet* ownSet() const;
     DescriptorSet* ownOrNewSet();
+    int prepare();
 
     static void threadEnds(void* set);
     static void beforeFork();
@@ -34,8 +34,9 @@ private:
     static void afterForkInChild();
 
     pthread_key_t m_key{};
-    int m_keyError;
-    std::mutex m_mutex;
+    std::atomic<bool> m_isPrepared = false; ///< there is a key
+    std::mutex m_mutex;                     ///< guards what follows
+    bool m_hasForkHandlers = false;
     std::vector<DescriptorSet*> m_sets;
 };
 

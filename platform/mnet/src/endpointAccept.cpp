@@ -146,9 +146,11 @@ bool Endpoint::acceptOne()
     }
     ucred peer{};
     if (!merlow::base::peerCredentials(socket.get(), peer) || !merlow::base::peerAllowed(socket.get())) {
+        const bool isStranger = errno == EACCES;
         report([&] {
             return "refused a connection of process " + std::to_string(peer.pid) + ": user " +
-                   std::to_string(peer.uid) + " has no access";
+                   std::to_string(peer.uid) +
+                   (isStranger ? " has no access" : " may have access, there is no way to know at present");
         });
         discourage();
         return true;

@@ -46,10 +46,12 @@ Outgoing::Open Outgoing::open(const RunFolder& folder, std::uint16_t own, std::u
     if (holder == 0) {
         return Open::gone;
     }
-    if (!merlow::base::peerCredentials(socket.get(), peer) || peer.pid != holder ||
-        !merlow::base::peerAllowed(socket.get())) {
+    if (!merlow::base::peerCredentials(socket.get(), peer) || peer.pid != holder) {
         errno = EACCES;
         return Open::denied;
+    }
+    if (!merlow::base::peerAllowed(socket.get())) {
+        return isShortage(errno) ? Open::later : Open::denied;
     }
     if (m_peerPid != 0 && peer.pid != m_peerPid) {
         return Open::gone; // a successor; whom this one was for is gone

@@ -251,7 +251,10 @@ bool LiveFile::create(const RunFolder& folder, std::uint16_t number)
     if (!m_file) {
         return false;
     }
-    const auto group = merlow::base::accessGroup();
+    std::optional<gid_t> group;
+    if (!merlow::base::accessGroup(group)) {
+        return false;
+    }
     if (group &&
         (fchown(m_file.get(), static_cast<uid_t>(-1), *group) != 0 || fchmod(m_file.get(), 0640) != 0)) {
         return false;

@@ -136,7 +136,6 @@ bool Connection::acceptFrom(int listenerFd)
 bool Connection::setUp()
 {
     if (!merlow::base::peerAllowed(m_socket.get())) {
-        errno = EACCES;
         return false;
     }
     // As far as the kernel grants it.
@@ -319,7 +318,7 @@ ssize_t Connection::receive(void* buffer, std::size_t capacity)
         }
         sendKept(); // that it fails, the end of the connection tells
         const ssize_t length =
-            m_assembled.empty() ? receiveMessage(buffer, capacity) : receiveParts(buffer, capacity);
+            m_announced == 0 ? receiveMessage(buffer, capacity) : receiveParts(buffer, capacity);
         if (length >= 0 || !blocking || (errno != EAGAIN && errno != EWOULDBLOCK)) {
             return length;
         }
@@ -345,7 +344,7 @@ ssize_t Connection::receiveMessage(void* buffer, std::size_t capacity)
         if (announced.length == 0 || announced.length > maxMessageSize) {
             return violation();
         }
-        m_assembled.resize(announced.length);
+        m_announced = announced.length;
         m_received = 0;
         return receiveParts(buffer, capacity);
     }
@@ -361,8 +360,9 @@ ssize_t Connection::receiveMessage(void* buffer, std::size_t capacity)
 
 ssize_t Connection::receiveParts(void* buffer, std::size_t capacity)
 {
-    while (m_received < m_assembled.size()) {
-        const std::size_t missing = m_assembled.size() - m_received;
+    m_assembled.resize(m_announced); // without memory it is tried again, and the parts wait
+    while (m_received < m_announced) {
+        const std::size_t missing = m_announced - m_received;
         const ssize_t received = receivePacket(&m_assembled[m_received], missing);
         if (received <= 0) {
             return received;
@@ -372,6 +372,7 @@ ssize_t Connection::receiveParts(void* buffer, std::size_t capacity)
         }
         m_received += static_cast<std::size_t>(received);
     }
+    m_announced = 0;
     std::vector<char> message;
     message.swap(m_assembled);
     if (message.size() > capacity || buffer == nullptr) {

@@ -90,8 +90,9 @@ private:
     Progress m_keptProgress; ///< of the first kept message
     std::size_t m_keptLimit; ///< bytes
 
-    std::vector<char> m_assembled; ///< the announced message; empty when none is
+    std::size_t m_announced = 0;   ///< bytes of the message that comes in parts; 0 when none does
     std::size_t m_received = 0;    ///< bytes of it that have come
+    std::vector<char> m_assembled; ///< those, and room for the rest
 };
 
 } // namespace sway

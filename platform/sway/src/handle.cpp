@@ -2,28 +2,11 @@
 
 #include <cerrno>
 #include <mutex>
+#include <new>
 #include <poll.h>
 #include <pthread.h>
-#include <unistd.h>
 
 namespace sway {
-
-void Descriptor::reset(int fd)
-{
-    if (m_fd >= 0) {
-        const int error = errno;
-        close(m_fd);
-        errno = error;
-    }
-    m_fd = fd;
-}
-
-int Descriptor::release()
-{
-    const int fd = m_fd;
-    m_fd = -1;
-    return fd;
-}
 
 bool waitFor(int fd, short events, int timeoutMs)
 {
@@ -47,7 +30,10 @@ sway_socket* firstHandle = nullptr;
 
 void sway_socket::enlist()
 {
-    static const int registered = pthread_atfork(&lockList, &unlockList, &closeAllInChild);
+    // What throws is tried again for the next handle.
+    static const bool registered = [] {
+        return pthread_atfork(&lockList, &unlockList, &closeAllInChild) == 0 ? true : throw std::bad_alloc();
+    }();
     static_cast<void>(registered);
     const std::lock_guard lock(sway::listMutex);
     m_next = sway::firstHandle;

@@ -1,6 +1,7 @@
 /// What every handle is: descriptors of this process, which a forked child must not keep.
 #pragma once
 
+#include "ownedFd.h"
 #include "sway.h"
 
 namespace sway {
@@ -8,23 +9,7 @@ namespace sway {
 class Connection;
 class Listener;
 
-/// Owns a descriptor. Closing leaves `errno` as it is.
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    [[nodiscard]] int get() const { return m_fd; }
-    [[nodiscard]] bool valid() const { return m_fd >= 0; }
-    void reset(int fd = -1);
-    int release(); ///< the caller owns what it gives
-
-private:
-    int m_fd = -1;
-};
+using Descriptor = merlow::base::OwnedFd;
 
 /// Waits until one of `events` (as poll takes them) is true of `fd`; for ever with a timeout of -1 ms. False
 /// when it is not.
@@ -59,14 +44,19 @@ protected:
     /// Runs `open` with the list locked.
     template <class F> static void opening(F open)
     {
-        lockList();
+        const ListLock lock;
         open();
-        unlockList();
     }
 
 private:
     static void lockList();
     static void unlockList();
+    struct ListLock {
+        ListLock() { lockList(); }
+        ~ListLock() { unlockList(); }
+        ListLock(const ListLock&) = delete;
+        ListLock& operator=(const ListLock&) = delete;
+    };
     static void closeAllInChild();
 
     sway_socket* m_previous = nullptr;

@@ -50,8 +50,11 @@ bool Listener::listenAt(const std::string& name)
 {
     m_name = name;
     opening([&] { m_folder.reset(merlow::base::openRunSubdir("sway")); });
+    if (!m_folder.valid()) {
+        return false;
+    }
     opening([&] { m_lockFolder.reset(merlow::base::openRunSubdir("sway.lock")); });
-    if (!m_folder.valid() || !m_lockFolder.valid() || !lockName() || !removeStaleSocket()) {
+    if (!m_lockFolder.valid() || !lockName() || !removeStaleSocket()) {
         return false;
     }
     opening([&] { m_socket.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); });
@@ -80,7 +83,10 @@ bool Listener::lockName()
             }
             return false;
         }
-        merlow::base::setFileAccess(m_lock.get()); // another user of the group may have made it so already
+        // Another user of the group, whose file it is, has made it so already.
+        if (merlow::base::setFileAccess(m_lock.get()) != 0 && errno != EPERM) {
+            return false;
+        }
         // The holder before may have unlinked it between open and lock: then this is nobody's lock.
         struct stat status {};
         if (fstat(m_lock.get(), &status) == 0 && status.st_nlink > 0) {
@@ -101,12 +107,17 @@ bool Listener::removeStaleSocket() const
     if (!probe.valid()) {
         return false;
     }
-    if (!S_ISSOCK(status.st_mode) || merlow::base::connectAt(probe.get(), m_folder.get(), m_name) == 0 ||
-        errno != ECONNREFUSED) {
-        errno = EADDRINUSE;
-        return false;
+    const bool isSocket = S_ISSOCK(status.st_mode);
+    if (isSocket && merlow::base::connectAt(probe.get(), m_folder.get(), m_name) != 0) {
+        if (errno == ECONNREFUSED) {
+            return unlinkat(m_folder.get(), m_name.c_str(), 0) == 0;
+        }
+        if (errno == ENOMEM || errno == ENOBUFS) {
+            return false; // not known whether somebody does
+        }
     }
-    return unlinkat(m_folder.get(), m_name.c_str(), 0) == 0;
+    errno = EADDRINUSE;
+    return false;
 }
 
 void Listener::openReserve()

@@ -87,13 +87,25 @@ inline bool wasForeign()
     return state.isForeign;
 }
 
-/// The code under test runs.
+/// The code under test runs; also when a pause of the test's has led to it.
 class Watch {
 public:
-    Watch() { state.isWatched = true; }
-    ~Watch() { state.isWatched = false; }
+    Watch()
+    {
+        state.isWatched = true;
+        state.pauses = 0;
+    }
+    ~Watch()
+    {
+        state.isWatched = m_before;
+        state.pauses = m_pauses;
+    }
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
+
+private:
+    bool m_before = state.isWatched;
+    unsigned int m_pauses = state.pauses;
 };
 
 /// It calls something that belongs to the test.

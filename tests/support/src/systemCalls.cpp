@@ -66,7 +66,7 @@ INSTEAD int listen(int fd, int backlog) noexcept
 }
 INSTEAD int connect(int fd, const sockaddr* address, socklen_t size)
 {
-    return static_cast<int>(call(EAGAIN, SYS_connect, fd, address, size));
+    return static_cast<int>(call(ENOMEM, SYS_connect, fd, address, size));
 }
 INSTEAD ssize_t send(int fd, const void* bytes, size_t size, int flags)
 {
@@ -131,6 +131,13 @@ INSTEAD ssize_t pwrite(int fd, const void* bytes, size_t size, off_t offset)
     const bool grows = fstat(fd, &status) != 0 || status.st_size < offset + static_cast<off_t>(size);
     return grows && failsWith(ENOSPC) ? -1 : syscall(SYS_pwrite64, fd, bytes, size, offset);
 }
+INSTEAD ssize_t write(int fd, const void* bytes, size_t size)
+{
+    // Only a file takes something.
+    struct stat status {};
+    const bool isFile = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    return isFile && failsWith(ENOSPC) ? -1 : syscall(SYS_write, fd, bytes, size);
+}
 INSTEAD int linkat(int fromFolder, const char* from, int toFolder, const char* to, int flags) noexcept
 {
     return static_cast<int>(call(ENOSPC, SYS_linkat, fromFolder, from, toFolder, to, flags));
@@ -142,6 +149,24 @@ INSTEAD int mkdirat(int folder, const char* path, mode_t mode) noexcept
 INSTEAD int fchmod(int fd, mode_t mode) noexcept
 {
     return static_cast<int>(call(EROFS, SYS_fchmod, fd, mode));
+}
+INSTEAD int fchown(int fd, uid_t owner, gid_t group) noexcept
+{
+    return static_cast<int>(call(ENOSPC, SYS_fchown, fd, owner, group));
+}
+INSTEAD int fchownat(int folder, const char* path, uid_t owner, gid_t group, int flags) noexcept
+{
+    return static_cast<int>(call(ENOSPC, SYS_fchownat, folder, path, owner, group, flags));
+}
+INSTEAD int lockWhole(int fd, int operation) noexcept __asm__("flock"); // a structure has that name
+INSTEAD int lockWhole(int fd, int operation) noexcept
+{
+    return static_cast<int>(call(ENOLCK, SYS_flock, fd, operation));
+}
+INSTEAD int renameat2(int fromFolder, const char* from, int toFolder, const char* to,
+                      unsigned int flags) noexcept
+{
+    return static_cast<int>(call(ENOSPC, SYS_renameat2, fromFolder, from, toFolder, to, flags));
 }
 INSTEAD int fchmodat(int folder, const char* path, mode_t mode, int /*flags*/) noexcept
 {

@@ -1,42 +1,24 @@
 /// Each allocation and each call of the system that takes something fails once: the call of the library that
 /// it was for tells so or does without, nothing is lost or left, and the same call works when it is made
 /// again.
-#include "shortage.h"
 #include "mnetFixture.h"
 #include "rowTest.h"
+#include "shortageSweep.h"
 
-#include <cstring>
+#include <cstdlib>
+#include <filesystem>
+#include <grp.h>
 #include <memory>
 #include <optional>
-#include <set>
 #include <sys/prctl.h>
+#include <sys/stat.h>
+#include <utility>
 
 namespace mnet::test {
 namespace {
 
 namespace shortage = support::shortage;
-
-const std::set<int> shortages = {ENOMEM, EMFILE, ENFILE, ENOSPC, ENOBUFS, EROFS, ENOLCK, EAGAIN};
-
-/// Makes a call of the library until it succeeds: at once, or after the shortage that it told of.
-template <class Call> auto insist(const char* what, Call call)
-{
-    const auto attempt = [&] {
-        const shortage::Watch watch;
-        return call();
-    };
-    const bool before = shortage::hasFailed();
-    errno = 0;
-    auto result = attempt();
-    if (!result) {
-        const int error = errno;
-        EXPECT_TRUE(!before && shortage::hasFailed()) << what << ": " << strerror(error);
-        EXPECT_TRUE(shortages.count(error) != 0) << what << ": " << strerror(error);
-        result = attempt();
-        EXPECT_TRUE(result) << what << " again: " << strerror(errno);
-    }
-    return result;
-}
+using shortage::insist;
 
 bool insistOnSending(mnet_mbox_id_t to, std::uint32_t number, std::size_t size, mnet_mbox_id_t from)
 {
@@ -181,6 +163,34 @@ void alone()
     insistOnExit();
 }
 
+/// In a new run-time folder that belongs to a group.
+void inAGroup()
+{
+    const std::string folder = std::getenv("MERLOW_RUN_DIR");
+    std::filesystem::remove_all(folder);
+    setenv("MERLOW_GROUP", std::to_string(getegid()).c_str(), 1);
+    insistOnStart("mine");
+    insistOnExit();
+    unsetenv("MERLOW_GROUP");
+    for (const char* name : {"", "/mnet", "/mnet/ep", "/mnet/names", "/mnet/endpoints"}) {
+        struct stat status {};
+        EXPECT_EQ(stat((folder + name).c_str(), &status), 0) << name;
+        EXPECT_EQ(status.st_mode & 07777, S_ISDIR(status.st_mode) ? 02770U : 0660U) << name;
+    }
+}
+
+/// With another user's process, of the unit's group.
+void withMember()
+{
+    const mnet_mbox_id_t mine = insistOnStart("mine");
+    EXPECT_TRUE(insistOnLocate("peer", 1, mine));
+    const Got found = insistOnReceiving(1);
+    ASSERT_TRUE(found);
+    EXPECT_TRUE(insistOnSending(found.message->sender(), 2, 4, mine));
+    EXPECT_TRUE(insistOnReceiving(2));
+    insistOnExit();
+}
+
 /// With another process that lives on.
 void withPeer()
 {
@@ -237,11 +247,25 @@ void withOneThatDies()
     insistOnExit();
 }
 
+enum class Peer { none, own, member };
+
 struct MnetShortageRow {
     const char* name;
     void (*run)();
-    bool hasPeer;
+    Peer peer;
 };
+
+constexpr gid_t unitGroup = 4711;
+
+/// Becomes another user of the unit's group.
+void becomeMember()
+{
+    constexpr uid_t nobody = 65534;
+    const gid_t groups[] = {unitGroup};
+    ASSERT_EQ(setgroups(1, groups), 0);
+    ASSERT_EQ(setgid(nobody), 0);
+    ASSERT_EQ(setuid(nobody), 0);
+}
 
 class MnetShortageTest : public MnetTest, public WithRow<MnetShortageRow> {
 protected:
@@ -260,7 +284,7 @@ protected:
     /// What is kept of the endpoints of earlier runs: each start of the library looks through it.
     void removeKept() const
     {
-        const std::filesystem::path folder = m_folder + "/mnet/ep";
+        const std::filesystem::path folder = std::getenv("MERLOW_RUN_DIR") + std::string("/mnet/ep");
         for (const auto& entry : std::filesystem::directory_iterator(folder)) {
             if (entry.path().extension() == ".live" && !exists(folder / entry.path().stem())) {
                 std::filesystem::remove(entry.path());
@@ -271,49 +295,36 @@ protected:
 
 ROW_TEST(MnetShortageTest, eachThatFailsIsToldOfOrMadeUpFor)
 {
+    const bool isMember = row().peer == Peer::member;
+    if (isMember) {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "needs the right to become another user";
+        }
+        std::filesystem::permissions(m_folder, std::filesystem::perms::all);
+        setenv("MERLOW_RUN_DIR", (m_folder + "/unit").c_str(), 1);
+        setenv("MERLOW_GROUP", std::to_string(unitGroup).c_str(), 1);
+        start("first"); // the folder is root's
+        mnet_exit();
+    }
     std::optional<Child> peer;
-    if (row().hasPeer) {
-        peer.emplace([] { serve("peer"); });
+    if (row().peer != Peer::none) {
+        peer.emplace([isMember] {
+            if (isMember) {
+                becomeMember();
+            }
+            serve("peer");
+        });
         // It is there when its name is.
         const mnet_mbox_id_t mine = start("before");
         ASSERT_NE(find("peer"), MNET_MBOX_NONE);
         EXPECT_NE(mine, MNET_MBOX_NONE);
         mnet_exit();
     }
-    shortage::begin(0);
-    row().run();
-    const std::size_t before = files();
-    const std::size_t descriptors = openDescriptors();
-    long blocks = shortage::liveBlocks();
-    std::size_t failures = 0;
-    for (std::size_t failing = 1;; failing += shortage::stride) {
-        shortage::begin(failing);
-        row().run();
-        const bool failed = shortage::hasFailed();
-        shortage::begin(0);
+    const auto state = [this, &peer] {
         removeKept();
-        ASSERT_FALSE(HasFailure()) << "the " << failing << "th";
-        ASSERT_EQ(openDescriptors(), descriptors) << "the " << failing << "th";
-        if (!peer) {
-            ASSERT_EQ(files(), before) << "the " << failing << "th";
-        }
-        // What grows now and then is made once for the process; what is lost is lost each time.
-        int growths = 0;
-        for (long left = shortage::liveBlocks(); left > blocks && growths < 3;
-             left = shortage::liveBlocks()) {
-            blocks = left;
-            ++growths;
-            shortage::begin(failing);
-            row().run();
-            shortage::begin(0);
-        }
-        ASSERT_LT(growths, 3) << "the " << failing << "th leaks";
-        blocks = shortage::liveBlocks();
-        if (!failed) {
-            break;
-        }
-        ++failures;
-    }
+        return std::pair{openDescriptors(), peer ? std::size_t{0} : files()};
+    };
+    const std::size_t failures = shortage::failEachOnce(row().run, state);
     EXPECT_GT(failures, 10U);
     if (peer) {
         start("after");
@@ -322,8 +333,11 @@ ROW_TEST(MnetShortageTest, eachThatFailsIsToldOfOrMadeUpFor)
     }
 }
 
-const MnetShortageRow mnetShortageRows[] = {
-    {"alone", alone, false}, {"withPeer", withPeer, true}, {"withOneThatDies", withOneThatDies, false}};
+const MnetShortageRow mnetShortageRows[] = {{"alone", alone, Peer::none},
+                                            {"inAGroup", inAGroup, Peer::none},
+                                            {"withMember", withMember, Peer::member},
+                                            {"withPeer", withPeer, Peer::own},
+                                            {"withOneThatDies", withOneThatDies, Peer::none}};
 TEST_ROWS(Each, MnetShortageTest, mnetShortageRows);
 
 } // namespace
