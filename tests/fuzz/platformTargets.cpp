@@ -575,7 +575,7 @@ void runTraceRecords(Input& input)
         require(object.mask == 0x12, "a mask is what it was set to");
     }
     static_cast<void>(opened.setObjectMask(name, 0x56));
-    const std::string bounded = merlow::trace::boundedName(name);
+    const std::string bounded(merlow::trace::BoundedName(name).text());
     require(!bounded.empty() && bounded.front() != '.' && bounded.find('/') == std::string::npos,
             "a bounded name is one of a file");
 }

@@ -50,7 +50,7 @@ SCRY_API int scryStart(void);
 
 /// Loads the LTTng probe library `file`, a name without folder, from the folder of this library, under the
 /// rules of `scryStart`. 0 when it is loaded, -1 with `errno` when it is not: ENOENT there is none, ECANCELED
-/// switched off by `SCRY_LTTNG`, ELIBACC it can't be loaded. It stays loaded.
+/// switched off by `SCRY_LTTNG`, ELIBACC it can't be loaded, ENOMEM. It stays loaded.
 SCRY_API int scryLoadProbes(const char* file);
 
 /// The part of `path` after its last '/', pointing into `path`; "" for null.
@@ -79,7 +79,7 @@ SCRY_API void lttngScryIfObjSendSigTrace(const char* file, unsigned int line, ui
 
 #ifdef __cplusplus
 }
-/// A text built as printf does; "" when `format` can't be followed.
+/// A text built as printf does; "" when `format` can't be followed, or there is no memory.
 SCRY_API std::string formatStr(const char* format, ...) __attribute__((format(printf, 1, 2)));
 #endif
 

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <new>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -34,6 +35,7 @@ char g_folder[PATH_MAX]; // where the file is; empty while there is none
 
 constexpr const char* logCategory = "RadioPlatform,Trace";
 constexpr std::uint32_t objectsBit = 1u << SCRY_OBJ_BIT;
+constexpr std::uint32_t defaultMask = objectsBit | 1u << 1 | 1u << 4;
 
 template <std::size_t N> void setName(char (&array)[N], std::string_view name)
 {
@@ -66,11 +68,12 @@ std::uint32_t objectsBitFromEnvironment()
     return value == "0" ? 0 : objectsBit;
 }
 
-void report(const std::string& folder, int error)
+void report(std::string_view folder, int error)
 {
-    rushlog_log(logCategory, ("trace levels can't be changed from outside, no record file in " + folder +
-                              "/" + recordFolder + ": " + strerror(error)) // NOLINT(concurrency-mt-unsafe)
-                                 .c_str());
+    TextLine text;
+    text << "trace levels can't be changed from outside, no record file in " << folder << "/" << recordFolder
+         << ": " << strerror(error); // NOLINT(concurrency-mt-unsafe)
+    rushlog_log(logCategory, text.c_str());
 }
 
 /// Lays the image over private memory, with its content as it is.
@@ -99,6 +102,8 @@ int mapToFile(const std::string& folder)
     close(fd);
     errno = error;
     if (memory == MAP_FAILED) {
+        removeStaleRecordFiles(); // this one
+        errno = error;
         return -1;
     }
     setName(g_folder, folder);
@@ -139,28 +144,32 @@ __attribute__((constructor)) void startRecords()
 {
     const UnnoticedScope unnoticed;
     const char* const program = program_invocation_short_name;
-    const std::string name = boundedName(program != nullptr ? program : "");
-    setName(g_name, name);
+    const BoundedName name(program != nullptr ? program : "");
+    setName(g_name, name.text());
     g_pid = getpid();
 
     RecordFile& file = g_image.file;
     file.magic = recordFileMagic;
     file.version = recordFileVersion;
     file.pid = g_pid;
-    setName(file.process.name, name);
-    const std::uint32_t levels = levelsFromEnvironment("SCRY_LEVELS", "1,4");
-    file.process.record.mask = (levels & ~objectsBit) | objectsBitFromEnvironment();
-    file.newObjectMask = levelsFromEnvironment("SCRY_OBJ_LEVELS", "");
-
+    setName(file.process.name, name.text());
+    file.process.record.mask = defaultMask;
     pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
-    if (folderIsWanted()) {
-        removeStaleRecordFiles();
-        publishRecords();
+    try {
+        const std::uint32_t levels = levelsFromEnvironment("SCRY_LEVELS", "1,4");
+        file.process.record.mask = (levels & ~objectsBit) | objectsBitFromEnvironment();
+        file.newObjectMask = levelsFromEnvironment("SCRY_OBJ_LEVELS", "");
+        if (folderIsWanted()) {
+            removeStaleRecordFiles();
+            publishRecords();
+        }
+    } catch (const std::bad_alloc&) {
+        rushlog_log(logCategory, "no memory to read the trace levels; scryctl may change them");
     }
 }
 
 /// The entry of `name`, a new one if there is none yet. The last entry is for all names that find no other.
-RecordEntry& findOrAddObject(const std::string& name)
+RecordEntry& findOrAddObject(std::string_view name)
 {
     RecordFile& file = g_image.file;
     const std::size_t count = std::min<std::size_t>(file.objectCount, maxObjects);
@@ -174,7 +183,7 @@ RecordEntry& findOrAddObject(const std::string& name)
     }
     RecordEntry& entry = file.objects[count];
     const bool last = count == maxObjects - 1;
-    setName(entry.name, last ? "(others)" : name);
+    setName(entry.name, last ? std::string_view("(others)") : name);
     __atomic_store_n(&entry.record.mask, __atomic_load_n(&file.newObjectMask, __ATOMIC_SEQ_CST),
                      __ATOMIC_SEQ_CST);
     __atomic_store_n(&file.objectCount, static_cast<std::uint32_t>(count + 1), __ATOMIC_SEQ_CST);
@@ -201,14 +210,19 @@ pid_t processId()
 int publishRecords()
 {
     const std::lock_guard lock(g_mutex);
-    const std::string folder = base::runDirPath();
-    if (folder == g_folder) {
-        return 0;
-    }
-    if (folder.size() >= sizeof g_folder) {
-        errno = ENAMETOOLONG;
-    } else if (mapToFile(folder) == 0) {
-        return 0;
+    std::string folder;
+    try {
+        folder = base::runDirPath();
+        if (folder == g_folder) {
+            return 0;
+        }
+        if (folder.size() >= sizeof g_folder) {
+            errno = ENAMETOOLONG;
+        } else if (mapToFile(folder) == 0) {
+            return 0;
+        }
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
     }
     const int error = errno;
     makePrivate(); // also where a mapping failed half-way
@@ -240,5 +254,5 @@ const scry_record* scryTraceObj(const char* name)
 {
     const UnnoticedScope unnoticed;
     const std::lock_guard lock(g_mutex);
-    return &findOrAddObject(boundedName(name != nullptr ? name : "")).record;
+    return &findOrAddObject(BoundedName(name != nullptr ? name : "").text()).record;
 }

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 using namespace merlow::trace;
 
@@ -111,7 +112,11 @@ std::string formatStr(const char* format, ...)
     va_end(args);
     std::string text;
     if (length > 0) {
-        text.resize(static_cast<std::size_t>(length));
+        try {
+            text.resize(static_cast<std::size_t>(length));
+        } catch (const std::bad_alloc&) {
+            return {};
+        }
         va_start(args, format);
         std::vsnprintf(text.data(), text.size() + 1, format, args);
         va_end(args);

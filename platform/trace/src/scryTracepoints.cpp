@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <new>
 #include <string>
 #include <unistd.h>
 
@@ -25,7 +26,7 @@ namespace {
 
 /// Why the probes in the folder of this library can't be loaded, 0 when they are.
 int loadProbes(const char* file)
-{
+try {
     const char* const setting = std::getenv("SCRY_LTTNG");
     if (setting != nullptr && std::strcmp(setting, "0") == 0) {
         return ECANCELED;
@@ -52,6 +53,8 @@ int loadProbes(const char* file)
         return ELIBACC;
     }
     return 0;
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
 }
 
 } // namespace

@@ -49,8 +49,16 @@ constexpr std::uint32_t recordFileVersion = 1;
 constexpr const char* recordFolder = "trace";
 
 /// A name as it can stand in a record and in a file name: bounded, printable, no '/' and no leading '.';
-/// "unnamed" for an empty one.
-std::string boundedName(std::string_view name);
+/// "unnamed" for an empty one. Needs no memory.
+class BoundedName {
+public:
+    explicit BoundedName(std::string_view name);
+    [[nodiscard]] std::string_view text() const { return {m_text, m_length}; }
+
+private:
+    char m_text[sizeof(RecordEntry::name) - 1];
+    std::size_t m_length;
+};
 
 /// The text up to the first NUL or the end of the array.
 template <std::size_t N> std::string_view nameIn(const char (&array)[N])

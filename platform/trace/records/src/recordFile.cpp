@@ -1,5 +1,6 @@
 #include "recordFile.h"
 
+#include "ownedFd.h"
 #include "runDir.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -19,26 +21,7 @@ namespace merlow::trace {
 
 namespace {
 
-/// A descriptor that keeps `errno` as it was when it goes.
-class Fd {
-public:
-    explicit Fd(int fd) : m_fd(fd) {}
-    ~Fd()
-    {
-        if (m_fd >= 0) {
-            const int error = errno;
-            close(m_fd);
-            errno = error;
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return m_fd; }
-    int release() { return std::exchange(m_fd, -1); }
-
-private:
-    int m_fd;
-};
+using Fd = base::OwnedFd;
 
 std::string fileNameOf(const std::string& name, pid_t pid)
 {
@@ -54,21 +37,20 @@ int openExistingFolder()
 /// The names in the folder; nothing, with `errno`, when it can't be read.
 std::optional<std::vector<std::string>> namesIn(int folder)
 {
-    const int fd = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* const dir = fd >= 0 ? fdopendir(fd) : nullptr;
-    if (dir == nullptr) {
-        const Fd closed(fd);
+    Fd fd(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(fd.valid() ? fdopendir(fd.get()) : nullptr, closedir);
+    if (!dir) {
         return std::nullopt;
     }
+    static_cast<void>(fd.release()); // the stream's now
     std::vector<std::string> names;
     // The stream is this call's own, so that readdir is safe in any thread.
-    while (const dirent* entry = readdir(dir)) { // NOLINT(concurrency-mt-unsafe)
+    while (const dirent* entry = readdir(dir.get())) { // NOLINT(concurrency-mt-unsafe)
         const std::string_view name = entry->d_name;
         if (name != "." && name != "..") {
             names.emplace_back(name);
         }
     }
-    closedir(dir);
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -126,21 +108,17 @@ void store(std::uint32_t& word, std::uint32_t value)
 
 } // namespace
 
-std::string boundedName(std::string_view name)
+BoundedName::BoundedName(std::string_view name)
 {
-    std::string result(name.substr(0, sizeof(RecordEntry::name) - 1));
-    for (char& c : result) {
-        if (c <= ' ' || c > '~' || c == '/') {
-            c = '_';
-        }
+    if (name.empty()) {
+        name = "unnamed";
     }
-    if (result.empty()) {
-        return "unnamed";
+    m_length = std::min(name.size(), sizeof(m_text));
+    for (std::size_t i = 0; i < m_length; ++i) {
+        const char c = name[i];
+        const bool isPlain = c > ' ' && c <= '~' && c != '/' && (c != '.' || i > 0);
+        m_text[i] = isPlain ? c : '_';
     }
-    if (result.front() == '.') {
-        result.front() = '_';
-    }
-    return result;
 }
 
 int createRecordFile(const RecordFile& image, const std::string& name, pid_t pid)
@@ -199,7 +177,7 @@ OpenRecordFile::OpenRecordFile(OpenRecordFile&& other) noexcept
 
 std::string OpenRecordFile::processName() const
 {
-    return boundedName(nameIn(m_file->process.name));
+    return std::string(BoundedName(nameIn(m_file->process.name)).text());
 }
 pid_t OpenRecordFile::pid() const
 {
@@ -225,7 +203,7 @@ std::vector<OpenRecordFile::View> OpenRecordFile::objects() const
     std::vector<View> result;
     for (std::size_t i = 0; i < count(); ++i) {
         const RecordEntry& entry = m_file->objects[i];
-        result.push_back({boundedName(nameIn(entry.name)), load(entry.record.mask)});
+        result.push_back({std::string(BoundedName(nameIn(entry.name)).text()), load(entry.record.mask)});
     }
     return result;
 }
@@ -288,11 +266,12 @@ std::optional<std::vector<OpenRecordFile>> openRecordFiles(std::vector<std::stri
     if (folder.get() < 0 && errno == ENOENT) {
         return files;
     }
-    const auto names = folder.get() >= 0 ? namesIn(folder.get()) : std::nullopt;
+    auto names = folder.get() >= 0 ? namesIn(folder.get()) : std::nullopt;
     if (!names) {
         return std::nullopt;
     }
-    for (const std::string& name : *names) {
+    files.reserve(names->size()); // so that no mapping is without its owner
+    for (std::string& name : *names) {
         if (removeIfStale(folder.get(), name) || name.front() == '.') {
             continue;
         }
@@ -300,9 +279,9 @@ std::optional<std::vector<OpenRecordFile>> openRecordFiles(std::vector<std::stri
         std::string reason = fd.get() < 0 ? strerror(errno) : "";
         RecordFile* const file = fd.get() < 0 ? nullptr : mapRecordFile(fd.get(), reason);
         if (file != nullptr) {
-            files.emplace_back(file, name);
+            files.emplace_back(file, std::move(name));
         } else {
-            problems.push_back(std::string(name).append(" ").append(reason));
+            problems.push_back(name.append(" ").append(reason));
         }
     }
     return files;

@@ -58,11 +58,11 @@ TEST(FormatLevels, isReadBackAsTheSame)
 
 TEST(BoundedName, holdsWhatAFileNameAndALineCanHold)
 {
-    EXPECT_EQ(boundedName("merlowd"), "merlowd");
-    EXPECT_EQ(boundedName(""), "unnamed");
-    EXPECT_EQ(boundedName(".."), "_.");
-    EXPECT_EQ(boundedName("a/b c\n\xff"), "a_b_c__");
-    EXPECT_EQ(boundedName(std::string(48, 'n')), std::string(47, 'n'));
+    EXPECT_EQ(BoundedName("merlowd").text(), "merlowd");
+    EXPECT_EQ(BoundedName("").text(), "unnamed");
+    EXPECT_EQ(BoundedName("..").text(), "_.");
+    EXPECT_EQ(BoundedName("a/b c\n\xff").text(), "a_b_c__");
+    EXPECT_EQ(BoundedName(std::string(48, 'n')).text(), std::string(47, 'n'));
 }
 
 } // namespace
