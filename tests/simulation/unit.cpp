@@ -79,6 +79,7 @@ int Unit::start(Outcome& outcome)
     int result = 0;
     outcome = observe([&] {
         result = m_impl->startUp();
+        const support::shortage::Pause pause;
         m_mnetFd = mnet_get_fd();
     });
     if (result != MerlowImpl::SUCCESS) {

@@ -1,5 +1,6 @@
 #include "bcSession.h"
 
+#include "insist.h"
 #include "merlowTrace.h"
 
 #include <array>
@@ -14,7 +15,13 @@ BcSession::BcSession(std::uint32_t mailbox, std::int32_t client, std::int32_t se
                      const std::string& name, std::uint32_t extra)
     : BcClientInfo(mailbox, client, server, revision, extra), mboxName(name)
 {
-    monitorId = mnet_monitor(mailboxId, nullptr);
+    const bool isWatched = insist([this] {
+        monitorId = mnet_monitor(mailboxId, nullptr);
+        return monitorId != MNET_MBOX_NONE;
+    });
+    if (!isWatched) {
+        SCRY_TRACE(1, "ABN: Nobody will tell of the end of mbox: 0x" << std::hex << mailboxId);
+    }
     SCRY_OBJ_TRACE(6, "BcSession " << mboxName << " for mbox: 0x" << std::hex << mailboxId);
 }
 

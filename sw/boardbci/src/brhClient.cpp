@@ -1,8 +1,13 @@
 #include "brhClient.h"
 
+#include "eventLoopIf.h"
+#include "insist.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 namespace {
@@ -239,19 +244,31 @@ MnetMsgPtr BrhClient::notifyFrame() const
     return frame;
 }
 
+/// Without memory for it a trace, and std::bad_alloc.
 void BrhClient::locate()
 {
-    mnet_msg* frame = notifyFrame().release();
-    if (frame != nullptr && mnet_locate_async(m_serverName.c_str(), &frame, m_ownMbox) != 0) {
+    const bool isSearching = insist([this] {
+        mnet_msg* frame = notifyFrame().release();
+        return frame != nullptr && mnet_locate_async(m_serverName.c_str(), &frame, m_ownMbox) == 0;
+    });
+    if (!isSearching) {
         SCRY_TRACE(1, "ABN: Failed to start the search for BRH server " << m_serverName);
+        throw std::bad_alloc();
     }
 }
 
 void BrhClient::onServerFound(const mnet_msg& msg)
 {
     m_serverMbox = mnet_sender(&msg);
-    mnet_msg* frame = notifyFrame().release();
-    m_monitorId = frame == nullptr ? MNET_MBOX_NONE : mnet_monitor(m_serverMbox, &frame);
+    const bool isWatched = insist([this] {
+        mnet_msg* frame = notifyFrame().release();
+        m_monitorId = frame == nullptr ? MNET_MBOX_NONE : mnet_monitor(m_serverMbox, &frame);
+        return m_monitorId != MNET_MBOX_NONE;
+    });
+    if (!isWatched) {
+        SCRY_TRACE(1, "ABN: Failed to watch BRH server " << m_serverName << ": searching for it again");
+        onServerLost();
+    }
 }
 
 void BrhClient::onServerLost()
@@ -260,7 +277,13 @@ void BrhClient::onServerLost()
     disconnect();
     m_serverMbox = MNET_MBOX_NONE;
     m_monitorId = MNET_MBOX_NONE;
-    locate();
+    try {
+        locate();
+    } catch (const std::bad_alloc&) {
+        // It would be missed for ever: who supervises the server is to start it again.
+        SCRY_TRACE(1, "ABN: Without a search for BRH server " << m_serverName << " Merlow ends");
+        Loomwork::EventLoop::V1::EventLoopIf::getInstance().stop();
+    }
 }
 
 BrhClient* BrhClient::findClient(std::uint32_t clientRef, std::uint32_t msgNo, const char* what)
@@ -291,12 +314,15 @@ void BrhClient::routeServerNotify(const std::shared_ptr<mnet_msg>& msg)
     if (client == nullptr) {
         return;
     }
-    if (client->isServerFound()) {
+    const bool wasFound = client->isServerFound();
+    if (wasFound) {
         client->onServerLost();
     } else {
         client->onServerFound(*msg);
     }
-    client->callHandler(msg);
+    if (client->isServerFound() != wasFound) {
+        client->callHandler(msg);
+    }
 }
 
 void BrhClient::routeConnEstablishCfm(const std::shared_ptr<mnet_msg>& msg)
@@ -391,20 +417,31 @@ bool BrhClient::sendFrame(const google::protobuf::Message& message, std::uint32_
                           std::uint32_t procedureRef, std::uint32_t connectionRef) const
 {
     const std::size_t length = message.ByteSizeLong();
-    MnetMsgPtr frame = allocMsg(headerSize + length, msgNo);
-    if (!frame || !message.SerializeToArray(reinterpret_cast<unsigned char*>(frame.get()) + headerSize,
-                                            static_cast<int>(length))) {
+    bool isEncoded = false;
+    const bool isSent = insist([&] {
+        MnetMsgPtr frame = allocMsg(headerSize + length, msgNo);
+        isEncoded =
+            frame && message.SerializeToArray(reinterpret_cast<unsigned char*>(frame.get()) + headerSize,
+                                              static_cast<int>(length));
+        if (!isEncoded) {
+            return false;
+        }
+        putWord(*frame, PROCEDURE_REF_OFFSET, procedureRef);
+        putWord(*frame, CONNECTION_REF_OFFSET, connectionRef);
+        SCRY_SEND_SIG(msgNo, m_serverMbox,
+                      "msgNo:" << msgNo << " procedureRef:" << procedureRef
+                               << " connectionRef:" << connectionRef << " " << message.GetTypeName() << ":{"
+                               << message.ShortDebugString() << "}");
+        // A server that has just gone is told of by its notice; the request stays without an answer.
+        return sendMsg(std::move(frame), m_serverMbox, m_ownMbox) == 0 ||
+               (errno != ENOMEM && errno != ENOBUFS);
+    });
+    if (!isEncoded) {
         SCRY_TRACE(1, "Failed to encode message " << msgNo);
-        return false;
+    } else if (!isSent) {
+        SCRY_TRACE(1, "ABN: No room for message " << msgNo << " to BRH server " << m_serverName);
     }
-    putWord(*frame, PROCEDURE_REF_OFFSET, procedureRef);
-    putWord(*frame, CONNECTION_REF_OFFSET, connectionRef);
-    SCRY_SEND_SIG(msgNo, m_serverMbox,
-                  "msgNo:" << msgNo << " procedureRef:" << procedureRef << " connectionRef:" << connectionRef
-                           << " " << message.GetTypeName() << ":{" << message.ShortDebugString() << "}");
-    // A server that has just gone is told of by its notice; the request stays without an answer.
-    sendMsg(std::move(frame), m_serverMbox, m_ownMbox);
-    return true;
+    return isEncoded;
 }
 
 // The end

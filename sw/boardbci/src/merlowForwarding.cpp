@@ -2,11 +2,15 @@
 /// and the loss of either side.
 
 #include "bci/bciCommon.h"
+#include "eventLoopIf.h"
+#include "insist.h"
 #include "merlowCommonData.h"
 #include "merlowComponent.h"
 #include "merlowImpl.h"
 #include "merlowTrace.h"
 #include "rushlog.h"
+
+#include <new>
 
 namespace {
 
@@ -25,12 +29,27 @@ void sendToLegacy(FwdMbox& fwdMbox, const BcSession* legacySession, MnetMsgPtr m
     fwdMbox.send(&raw, legacySession->mailboxId);
 }
 
+/// Without a search the legacy server would be missed for ever: who supervises the server is to start it
+/// again.
+template <class Search> void searchOrEnd(const Search& search)
+{
+    try {
+        search();
+    } catch (const std::bad_alloc&) {
+        SCRY_TRACE(1, "ABN: Without a search for " << LEGACY_NAME << " Merlow ends");
+        Loomwork::EventLoop::V1::EventLoopIf::getInstance().stop();
+    }
+}
+
 } // namespace
 
+/// Without memory for it a trace, and std::bad_alloc.
 void MerlowImpl::startToSearchLegacy()
 {
-    if (mnet_locate_async(LEGACY_NAME, nullptr, m_commonData->getPrivateMbox()) != 0) {
+    const mnet_mbox_id_t privateMbox = m_commonData->getPrivateMbox();
+    if (!insist([privateMbox] { return mnet_locate_async(LEGACY_NAME, nullptr, privateMbox) == 0; })) {
         SCRY_TRACE(1, "ABN: Failed to start the search for " << LEGACY_NAME);
+        throw std::bad_alloc();
     }
 }
 
@@ -140,7 +159,11 @@ void MerlowImpl::sendTarnBcConnEstablishCfm(const BcSession& session)
 void MerlowImpl::deleteBcSession(const BcSession& session)
 {
     for (const auto& component : m_components) {
-        component->onBcSessionLost(session);
+        try {
+            component->onBcSessionLost(session);
+        } catch (const std::bad_alloc&) { // the session must not stay for it
+            SCRY_TRACE(1, "ABN: No memory to give back all that " << session.getMboxName() << " has held");
+        }
     }
     SCRY_OBJ_TRACE(5, "MerlowImpl::deleteBcSession erasing " << session.getMboxName());
     m_commonData->removeClientSession(session.mailboxId);
@@ -157,7 +180,18 @@ void MerlowImpl::handleLegacyFound(const std::shared_ptr<mnet_msg>& msg)
         return;
     }
     SCRY_OBJ_TRACE(5, "Legacy Merlow was found at mailbox 0x" << std::hex << mailbox);
-    m_legacySession = std::make_unique<BcSession>(mailbox, 0, 0, std::uint16_t{0}, LEGACY_NAME, 0U);
+    const bool isSession = insist([this, mailbox] {
+        try {
+            m_legacySession = std::make_unique<BcSession>(mailbox, 0, 0, std::uint16_t{0}, LEGACY_NAME, 0U);
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    });
+    if (!isSession) {
+        searchOrEnd([this] { startToSearchLegacy(); }); // it is found at once
+        return;
+    }
     areComponentsReadyToPublish();
 }
 
@@ -247,7 +281,7 @@ void MerlowImpl::handleSessionLost(const std::shared_ptr<mnet_msg>& msg)
         SCRY_TRACE(1, "ABN: Backend disconnected: erasing " << m_legacySession->getMboxName());
         m_legacySession.reset();
         m_commonData->setPublicMbox(MNET_MBOX_NONE);
-        startToSearchLegacy();
+        searchOrEnd([this] { startToSearchLegacy(); });
     } else if (session == nullptr) {
         SCRY_OBJ_TRACE(5, "Unknown client disconnected: " << mailbox);
     }

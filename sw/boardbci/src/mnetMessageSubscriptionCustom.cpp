@@ -4,7 +4,9 @@
 #include "merlowTrace.h"
 #include "serverThread.h"
 
+#include <new>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -24,6 +26,16 @@ extern "C" void destroyInstance(void* instance)
 extern "C" void createInstanceKey()
 {
     s_instanceKeyResult = pthread_key_create(&s_instanceKey, destroyInstance);
+}
+
+/// A message that has no memory for its count in one moment is not lost for it.
+std::shared_ptr<mnet_msg> shared(MnetMsgPtr& msg)
+{
+    try {
+        return std::shared_ptr<mnet_msg>(std::move(msg)); // which leaves it alone when it throws
+    } catch (const std::bad_alloc&) {
+        return std::shared_ptr<mnet_msg>(std::move(msg)); // NOLINT(bugprone-use-after-move)
+    }
 }
 
 void throwOn(int error)
@@ -155,7 +167,7 @@ void MnetMessageSubscriptionCustom::handleFdEvent()
     }
     const std::uint32_t msgNo = msg->msgNo;
     if (const auto handler = handlerOf(*msg)) {
-        (*handler)(std::shared_ptr<mnet_msg>(std::move(msg)));
+        (*handler)(shared(msg));
     } else if (const auto defaultHandler = m_defaultHandler; defaultHandler && *defaultHandler) {
         SCRY_OBJ_TRACE(13, "Using default handler to process message 0x" << std::hex << msgNo);
         (*defaultHandler)(msg.release());

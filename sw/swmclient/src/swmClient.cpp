@@ -1,6 +1,7 @@
 #include "swmClient.h"
 
 #include "eventLoopIf.h"
+#include "insist.h"
 #include "merlowTracepoints.h"
 #include "sway.h"
 #include "swmi.pb.h"
@@ -302,7 +303,18 @@ void SWMClient::receiveHandler(int fd, unsigned int eventMask)
                  << std::hex << msgNo << "), procRef(0x" << procRef << ")");
         return;
     }
-    const MsgHandler handler = found->second; // it may take itself off
+    MsgHandler handler; // a copy, since it may take itself off
+    const bool isCopied = insist([&] {
+        try {
+            handler = found->second;
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    });
+    if (!isCopied) {
+        throw std::bad_alloc();
+    }
     handler(procRef, frame.get() + headerSize,
             static_cast<unsigned int>(static_cast<std::size_t>(length) - headerSize));
 }

@@ -5,8 +5,10 @@
 #include "board.h"
 #include "brhCapabilities.h"
 #include "bri.pb.h"
+#include "fakeLoop.h"
 
 #include <gmock/gmock.h>
+#include <new>
 #include <random>
 
 namespace bmmi = boardresourcehandler::bmmi;
@@ -199,22 +201,56 @@ TEST_F(BrhClientTest, noticeForAClientThatIsGoneIsTraced)
         m_board.traced(4, "ABN: Unroutable server notify message (0x17075ad) meant for BRH client 102"));
 }
 
-TEST_F(BrhClientTest, lackOfMemoryForTheNotifyFrameIsTraced)
+TEST_F(BrhClientTest, aSearchThatHasNoMemoryIsTriedTwiceAndThenThrows)
 {
-    m_board.mnet().fail(support::FakeMnet::Call::alloc);
+    using Call = support::FakeMnet::Call;
+    for (const Call call : {Call::alloc, Call::locate}) {
+        m_board.traces().clear();
+        m_board.mnet().fail(call, 2);
+        EXPECT_THROW(locate(), std::bad_alloc);
+        EXPECT_TRUE(m_board.traced(1, "ABN: Failed to start the search for BRH server BriServer"));
+        EXPECT_EQ(m_board.mnet().pendingLocates(), 0U);
+    }
+    m_board.mnet().fail(Call::alloc);
     locate();
     EXPECT_TRUE(m_board.traced(1, "ABN: No memory for the notify message of BRH server BriServer"));
-    EXPECT_EQ(m_board.mnet().pendingLocates(), 0U);
+    EXPECT_EQ(m_board.mnet().pendingLocates(), 1U);
+}
 
-    m_board.mnet().fail(support::FakeMnet::Call::locate);
+TEST_F(BrhClientTest, aServerThatCannotBeWatchedIsSearchedForAgain)
+{
+    using Call = support::FakeMnet::Call;
     locate();
-    EXPECT_TRUE(m_board.traced(1, "ABN: Failed to start the search for BRH server BriServer"));
+    for (const Call call : {Call::alloc, Call::monitor}) {
+        m_board.traces().clear();
+        m_board.mnet().fail(call, 2);
+        m_board.bri().start();
+        EXPECT_TRUE(m_bri.isServerFound());
+        EXPECT_EQ(m_board.mnet().monitorCount(), 1U);
+        EXPECT_TRUE(m_board.traced(1, "ABN: Failed to watch BRH server BriServer: searching for it again"));
+        m_board.bri().stop();
+    }
+}
 
-    locate();
+TEST_F(BrhClientTest, withoutMemoryToSearchForALostServerTheThreadEnds)
+{
+    connect();
+    m_board.mnet().fail(support::FakeMnet::Call::locate, 2);
+    m_board.bri().stop();
+    EXPECT_TRUE(m_board.traced(1, "ABN: Without a search for BRH server BriServer Merlow ends"));
+    EXPECT_TRUE(support::FakeLoop::instance().stopped());
+}
+
+TEST_F(BrhClientTest, aFrameThatHasNoMemoryIsTriedTwice)
+{
+    connect();
+    m_board.mnet().fail(support::FakeMnet::Call::send);
+    EXPECT_EQ(m_bri.sendMessage(bri::GetCapabilitiesReq()), 1U);
+    EXPECT_EQ(m_board.bri().receivedHex(), "01707730 00000001 00c0ffee");
     m_board.mnet().fail(support::FakeMnet::Call::alloc);
-    m_board.bri().start();
-    EXPECT_FALSE(m_bri.isServerFound());
-    EXPECT_EQ(m_board.mnet().monitorCount(), 0U);
+    EXPECT_EQ(m_bri.sendMessage(bri::GetCapabilitiesReq()), 2U);
+    EXPECT_EQ(m_board.bri().receivedHex(), "01707730 00000002 00c0ffee");
+    EXPECT_TRUE(m_board.bri().nothingReceived());
 }
 
 // Connection
@@ -451,7 +487,7 @@ TEST_F(BrhClientTest, sendingWithoutAConnectionGivesZero)
 TEST_F(BrhClientTest, lackOfMemoryForAFrameGivesZero)
 {
     connect();
-    m_board.mnet().fail(support::FakeMnet::Call::alloc);
+    m_board.mnet().fail(support::FakeMnet::Call::alloc, 2);
     EXPECT_EQ(m_bri.sendMessage(bri::GetCapabilitiesReq()), 0U);
     EXPECT_TRUE(m_board.traced(1, "Failed to encode message 24147760"));
     bri::HwLogSetReq tooLarge;
@@ -464,7 +500,7 @@ TEST_F(BrhClientTest, lackOfMemoryForAFrameGivesZero)
 TEST_F(BrhClientTest, refusedSendStillGivesTheReference)
 {
     connect();
-    m_board.mnet().fail(support::FakeMnet::Call::send);
+    m_board.mnet().fail(support::FakeMnet::Call::send, 2);
     EXPECT_EQ(m_bri.sendMessage(bri::GetCapabilitiesReq()), 1U);
     EXPECT_EQ(m_board.mnet().heldMessages(), 0U);
 }

@@ -146,6 +146,9 @@ public:
     {
         EXPECT_EQ(m_commonData.getClientSession(session.mailboxId), &session) << "Gone too early";
         m_diary.push_back(m_name + ".lost " + session.getMboxName());
+        if (onLost) {
+            onLost();
+        }
     }
     void onServerThreadExiting() override
     {
@@ -173,6 +176,7 @@ public:
     bool ready = true;
     bool initResult = true;
     std::function<void()> onInit;
+    std::function<void()> onLost;
 
 private:
     std::string m_name;

@@ -262,12 +262,6 @@ protected:
             all.rest();
             served = all.serves();
         }
-        if (!served && all.unit.isUp()) { // it does not look for a neighbour any more
-            all.end();
-            EXPECT_TRUE(all.start());
-            all.rest();
-            served = all.serves();
-        }
         EXPECT_TRUE(served) << "No client is served";
         all.end();
         EXPECT_EQ(FakeMnet::instance().mailboxCount(FakeMnet::server), 0U);

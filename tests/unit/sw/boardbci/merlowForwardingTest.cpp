@@ -436,6 +436,41 @@ TEST_F(MerlowForwardingTest, theLostLegacyServerTakesPublicationBackAndIsSearche
     EXPECT_EQ(client.receive().hex, "");
 }
 
+TEST_F(MerlowForwardingTest, withoutMemoryToSearchForTheLostLegacyServerTheThreadEnds)
+{
+    publish();
+    mnet().fail(FakeMnet::Call::locate, 2);
+    m_legacy->die();
+    EXPECT_TRUE(traced(1, "ABN: Without a search for LegacyMerlow Merlow ends"));
+    EXPECT_TRUE(loop().stopped());
+}
+
+TEST_F(MerlowForwardingTest, theWatchOfTheLegacyServerIsTriedTwice)
+{
+    startUp();
+    m_b->becomeReady();
+    mnet().fail(FakeMnet::Call::monitor);
+    m_legacy.emplace("LegacyMerlow");
+    loop().pumpUntilIdle();
+    EXPECT_EQ(mnet().monitorCount(), 1U);
+    m_legacy->die();
+    EXPECT_TRUE(traced(1, "ABN: Backend disconnected: erasing LegacyMerlow"));
+}
+
+TEST_F(MerlowForwardingTest, aLostClientsSessionGoesThoughAComponentHasNoMemory)
+{
+    publish();
+    m_b->onLost = [] {
+        throw std::bad_alloc();
+    };
+    const Peer client = requestingClient();
+    EXPECT_EQ(data().getNumClientSessions(), 1U);
+    client.die();
+    EXPECT_EQ(data().getNumClientSessions(), 0U);
+    EXPECT_FALSE(mnet().exists(m_lastClone));
+    EXPECT_TRUE(traced(1, "ABN: No memory to give back all that DU_0 has held"));
+}
+
 TEST_F(MerlowForwardingTest, aLegacyServerThatIsAClientTooIsLostAsBoth)
 {
     publish();

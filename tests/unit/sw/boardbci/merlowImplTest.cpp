@@ -170,11 +170,18 @@ TEST_F(MerlowImplTest, componentsAreInitialisedInTheirOrder)
     EXPECT_THAT(m_diary, ElementsAre("a.init", "b.init"));
 }
 
-TEST_F(MerlowImplTest, theSearchForTheLegacyServerThatFailsIsTraced)
+TEST_F(MerlowImplTest, aSearchForTheLegacyServerThatHasNoMemoryTwiceEndsTheStart)
+{
+    mnet().fail(FakeMnet::Call::locate, 2);
+    EXPECT_EQ(m_impl->startUp(), MerlowImpl::COMPONENT_FAILED);
+    EXPECT_TRUE(traced(1, "ABN: Failed to start the search for LegacyMerlow"));
+}
+
+TEST_F(MerlowImplTest, aSearchForTheLegacyServerThatHasNoMemoryOnceIsRepeated)
 {
     mnet().fail(FakeMnet::Call::locate);
-    ASSERT_EQ(m_impl->startUp(), 0);
-    EXPECT_TRUE(traced(1, "ABN: Failed to start the search for LegacyMerlow"));
+    EXPECT_EQ(m_impl->startUp(), 0);
+    EXPECT_EQ(mnet().pendingLocates(), 1U);
 }
 
 TEST_F(MerlowImplTest, theExitMessageTellsAllComponentsAndDeletesBothMailboxesAndStopsTheLoop)

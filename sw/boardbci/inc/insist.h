@@ -1,0 +1,8 @@
+#pragma once
+
+/// Tries `step` twice until it is true: what would be missed for long if it failed in the one moment in which
+/// there is no memory.
+template <class Step> [[nodiscard]] bool insist(const Step& step)
+{
+    return step() || step();
+}
