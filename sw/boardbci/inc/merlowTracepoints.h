@@ -4,13 +4,14 @@
 ///   TP_ERROR("Could not remove fault, faultId = 0x" << std::hex << faultId);
 ///   TP_REC_SIG(msg->msgNo, "Received signal " << name);
 ///
-/// Any thread. A disabled event costs two loads and a test.
+/// Any thread. A disabled event costs two loads and a test. Without memory an event goes without its text.
 #pragma once
 
 #include "scryTrace.h"
 
 #include <array>
 #include <cstddef>
+#include <new>
 #include <sstream>
 #include <string>
 
@@ -91,13 +92,18 @@ void start();
 #define TP_FIRE(event, stream, ...)                                                                          \
     do {                                                                                                     \
         if (MerlowTracepoints::isOn(MerlowTracepoints::Event::event)) [[unlikely]] {                         \
-            std::ostringstream tpText;                                                                       \
-            tpText << stream; /* NOLINT(bugprone-macro-parentheses): a chain of << */                        \
-            const std::string tpMsg = tpText.str();                                                          \
+            std::string tpMsg;                                                                               \
             MerlowTracepoints::Fields tpFields;                                                              \
             tpFields.file = tpt_short_fname(__FILE__);                                                       \
             tpFields.line = __LINE__;                                                                        \
-            tpFields.msg = tpMsg.c_str();                                                                    \
+            try {                                                                                            \
+                std::ostringstream tpText;                                                                   \
+                tpText << stream; /* NOLINT(bugprone-macro-parentheses): a chain of << */                    \
+                tpMsg = tpText.str();                                                                        \
+                tpFields.msg = tpMsg.c_str();                                                                \
+            } catch (const std::bad_alloc&) {                                                                \
+                tpFields.msg = "ABN: No memory for a trace";                                                 \
+            }                                                                                                \
             __VA_ARGS__;                                                                                     \
             MerlowTracepoints::fire(MerlowTracepoints::Event::event, tpFields);                              \
         }                                                                                                    \

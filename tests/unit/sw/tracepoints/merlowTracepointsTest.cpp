@@ -1,6 +1,7 @@
 #include "merlowTracepoints.h"
 
 #include <gtest/gtest.h>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -105,6 +106,21 @@ TEST_F(MerlowTracepointsTest, anEventCarriesItsFields)
     EXPECT_EQ(m_captured[3].process, "process");
     EXPECT_EQ(m_captured[3].data, std::string("a\0b", 3));
     EXPECT_EQ(m_captured[3].msg, "text");
+}
+
+std::string withoutMemory()
+{
+    throw std::bad_alloc();
+}
+
+TEST_F(MerlowTracepointsTest, anEventWithoutMemoryForItsTextGoesWithoutIt)
+{
+    MerlowTracepoints::setSink(this);
+    TP_SEND_SIG(0x17C0202, 0xABC, "Sent " << withoutMemory());
+    ASSERT_EQ(m_captured.size(), 1u);
+    EXPECT_EQ(m_captured[0].msg, "ABN: No memory for a trace");
+    EXPECT_EQ(m_captured[0].sigNo, 0x17C0202u);
+    EXPECT_EQ(m_captured[0].pid, 0xABCu);
 }
 
 TEST_F(MerlowTracepointsTest, enteringNamesTheFunction)
