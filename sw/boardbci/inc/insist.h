@@ -4,5 +4,11 @@
 /// there is no memory.
 template <class Step> [[nodiscard]] bool insist(const Step& step)
 {
-    return step() || step();
+    constexpr int attempts = 2;
+    for (int i = 0; i < attempts; ++i) {
+        if (step()) {
+            return true;
+        }
+    }
+    return false;
 }
