@@ -136,6 +136,7 @@ void BusyClients::killOne()
         auto client = std::next(m_clients.begin(), static_cast<std::ptrdiff_t>(below(m_clients.size())));
         client->isKilled = true;
         client->process->signal(SIGKILL);
+        ++m_killed;
     }
 }
 
@@ -153,6 +154,7 @@ void BusyClients::takeDone()
         if (Clock::now() >= client->deadline && !client->isKilled) {
             client->isKilled = true;
             client->process->signal(SIGKILL);
+            ++m_killed;
         }
         if (client->process->running()) {
             ++client;

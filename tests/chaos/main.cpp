@@ -246,9 +246,12 @@ private:
         succeeds({"bcictl", "faults"}, "no active faults");
     }
 
-    /// The neighbours hold nothing but the server's own connections.
+    /// The neighbours hold nothing but the server's own connections, and what nobody could give back: who
+    /// leaves before the board has said under which numbers it knows him is known to it until the server
+    /// comes anew.
     void checkState()
     {
+        const std::size_t leftEarly = m_clients.killed() + m_clients.unanswered();
         nlohmann::json status;
         const auto isClean = [&] {
             const auto outcome = m_unit.call("boardctl", {"status", "--json"});
@@ -257,8 +260,8 @@ private:
                 return status.value(nlohmann::json::json_pointer(pointer), nlohmann::json("none")).size();
             };
             return status.is_object() && size("/brhd/bri/connections") == 1 &&
-                   size("/brhd/bmmi/connections") == 1 && size("/brhd/bri/timeSources") == 0 &&
-                   size("/brhd/bri/measurements") == 0 && size("/brhd/bmmi/users") == 0 &&
+                   size("/brhd/bmmi/connections") == 1 && size("/brhd/bri/timeSources") <= leftEarly &&
+                   size("/brhd/bri/measurements") == 0 && size("/brhd/bmmi/users") <= leftEarly &&
                    size("/legacyd/connections") == 0 && size("/swmd/connections") == 1 &&
                    size("/swmd/tickets") == 0;
         };
