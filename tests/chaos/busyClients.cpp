@@ -136,7 +136,6 @@ void BusyClients::killOne()
         auto client = std::next(m_clients.begin(), static_cast<std::ptrdiff_t>(below(m_clients.size())));
         client->isKilled = true;
         client->process->signal(SIGKILL);
-        ++m_killed;
     }
 }
 
@@ -154,7 +153,6 @@ void BusyClients::takeDone()
         if (Clock::now() >= client->deadline && !client->isKilled) {
             client->isKilled = true;
             client->process->signal(SIGKILL);
-            ++m_killed;
         }
         if (client->process->running()) {
             ++client;
@@ -170,6 +168,7 @@ void BusyClients::judge(Client& client)
     const std::string said = client.process->err();
     m_unanswered += countOf(said, "no answer") + countOf(said, "no confirm");
     const int status = client.process->wait();
+    m_leftEarly += client.isKilled || status == 3 || status == 4 ? 1 : 0;
     const bool isDocumented = status == 0 || status == 1 || status == 3 || status == 4;
     if (!isDocumented && !(client.isKilled && status == 128 + SIGKILL)) {
         m_complaints += client.command + " ended with " + std::to_string(status) + ": " + said + "\n";

@@ -28,8 +28,8 @@ public:
 
     [[nodiscard]] std::size_t started() const { return m_started; }
     [[nodiscard]] std::size_t unanswered() const { return m_unanswered; }
-    /// Programs that were killed.
-    [[nodiscard]] std::size_t killed() const { return m_killed; }
+    /// Programs that were killed, had no answer, or lost their unit.
+    [[nodiscard]] std::size_t leftEarly() const { return m_leftEarly; }
     /// Programs that crashed, or ended in no documented way. For people.
     [[nodiscard]] const std::string& complaints() const { return m_complaints; }
 
@@ -53,7 +53,7 @@ private:
     std::list<Client> m_clients;
     std::size_t m_started = 0;
     std::size_t m_unanswered = 0;
-    std::size_t m_killed = 0;
+    std::size_t m_leftEarly = 0;
     std::string m_complaints;
 };
 

@@ -68,7 +68,7 @@ public:
     {
         return std::to_string(m_kills) + " kills, " + std::to_string(m_stops) + " stops, " +
                std::to_string(m_clients.started()) + " clients, " + std::to_string(m_clients.unanswered()) +
-               " of their requests unanswered" +
+               " of their requests unanswered, " + std::to_string(m_clients.leftEarly()) + " left early" +
                (m_grown ? ", the server's memory grew by " + std::to_string(*m_grown / 1024) + " KiB" : "");
     }
 
@@ -251,7 +251,7 @@ private:
     /// comes anew.
     void checkState()
     {
-        const std::size_t leftEarly = m_clients.killed() + m_clients.unanswered();
+        const std::size_t leftEarly = m_clients.leftEarly();
         nlohmann::json status;
         const auto isClean = [&] {
             const auto outcome = m_unit.call("boardctl", {"status", "--json"});
